@@ -1,0 +1,158 @@
+// Testing interface of our Kestrel runtime: a call log, fault injection and a
+// render hook. Linked only into tests; hosts never see it.
+//
+// A typical test:
+//
+//   using namespace Kestrel::Testing;
+//   CallLog log;                                  // records from here on
+//   wrapperBuffer->Bind(KSBuffer::kArray);
+//   EXPECT_EQ(log.Calls(), (Calls{"ksBindBuffer(KS_ARRAY_BUFFER, buf#1)", "ksGetError()"}));
+//
+//   AutoFaults faults;                            // clears every fault at scope end
+//   InjectFault("ksMapBuffer");                   // next ksMapBuffer gives null
+//   EXPECT_EQ(mapping.GetPtr(), nullptr);
+//
+// Text form of a logged call: the function name, then its arguments in
+// parentheses, separated by ", ":
+//   - enum-like arguments (targets, binding names, parameter names, formats,
+//     types, usages, access, shader kinds, masks equal to a named constant)
+//     by their constant's name, e.g. KS_ARRAY_BUFFER; a number that names no
+//     constant of that slot in decimal;
+//   - handles as kind#serial, where serial counts that kind of object within
+//     its context from 1 in creation order: ctx#1 (per process), shader#2,
+//     prog#1, buf#3, tex#1, fb#1; a null handle as "null"; a handle that is
+//     not live in the current context as kind?0x<hex id>;
+//   - primitives as their number in decimal (0 is the frame primitive);
+//   - other integers in decimal, floats by "%g";
+//   - strings in double quotes; a null string as null;
+//   - other pointers (data, output arguments) as "ptr", or "null".
+// Values of ksUniform calls are logged by pointer, not expanded, so that a
+// test reads the stored values through the runtime instead.
+#ifndef KESTREL_TESTING_H
+#define KESTREL_TESTING_H
+
+#include "KestrelApi/Kestrel.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Kestrel::Testing
+{
+
+using Calls = std::vector<std::string>;
+
+// Records every Kestrel call (both `Kestrel…` and `ks…`) made from any thread
+// between construction and destruction. Logs nest: each live log records.
+class KESTREL_EXPORT CallLog
+{
+public:
+    CallLog();
+    ~CallLog();
+    CallLog(const CallLog&) = delete;
+    CallLog& operator=(const CallLog&) = delete;
+
+    // The calls recorded so far, oldest first.
+    std::vector<std::string> Calls() const;
+    // Only the calls of one function, e.g. CallsOf("ksGetError").
+    std::vector<std::string> CallsOf(const std::string& function) const;
+    // Forget what was recorded; recording goes on.
+    void Clear();
+
+private:
+    struct Impl;
+    Impl* _pImpl;
+};
+
+// Sentinel for InjectFault: raise the function's own error (see below).
+constexpr int kNaturalError = -1;
+
+// Makes the next `count` calls of `function` fail the way that function
+// fails, without doing their work:
+//   - KestrelCreateContext gives null;
+//   - ksCreateShader, ksCreateProgram give null; ksGen… leave the output null
+//     (ksGenPrimitives leaves it 0);
+//   - ksMapBuffer gives null;
+//   - ksCompileShader / ksLinkProgram leave status 0 with the log
+//     "0:0: error: injected fault";
+//   - KestrelSetCurrentContext gives 0;
+//   - every other function does nothing.
+// Then the error `error` is raised in the current context, with its
+// notification: kNaturalError raises KS_OUT_OF_MEMORY for creation and
+// mapping functions, nothing for compile/link/KestrelSetCurrentContext and
+// KS_INVALID_OPERATION for all others; 0 raises nothing; any other value
+// raises that value. An unknown function name is a programming error of the
+// test and aborts it with a message.
+KESTREL_EXPORT void InjectFault(const std::string& function, int count = 1,
+                                int error = kNaturalError);
+// Makes the next `count` calls of `function` do their work normally and then
+// raise `error` (e.g. a ksUniform3fv that stores its value but reports
+// KS_INVALID_OPERATION).
+KESTREL_EXPORT void InjectErrorAfter(const std::string& function, int error, int count = 1);
+// Faults injected and not yet used up, summed over functions.
+KESTREL_EXPORT int PendingFaults();
+KESTREL_EXPORT void ClearFaults();
+
+// Raises `error` in the current context now, as the runtime would: kept if
+// none is pending, and notified. Safe from the render hook.
+KESTREL_EXPORT void RaiseError(int error);
+
+// Clears all faults when it leaves scope, so one test cannot poison the next.
+class AutoFaults
+{
+public:
+    AutoFaults() = default;
+    ~AutoFaults() { ClearFaults(); }
+    AutoFaults(const AutoFaults&) = delete;
+    AutoFaults& operator=(const AutoFaults&) = delete;
+};
+
+// Called once per ksRenderFrame, on a worker thread, after validation and
+// before the first tile, with the context being rendered. From it a test may
+// call KestrelStopContext (from this or any thread), RaiseError, or block
+// until another thread has acted; the frame continues when it returns.
+using RenderHook = std::function<void(void* context)>;
+// Installs the hook for every context; an empty function removes it.
+KESTREL_EXPORT void SetRenderHook(RenderHook hook);
+
+class AutoRenderHook
+{
+public:
+    explicit AutoRenderHook(RenderHook hook) { SetRenderHook(std::move(hook)); }
+    ~AutoRenderHook() { SetRenderHook(nullptr); }
+    AutoRenderHook(const AutoRenderHook&) = delete;
+    AutoRenderHook& operator=(const AutoRenderHook&) = delete;
+};
+
+// The text a handle has in the call log, for building expected lines.
+KESTREL_EXPORT std::string Describe(_KSshader* handle);
+KESTREL_EXPORT std::string Describe(_KSprogram* handle);
+KESTREL_EXPORT std::string Describe(_KSbuffer* handle);
+KESTREL_EXPORT std::string Describe(_KStexture* handle);
+KESTREL_EXPORT std::string Describe(_KSframebuffer* handle);
+
+// Live objects of each kind in `context` (shaders, programs, primitives
+// without the frame primitive, buffers, textures, frame buffers), for leak
+// checks. -1 for a context that is not live.
+struct ObjectCounts
+{
+    int shaders = 0;
+    int programs = 0;
+    int primitives = 0;
+    int buffers = 0;
+    int textures = 0;
+    int framebuffers = 0;
+    bool operator==(const ObjectCounts& other) const
+    {
+        return shaders == other.shaders && programs == other.programs &&
+               primitives == other.primitives && buffers == other.buffers &&
+               textures == other.textures && framebuffers == other.framebuffers;
+    }
+};
+KESTREL_EXPORT ObjectCounts CountObjects(void* context);
+// Live contexts of the process.
+KESTREL_EXPORT int CountContexts();
+
+} // namespace Kestrel::Testing
+
+#endif // KESTREL_TESTING_H

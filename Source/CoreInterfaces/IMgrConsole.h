@@ -1,0 +1,64 @@
+// The console interface of the core library: where every message of the
+// wrapper goes. The wrapper only holds pointers to consoles; hosts own them.
+#ifndef VIREO_CORE_INTERFACES_IMGRCONSOLE_H
+#define VIREO_CORE_INTERFACES_IMGRCONSOLE_H
+
+#include <cstdarg>
+
+#if defined(__GNUC__) || defined(__clang__)
+#define VIREO_PRINTF_FORMAT(fmt, first) __attribute__((format(printf, fmt, first)))
+#else
+#define VIREO_PRINTF_FORMAT(fmt, first)
+#endif
+
+namespace Vireo
+{
+
+class IConsole
+{
+public:
+    // How much a block or a console shows; the wrapper only carries these.
+    enum VerbosityLevel
+    {
+        kVL_Quiet = 0,
+        kVL_Normal = 1,
+        kVL_Detail = 2,
+        kVL_Trace = 3,
+    };
+
+protected:
+    ~IConsole() = default;
+};
+
+// Five kinds of message, each a printf-style operation with a va_list
+// sister, and blocks that open and close at a level. Implementations must
+// cope with calls from any thread: the wrapper takes no lock around them.
+// The `this` pointer is argument 1, so the format is argument 2.
+class IMgrConsole
+{
+public:
+    virtual ~IMgrConsole() = default;
+
+    virtual void SetVerbosity(IConsole::VerbosityLevel level) = 0;
+    virtual IConsole::VerbosityLevel GetVerbosity() const = 0;
+
+    virtual void Print(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
+    virtual void VPrint(const char* format, va_list arguments) = 0;
+    virtual void PrintDetail(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
+    virtual void VPrintDetail(const char* format, va_list arguments) = 0;
+    virtual void PrintTrace(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
+    virtual void VPrintTrace(const char* format, va_list arguments) = 0;
+    virtual void PrintWarning(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
+    virtual void VPrintWarning(const char* format, va_list arguments) = 0;
+    virtual void PrintError(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
+    virtual void VPrintError(const char* format, va_list arguments) = 0;
+
+    virtual void BeginBlock(IConsole::VerbosityLevel level, const char* text) = 0;
+    // Blocks opened and not yet closed.
+    virtual int GetBlockDepth() const = 0;
+    virtual void EndBlock(IConsole::VerbosityLevel level, const char* text) = 0;
+};
+
+} // namespace Vireo
+
+#endif // VIREO_CORE_INTERFACES_IMGRCONSOLE_H
