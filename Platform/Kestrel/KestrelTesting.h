@@ -35,6 +35,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Kestrel::Testing
@@ -152,6 +153,67 @@ struct ObjectCounts
 KESTREL_EXPORT ObjectCounts CountObjects(void* context);
 // Live contexts of the process.
 KESTREL_EXPORT int CountContexts();
+
+// Additions: read back what the runtime stored, for checks that the call log
+// cannot make. Each acts on the current context and gives false when there
+// is none or when the object is not live in it.
+
+// A uniform value as a ksUniform call stored it on a primitive.
+struct UniformRecord
+{
+    std::string type;          // "float", "vec3", "ivec2", "mat4", "texture", "primitive", ...
+    long long count = 0;       // elements of that type
+    std::vector<float> floats; // float, vector and matrix types
+    std::vector<int> ints;     // int and ivec types
+    std::vector<unsigned long long> handles; // textures as ids, primitives as numbers
+};
+// The value at `location` of `primitive` (0: the frame primitive); false
+// also when nothing was stored there. Matrices are column-major, whatever
+// the transpose flag of the call was.
+KESTREL_EXPORT bool ReadUniform(KSprimitive primitive, int location, UniformRecord* value);
+
+struct PrimitiveRecord
+{
+    std::string name;
+    _KSprogram* program = nullptr;
+    std::vector<std::pair<int, _KSbuffer*>> blocks; // uniform block index, buffer
+};
+KESTREL_EXPORT bool ReadPrimitive(KSprimitive primitive, PrimitiveRecord* record);
+
+// One level of a texture: level 0 is the image of ksTexImage2D (the host's
+// memory under client storage), levels from 1 those of ksGenerateMipmap.
+struct TextureRecord
+{
+    int width = 0;
+    int height = 0;
+    int format = 0;
+    int type = 0;
+    bool clientStorage = false;
+    int levels = 0; // levels the texture has, level 0 included
+    int minFilter = 0;
+    int magFilter = 0;
+    int wrapS = 0;
+    int wrapT = 0;
+    std::vector<unsigned char> bytes;
+};
+KESTREL_EXPORT bool ReadTexture(_KStexture* texture, int level, TextureRecord* record);
+
+// Makes ksGetString(name) answer `text` (copied; null makes it answer null)
+// until the override is removed, so that tests can present other versions.
+KESTREL_EXPORT void OverrideString(int name, const char* text);
+KESTREL_EXPORT void RemoveStringOverride(int name);
+
+class AutoStringOverride
+{
+public:
+    AutoStringOverride(int name, const char* text) : _nName(name) { OverrideString(name, text); }
+    ~AutoStringOverride() { RemoveStringOverride(_nName); }
+    AutoStringOverride(const AutoStringOverride&) = delete;
+    AutoStringOverride& operator=(const AutoStringOverride&) = delete;
+
+private:
+    int _nName;
+};
 
 } // namespace Kestrel::Testing
 

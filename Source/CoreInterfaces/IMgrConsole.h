@@ -30,10 +30,18 @@ protected:
     ~IConsole() = default;
 };
 
+// Blocks and consumers store the level in a 32-bit field.
+static_assert(sizeof(IConsole::VerbosityLevel) == 4, "VerbosityLevel must stay 32 bits");
+
 // Five kinds of message, each a printf-style operation with a va_list
 // sister, and blocks that open and close at a level. Implementations must
 // cope with calls from any thread: the wrapper takes no lock around them.
 // The `this` pointer is argument 1, so the format is argument 2.
+//
+// A console decides for itself what each kind looks like and which it
+// shows; the wrapper only picks the kind. A host that wants the wrapper's
+// messages elsewhere implements this interface and installs it with
+// SetMgrConsole (see VireoCore.h).
 class IMgrConsole
 {
 public:
@@ -43,15 +51,15 @@ public:
     virtual IConsole::VerbosityLevel GetVerbosity() const = 0;
 
     virtual void Print(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
-    virtual void VPrint(const char* format, va_list arguments) = 0;
+    virtual void VPrint(const char* format, va_list arguments) VIREO_PRINTF_FORMAT(2, 0) = 0;
     virtual void PrintDetail(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
-    virtual void VPrintDetail(const char* format, va_list arguments) = 0;
+    virtual void VPrintDetail(const char* format, va_list arguments) VIREO_PRINTF_FORMAT(2, 0) = 0;
     virtual void PrintTrace(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
-    virtual void VPrintTrace(const char* format, va_list arguments) = 0;
+    virtual void VPrintTrace(const char* format, va_list arguments) VIREO_PRINTF_FORMAT(2, 0) = 0;
     virtual void PrintWarning(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
-    virtual void VPrintWarning(const char* format, va_list arguments) = 0;
+    virtual void VPrintWarning(const char* format, va_list arguments) VIREO_PRINTF_FORMAT(2, 0) = 0;
     virtual void PrintError(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3) = 0;
-    virtual void VPrintError(const char* format, va_list arguments) = 0;
+    virtual void VPrintError(const char* format, va_list arguments) VIREO_PRINTF_FORMAT(2, 0) = 0;
 
     virtual void BeginBlock(IConsole::VerbosityLevel level, const char* text) = 0;
     // Blocks opened and not yet closed.

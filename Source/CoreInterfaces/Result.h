@@ -15,8 +15,9 @@ class VIREO_CORE_EXPORT Result
 public:
     Result() = default;
 
-    // Appends the printf-style formatted text. The answer is always true;
-    // it exists for callers that chain checks.
+    // Appends the printf-style formatted text, however long. Text that must
+    // stay literal goes through "%s". The answer is always true; it exists
+    // for callers that chain checks.
     bool Add(const char* format, ...) VIREO_PRINTF_FORMAT(2, 3);
 
     const std::string& GetText() const { return _sText; }

@@ -1,0 +1,213 @@
+// The records behind Kestrel's handles. A context owns them in its handle
+// tables; nothing outside the runtime ever sees their addresses.
+#ifndef KESTREL_OBJECTS_H
+#define KESTREL_OBJECTS_H
+
+#include "KestrelApi/Kestrel.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace Kestrel
+{
+
+// Handles are process-wide ids, cast to the API's pointer types.
+using Id = std::uint64_t;
+
+template <class Handle>
+Id IdOf(Handle* handle)
+{
+    return static_cast<Id>(reinterpret_cast<std::uintptr_t>(handle));
+}
+
+template <class Handle>
+Handle* HandleOf(Id id)
+{
+    return reinterpret_cast<Handle*>(static_cast<std::uintptr_t>(id));
+}
+
+enum ObjectKind
+{
+    kOK_Shader,
+    kOK_Program,
+    kOK_Primitive,
+    kOK_Buffer,
+    kOK_Texture,
+    kOK_Framebuffer,
+    kOK_Context,
+    kOK_Count
+};
+
+// Nothing the runtime allocates for a client may exceed this; larger requests
+// are KS_OUT_OF_MEMORY rather than an attempt that could take the machine down.
+constexpr std::size_t kMaxStorageBytes = std::size_t(1) << 34;
+// The longest edge of a texture image, so that a frame over an image of the
+// empty format still has a bounded number of tiles.
+constexpr int kMaxTextureSize = 1 << 16;
+
+// Bytes owned by the runtime: zeroed or copied at creation, never resized.
+class Storage
+{
+public:
+    Storage() = default;
+    // False when the memory cannot be had; `copy` may be null for zeroes.
+    bool Allocate(std::size_t size, const void* copy);
+    unsigned char* Data() const { return _pData.get(); }
+    std::size_t Size() const { return _nSize; }
+
+private:
+    struct Free
+    {
+        void operator()(unsigned char* p) const { std::free(p); }
+    };
+    std::unique_ptr<unsigned char, Free> _pData;
+    std::size_t _nSize = 0;
+};
+
+// The type of a uniform value, as the call that set it says.
+enum UniformType
+{
+    kUT_Float,
+    kUT_Vec2,
+    kUT_Vec3,
+    kUT_Vec4,
+    kUT_Int,
+    kUT_IVec2,
+    kUT_IVec3,
+    kUT_IVec4,
+    kUT_Mat3,
+    kUT_Mat4,
+    kUT_Texture,
+    kUT_Primitive,
+    kUT_Count
+};
+
+// The shading language's name of a type: "vec3", "texture", ...
+const char* UniformTypeName(UniformType type);
+
+struct UniformValue
+{
+    UniformType _eType = kUT_Float;
+    long long _nCount = 0;
+    std::vector<float> _floats; // float, vector and matrix types; matrices column-major
+    std::vector<int> _ints;     // int and ivec types
+    std::vector<Id> _handles;   // textures (ids) and primitives (numbers)
+};
+
+// What a successful link tells the rest of the runtime. Locations and
+// indices are positions in these lists.
+struct LinkedProgram
+{
+    struct Uniform
+    {
+        std::string _sName;
+        UniformType _eType = kUT_Float;
+    };
+    std::vector<Uniform> _uniforms;
+    std::vector<std::string> _blocks;
+    std::vector<std::string> _attributes;
+};
+
+struct ShaderObject
+{
+    Id _nId = 0;
+    int _nSerial = 0;
+    int _eKind = 0;
+    bool _bHasSource = false;
+    std::string _sSource;
+    std::string _sName;
+    std::string _sLog;
+    bool _bCompiled = false;
+};
+
+struct ProgramObject
+{
+    Id _nId = 0;
+    int _nSerial = 0;
+    // Attached shaders stay here after they are deleted: a program keeps
+    // what it links from.
+    std::vector<std::shared_ptr<ShaderObject>> _attached;
+    std::string _sName;
+    std::string _sLog;
+    bool _bLinked = false;
+    LinkedProgram _linked;
+};
+
+struct PrimitiveObject
+{
+    Id _nId = 0; // the primitive's number; 0 is the frame primitive
+    int _nSerial = 0;
+    std::string _sName;
+    Id _nProgram = 0;
+    std::map<int, UniformValue> _uniforms;
+    std::map<int, Id> _blocks; // uniform block index -> buffer
+};
+
+struct BufferObject
+{
+    Id _nId = 0;
+    int _nSerial = 0;
+    Storage _storage;
+    int _eUsage = 0;
+    bool _bMapped = false;
+    std::string _sName;
+};
+
+// One image of a texture. Shared with frames in flight, so a texture that is
+// respecified or deleted during a frame never pulls memory from under it.
+struct TextureImage
+{
+    int _nWidth = 0;
+    int _nHeight = 0;
+    int _eFormat = 0; // 0: the empty "no format" image
+    int _eType = 0;
+    Storage _storage;                  // the runtime's own pixels
+    unsigned char* _pClient = nullptr; // client storage: the host's pixels
+    unsigned char* Data() const { return _pClient ? _pClient : _storage.Data(); }
+    std::size_t Bytes() const;
+};
+
+struct MipLevel
+{
+    int _nWidth = 0;
+    int _nHeight = 0;
+    Storage _storage;
+};
+
+struct TextureObject
+{
+    Id _nId = 0;
+    int _nSerial = 0;
+    std::shared_ptr<TextureImage> _pImage; // null until ksTexImage2D
+    std::vector<MipLevel> _mipLevels;      // levels 1 and up
+    int _eMinFilter = KS_LINEAR;
+    int _eMagFilter = KS_LINEAR;
+    int _eWrapS = KS_REPEAT;
+    int _eWrapT = KS_REPEAT;
+};
+
+constexpr int kMaxAttachments = 16;
+
+struct AttachmentPoint
+{
+    Id _nTexture = 0;
+    int _nFilter = 0;
+    int _eBlendMode = KS_BLEND_MODE_0;
+};
+
+struct FramebufferObject
+{
+    Id _nId = 0;
+    int _nSerial = 0;
+    std::array<AttachmentPoint, kMaxAttachments> _points;
+};
+
+} // namespace Kestrel
+
+#endif // KESTREL_OBJECTS_H

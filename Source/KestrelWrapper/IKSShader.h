@@ -1,0 +1,59 @@
+// A shader of Kestrel behind the library's object model.
+#ifndef VIREO_KESTRELWRAPPER_IKSSHADER_H
+#define VIREO_KESTRELWRAPPER_IKSSHADER_H
+
+#include "KestrelApi/Kestrel.h"
+#include "VireoExport.h"
+
+#include <string>
+
+namespace fastdelegate
+{
+template <class RetType>
+class FastDelegate0;
+template <class Param1, class RetType>
+class FastDelegate1;
+} // namespace fastdelegate
+
+namespace Vireo
+{
+
+class Result;
+
+class VIREO_EXPORT IKSShader
+{
+public:
+    // Index into the table of Kestrel shader kinds; the order is fixed.
+    enum Type
+    {
+        kST_LinkOnce = 0,
+        kST_Vertex = 1,
+        kST_Kind2 = 2,
+        kST_Kind3 = 3,
+    };
+
+    IKSShader() = default;
+    IKSShader(const IKSShader&) = default;
+    IKSShader& operator=(const IKSShader&) = default;
+
+    // Told when the shader is going away, before its handle is deleted.
+    virtual bool AddListenerDelete(fastdelegate::FastDelegate1<IKSShader*, bool>& listener) = 0;
+    virtual bool RemoveListenerDelete(fastdelegate::FastDelegate1<IKSShader*, bool>& listener) = 0;
+    // Told when new source has compiled.
+    virtual bool AddListenerChange(fastdelegate::FastDelegate0<bool>& listener) = 0;
+    virtual bool RemoveListenerChange(fastdelegate::FastDelegate0<bool>& listener) = 0;
+    virtual bool SetName(const std::string& name) = 0;
+    virtual std::string GetName() = 0;
+    // Replaces the source and compiles it; problems go into `result` if given.
+    virtual bool SetString(std::string& source, Result* result) = 0;
+    virtual _KSshader* GetKSShader() = 0;
+    virtual Type GetType() = 0;
+
+protected:
+    // Shaders go back through IKestrelContext::DestroyIKSShader.
+    virtual ~IKSShader() = default;
+};
+
+} // namespace Vireo
+
+#endif // VIREO_KESTRELWRAPPER_IKSSHADER_H

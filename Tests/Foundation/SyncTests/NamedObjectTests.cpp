@@ -1,0 +1,244 @@
+#include "Foundation/Event.h"
+#include "Foundation/Mutex.h"
+#include "SyncTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+using namespace SyncTest;
+using Vireo::kInfinite;
+
+namespace
+{
+
+// A one-way byte channel between a parent and a forked child. A read gives
+// up after the patience, so every child ends by itself even if a test fails.
+struct Channel
+{
+    Channel() { EXPECT_EQ(pipe(fds), 0); }
+    ~Channel()
+    {
+        close(fds[0]);
+        close(fds[1]);
+    }
+
+    bool Send() const
+    {
+        const char byte = 1;
+        return write(fds[1], &byte, 1) == 1;
+    }
+
+    bool Receive() const
+    {
+        pollfd readable{fds[0], POLLIN, 0};
+        char byte = 0;
+        return poll(&readable, 1, static_cast<int>(kPatienceMs)) == 1 &&
+               read(fds[0], &byte, 1) == 1;
+    }
+
+    int fds[2] = {-1, -1};
+};
+
+// Runs `body` in a forked child, which ends with its answer as exit code
+// without running any destructor or test machinery of the parent.
+pid_t RunInChild(const std::function<int()>& body)
+{
+    const pid_t pid = fork();
+    if (pid == 0)
+        _exit(body());
+    return pid;
+}
+
+int ExitCodeOf(pid_t pid)
+{
+    int status = 0;
+    return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Child exit codes that tell which step failed.
+enum eChildResult
+{
+    kCR_Ok = 0,
+    kCR_NotAcquired = 10,
+    kCR_NoSignal = 11,
+};
+
+} // namespace
+
+TEST(NamedObjectTest, SameNameIsTheSameLock)
+{
+    const std::wstring name = UniqueName(L"same");
+    Vireo::MutexWaitable first(name.c_str());
+    Vireo::MutexWaitable second(name.c_str());
+    Vireo::MutexWaitable other(UniqueName(L"other").c_str());
+
+    ASSERT_TRUE(first.Acquire(0));
+    EXPECT_FALSE(FreeForOthers(second));
+    EXPECT_TRUE(FreeForOthers(other));
+    // The holder may give it back through either object.
+    second.Release();
+    EXPECT_TRUE(FreeForOthers(first));
+}
+
+TEST(NamedObjectTest, LaterOpenerGetsTheEventAsItIsUntilTheLastCloses)
+{
+    const std::wstring name = UniqueName(L"state");
+    {
+        Vireo::Event creator(true, true, name.c_str());
+        // Kind and state come from the creator, not from these arguments.
+        Vireo::Event opener(false, false, name.c_str());
+        EXPECT_TRUE(opener.Wait(0));
+        EXPECT_TRUE(opener.Wait(0));
+        opener.Reset();
+        EXPECT_FALSE(creator.Wait(0));
+    }
+    Vireo::Event fresh(true, false, name.c_str());
+    EXPECT_FALSE(fresh.Wait(0));
+}
+
+TEST(NamedObjectTest, DifferentNamesStayApart)
+{
+    const std::wstring stem = UniqueName(L"");
+    const std::wstring longText(300, L'n');
+    struct Case
+    {
+        std::wstring first;
+        std::wstring second;
+    };
+    const Case cases[] = {
+        {L"a/b", L"a%2Fb"},
+        {L"x", L"X"},
+        {L".", L" "},
+        {L"\u00e9\u6f22", L"%C3%A9%E6%BC%A2"},
+        {longText + L"1", longText + L"2"},
+        {longText, longText.substr(0, 200)},
+    };
+    for (const Case& c : cases)
+    {
+        const std::wstring first = stem + c.first;
+        const std::wstring second = stem + c.second;
+        SCOPED_TRACE(std::string(first.begin(), first.end()));
+        Vireo::Event signalled(true, true, first.c_str());
+        Vireo::Event apart(true, false, second.c_str());
+        Vireo::Event same(true, false, first.c_str());
+        EXPECT_TRUE(same.Wait(0));
+        EXPECT_FALSE(apart.Wait(0));
+    }
+}
+
+// A stranger's object under our name: while somebody uses it, ours stays
+// empty and leaves it alone; when nobody does, it is a leftover and replaced.
+TEST(NamedObjectTest, ObjectOfAnotherLayoutUnderTheName)
+{
+    for (bool bInUse : {true, false})
+    {
+        for (const char* kind : {"mutex", "event"})
+        {
+            SCOPED_TRACE(std::string(kind) + (bInUse ? " in use" : " leftover"));
+            const std::wstring name = UniqueName(L"stranger");
+            const std::string shmName =
+                std::string("/vireo.") + kind + "." + std::string(name.begin(), name.end());
+            const int fd = shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+            ASSERT_GE(fd, 0);
+            ASSERT_EQ(ftruncate(fd, 1), 0);
+            ASSERT_EQ(bInUse ? flock(fd, LOCK_SH) : 0, 0);
+
+            // An empty object answers false at once even when told to wait.
+            if (std::string(kind) == "mutex")
+            {
+                Vireo::MutexWaitable mutex(name.c_str());
+                EXPECT_EQ(mutex.Acquire(kInfinite), !bInUse);
+                mutex.Release();
+            }
+            else
+            {
+                Vireo::Event event(true, false, name.c_str());
+                event.Set();
+                event.Pulse();
+                event.Set();
+                EXPECT_EQ(event.Wait(kInfinite), !bInUse);
+            }
+
+            struct stat status
+            {
+            };
+            ASSERT_EQ(fstat(fd, &status), 0);
+            EXPECT_EQ(status.st_nlink, bInUse ? 1u : 0u);
+            EXPECT_EQ(status.st_size, 1) << "the stranger's object was changed";
+            if (bInUse)
+                shm_unlink(shmName.c_str());
+            close(fd);
+        }
+    }
+}
+
+TEST(NamedObjectTest, MutexAbandonedByDeadProcess)
+{
+    const std::wstring name = UniqueName(L"abandoned");
+    Channel acquired;
+    Channel mayDie;
+    const pid_t child = RunInChild(
+        [&]
+        {
+            // Never destroyed: the process must end holding the lock, not give
+            // it back on the way out.
+            auto* pOwn = new Vireo::MutexWaitable(name.c_str());
+            if (!pOwn->Acquire(0))
+                return static_cast<int>(kCR_NotAcquired);
+            acquired.Send();
+            mayDie.Receive();
+            return static_cast<int>(kCR_Ok);
+        });
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(acquired.Receive());
+
+    Vireo::MutexWaitable mutex(name.c_str());
+    EXPECT_FALSE(mutex.Acquire(0));
+    EXPECT_FALSE(mutex.Acquire(20));
+    mayDie.Send();
+    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
+    EXPECT_FALSE(mutex.Acquire(0)) << "abandoned lock reported as obtained";
+    EXPECT_TRUE(mutex.Acquire(0));
+    mutex.Release();
+}
+
+TEST(NamedObjectTest, EventSetInOtherProcess)
+{
+    for (bool bManualReset : {false, true})
+    {
+        SCOPED_TRACE(bManualReset ? "manual" : "auto");
+        const std::wstring name = UniqueName(L"event");
+        Channel created;
+        Channel go;
+        const pid_t child = RunInChild(
+            [&]
+            {
+                Vireo::Event own(bManualReset, false, name.c_str());
+                created.Send();
+                if (!go.Receive())
+                    return static_cast<int>(kCR_NoSignal);
+                own.Set();
+                return static_cast<int>(kCR_Ok);
+            });
+        ASSERT_GT(child, 0);
+        ASSERT_TRUE(created.Receive());
+
+        // Opened as the child made it, whatever these arguments say.
+        Vireo::Event event(!bManualReset, true, name.c_str());
+        EXPECT_FALSE(event.Wait(0));
+        go.Send();
+        EXPECT_TRUE(event.Wait(kPatienceMs));
+        EXPECT_EQ(event.Wait(0), bManualReset);
+        EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
+    }
+}

@@ -1,0 +1,482 @@
+// Buffer storage, maps and names; texture images, client storage, parameters
+// and mipmaps.
+#include "KestrelFixture.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <vector>
+
+namespace KestrelTest
+{
+namespace
+{
+
+// ---------------------------------------------------------------------------
+// Buffers
+
+class KestrelBuffers : public KestrelFixture
+{
+protected:
+    void SetUp() override
+    {
+        KestrelFixture::SetUp();
+        _pBuffer = NewBuffer();
+        ksBindBuffer(KS_ARRAY_BUFFER, _pBuffer);
+        ASSERT_NO_KS_ERROR();
+    }
+
+    // Copies `size` bytes out through a read-only map.
+    std::vector<unsigned char> ReadBack(size_t size, int target = KS_ARRAY_BUFFER)
+    {
+        std::vector<unsigned char> bytes(size, 0xee);
+        const void* mapped = ksMapBuffer(target, KS_READ_ONLY);
+        if (mapped)
+            std::memcpy(bytes.data(), mapped, size);
+        ksUnmapBuffer(target);
+        return bytes;
+    }
+
+    _KSbuffer* _pBuffer = nullptr;
+};
+
+TEST_F(KestrelBuffers, DataIsCopiedFromTheSourceOrZeroed)
+{
+    unsigned char source[16];
+    for (int i = 0; i < 16; ++i)
+        source[i] = static_cast<unsigned char>(i * 7 + 1);
+    ksBufferData(KS_ARRAY_BUFFER, sizeof(source), source, KS_STATIC_DRAW);
+    ASSERT_NO_KS_ERROR();
+    std::memset(source + 4, 0, 4); // the buffer has its own copy
+    const std::vector<unsigned char> copied = ReadBack(16);
+    for (int i = 0; i < 16; ++i)
+        EXPECT_EQ(copied[i], i * 7 + 1) << "byte " << i;
+
+    // New storage replaces the old contents entirely.
+    ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_DYNAMIC_DRAW);
+    EXPECT_EQ(ReadBack(8), std::vector<unsigned char>(8, 0));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelBuffers, MapGivesTheStorageItself)
+{
+    ksBufferData(KS_ARRAY_BUFFER, 4 * sizeof(float), nullptr, KS_STREAM_DRAW);
+    auto* written = static_cast<float*>(ksMapBuffer(KS_ARRAY_BUFFER, KS_WRITE_ONLY));
+    ASSERT_NE(written, nullptr);
+    const float values[4] = {1.5f, -2.0f, 1e20f, 0.125f};
+    std::memcpy(written, values, sizeof(values));
+    ksUnmapBuffer(KS_ARRAY_BUFFER);
+    ASSERT_NO_KS_ERROR();
+
+    // Bound elsewhere, the same buffer shows the same bytes.
+    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
+    auto* read = static_cast<const float*>(ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE));
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(std::memcmp(read, values, sizeof(values)), 0);
+    ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelBuffers, MapConflictsAreInvalidOperations)
+{
+    // No storage yet.
+    EXPECT_EQ(ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_WRITE), nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
+    ksUnmapBuffer(KS_ARRAY_BUFFER); // after a failed map: harmless
+    EXPECT_NO_KS_ERROR();
+
+    const char text[] = "abcdefgh";
+    ksBufferData(KS_ARRAY_BUFFER, 8, text, KS_STATIC_READ);
+    void* mapped = ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_WRITE);
+    ASSERT_NE(mapped, nullptr);
+    ASSERT_NO_KS_ERROR();
+
+    // Mapped is a state of the buffer, not of the target.
+    ksBindBuffer(KS_PIXEL_PACK_BUFFER, _pBuffer);
+    EXPECT_EQ(ksMapBuffer(KS_PIXEL_PACK_BUFFER, KS_READ_ONLY), nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
+    EXPECT_EQ(ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_ONLY), nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
+    ksBufferData(KS_ARRAY_BUFFER, 4, nullptr, KS_STATIC_DRAW);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksBufferData");
+
+    // The first map is still good and the rejected data call changed nothing.
+    EXPECT_EQ(std::memcmp(mapped, text, 8), 0);
+    ksUnmapBuffer(KS_ARRAY_BUFFER);
+    ksUnmapBuffer(KS_ARRAY_BUFFER); // not mapped any more: ignored
+    EXPECT_NO_KS_ERROR();
+    EXPECT_EQ(ReadBack(8), std::vector<unsigned char>(text, text + 8));
+}
+
+TEST_F(KestrelBuffers, NothingBoundIsInvalidOperation)
+{
+    ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
+    ksBufferData(KS_ARRAY_BUFFER, 4, nullptr, KS_STATIC_DRAW);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksBufferData");
+    EXPECT_EQ(ksMapBuffer(KS_ELEMENT_ARRAY_BUFFER, KS_READ_ONLY), nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
+}
+
+TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)
+{
+    const int usages[] = {KS_STREAM_DRAW,  KS_STREAM_READ,  KS_STREAM_COPY,
+                          KS_STATIC_DRAW,  KS_STATIC_READ,  KS_STATIC_COPY,
+                          KS_DYNAMIC_DRAW, KS_DYNAMIC_READ, KS_DYNAMIC_COPY};
+    for (int usage : usages)
+    {
+        ksBufferData(KS_ARRAY_BUFFER, 4, nullptr, usage);
+        EXPECT_NO_KS_ERROR() << Hex(usage);
+    }
+    for (int access : {KS_READ_ONLY, KS_WRITE_ONLY, KS_READ_WRITE})
+    {
+        EXPECT_NE(ksMapBuffer(KS_ARRAY_BUFFER, access), nullptr) << Hex(access);
+        ksUnmapBuffer(KS_ARRAY_BUFFER);
+        EXPECT_NO_KS_ERROR() << Hex(access);
+    }
+
+    const unsigned char marker[4] = {9, 8, 7, 6};
+    ksBufferData(KS_ARRAY_BUFFER, 4, marker, KS_STATIC_DRAW);
+    for (int usage : {0, KS_STREAM_DRAW + 3, KS_READ_ONLY, -1})
+    {
+        ksBufferData(KS_ARRAY_BUFFER, 16, nullptr, usage);
+        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksBufferData") << Hex(usage);
+    }
+    for (int access : {0, KS_STATIC_DRAW, KS_READ_WRITE + 1})
+    {
+        EXPECT_EQ(ksMapBuffer(KS_ARRAY_BUFFER, access), nullptr);
+        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksMapBuffer") << Hex(access);
+    }
+    // Rejected calls neither replaced the storage nor left it mapped.
+    EXPECT_EQ(ReadBack(4), std::vector<unsigned char>(marker, marker + 4));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelBuffers, NameIsEmptyUntilSet)
+{
+    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
+    const char* name = nullptr;
+    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &name);
+    ASSERT_NE(name, nullptr);
+    EXPECT_STREQ(name, "");
+
+    std::string given = "mesh vertices";
+    ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, given.c_str());
+    given.assign(given.size(), 'x'); // the runtime keeps its own copy
+    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &name);
+    ASSERT_NE(name, nullptr);
+    EXPECT_STREQ(name, "mesh vertices");
+    EXPECT_NO_KS_ERROR();
+
+    // A second buffer has its own (empty) name.
+    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, NewBuffer());
+    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &name);
+    ASSERT_NE(name, nullptr);
+    EXPECT_STREQ(name, "");
+
+    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, 0x999, &name);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGetBufferParameterString");
+}
+
+// ---------------------------------------------------------------------------
+// Textures
+
+class KestrelTextures : public KestrelFixture
+{
+protected:
+    void SetUp() override
+    {
+        KestrelFixture::SetUp();
+        _pTexture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, _pTexture);
+        ASSERT_NO_KS_ERROR();
+    }
+
+    // Binds a frame buffer with `texture` at attachment 0 and clears it.
+    void ClearThrough(_KStexture* texture, float r, float g, float b, float a)
+    {
+        if (!_pFramebuffer)
+        {
+            _pFramebuffer = NewFramebuffer();
+            ksBindFramebuffer(KS_FRAMEBUFFER, _pFramebuffer);
+        }
+        Attach(0, texture);
+        ksClearColor(r, g, b, a);
+        ksClear(KS_COLOR_BUFFER_BIT);
+    }
+
+    _KStexture* _pTexture = nullptr;
+    _KSframebuffer* _pFramebuffer = nullptr;
+};
+
+TEST_F(KestrelTextures, EveryFormatAndTypePairIsAccepted)
+{
+    const int formats[] = {KS_LUMINANCE, KS_RGB, KS_RGBA};
+    const int types[] = {KS_UNSIGNED_BYTE, KS_UNSIGNED_SHORT, KS_UNSIGNED_INT, KS_SHORT,
+                         KS_INT,           KS_FLOAT};
+    std::vector<unsigned char> pixels(3 * 2 * 4 * sizeof(float), 0x11);
+    for (int format : formats)
+    {
+        for (int type : types)
+        {
+            ksTexImage2D(KS_TEXTURE_2D, 0, format, 3, 2, 0, format, type, pixels.data());
+            EXPECT_NO_KS_ERROR() << Hex(format) << " " << Hex(type);
+            ksTexImage2D(KS_TEXTURE_2D, 0, format, 3, 2, 0, format, type, nullptr);
+            EXPECT_NO_KS_ERROR() << Hex(format) << " " << Hex(type) << " without pixels";
+        }
+    }
+}
+
+TEST_F(KestrelTextures, UnknownPairsAreInvalidEnum)
+{
+    const struct
+    {
+        int internalFormat;
+        int format;
+        int type;
+    } cases[] = {
+        {KS_RGBA, KS_RGBA, KS_TEXTURE_2D},   {KS_RGBA, KS_RGBA, 0x1400},
+        {0x1234, 0x1234, KS_FLOAT},          {KS_RGB, KS_RGBA, KS_FLOAT},
+        {KS_RGBA, KS_RGB, KS_UNSIGNED_BYTE},
+    };
+    float pixels[16] = {};
+    for (const auto& c : cases)
+    {
+        ksTexImage2D(KS_TEXTURE_2D, 0, c.internalFormat, 2, 2, 0, c.format, c.type, pixels);
+        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexImage2D")
+            << Hex(c.internalFormat) << " " << Hex(c.format) << " " << Hex(c.type);
+    }
+}
+
+TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
+{
+    struct Case
+    {
+        const char* label;
+        int format;
+        int type;
+        float color[4];
+        std::vector<double> expected; // one pixel's channels
+    };
+    const Case cases[] = {
+        {"rgba float exact", KS_RGBA, KS_FLOAT, {0.25f, -3.5f, 1e6f, 0.0f}, {0.25, -3.5, 1e6, 0.0}},
+        {"rgb float drops alpha", KS_RGB, KS_FLOAT, {0.5f, 0.75f, 2.0f, 9.0f}, {0.5, 0.75, 2.0}},
+        {"luminance float takes red", KS_LUMINANCE, KS_FLOAT, {0.3f, 0.9f, 0.1f, 1.0f}, {0.3f}},
+        {"rgba ubyte rounds and clamps",
+         KS_RGBA,
+         KS_UNSIGNED_BYTE,
+         {0.999f, 1.5f, -0.5f, 0.2f},
+         {255, 255, 0, 51}},
+        {"rgb ubyte", KS_RGB, KS_UNSIGNED_BYTE, {1.0f, 0.0f, 0.6f, 0.0f}, {255, 0, 153}},
+        {"luminance ubyte", KS_LUMINANCE, KS_UNSIGNED_BYTE, {0.6f, 1.0f, 1.0f, 1.0f}, {153}},
+        {"rgba ushort",
+         KS_RGBA,
+         KS_UNSIGNED_SHORT,
+         {1.0f, 0.0f, 0.25f, 7.0f},
+         {65535, 0, 16384, 65535}},
+        {"rgba short clamps to [-1, 1]",
+         KS_RGBA,
+         KS_SHORT,
+         {1.0f, -2.0f, 0.25f, 0.0f},
+         {32767, -32767, 8192, 0}},
+        {"rgba uint full range",
+         KS_RGBA,
+         KS_UNSIGNED_INT,
+         {1.0f, 0.0f, 2.0f, -1.0f},
+         {4294967295.0, 0, 4294967295.0, 0}},
+        {"rgba int full range",
+         KS_RGBA,
+         KS_INT,
+         {1.0f, 0.0f, 5.0f, -5.0f},
+         {2147483647.0, 0, 2147483647.0, -2147483647.0}},
+    };
+    constexpr int kWidth = 3;
+    constexpr int kHeight = 2;
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        const size_t channels = c.expected.size();
+        // Room for the widest type; a sentinel after the image catches overruns.
+        std::vector<std::uint64_t> storage(kWidth * kHeight * channels + 1, 0x5a5a5a5a5a5a5a5aull);
+        _KStexture* texture = NewClientTexture(kWidth, kHeight, c.format, c.type, storage.data());
+        ClearThrough(texture, c.color[0], c.color[1], c.color[2], c.color[3]);
+        ASSERT_NO_KS_ERROR();
+        for (int pixel = 0; pixel < kWidth * kHeight; ++pixel)
+        {
+            for (size_t ch = 0; ch < channels; ++ch)
+            {
+                const size_t i = pixel * channels + ch;
+                double got = 0;
+                switch (c.type)
+                {
+                case KS_FLOAT:
+                    got = reinterpret_cast<const float*>(storage.data())[i];
+                    break;
+                case KS_UNSIGNED_BYTE:
+                    got = reinterpret_cast<const std::uint8_t*>(storage.data())[i];
+                    break;
+                case KS_UNSIGNED_SHORT:
+                    got = reinterpret_cast<const std::uint16_t*>(storage.data())[i];
+                    break;
+                case KS_SHORT:
+                    got = reinterpret_cast<const std::int16_t*>(storage.data())[i];
+                    break;
+                case KS_UNSIGNED_INT:
+                    got = reinterpret_cast<const std::uint32_t*>(storage.data())[i];
+                    break;
+                case KS_INT:
+                    got = reinterpret_cast<const std::int32_t*>(storage.data())[i];
+                    break;
+                }
+                // Float targets take the colour bit for bit; integer ones may
+                // differ by at most the rounding of the widest types.
+                const double tolerance = c.type == KS_FLOAT                ? 0.0
+                                         : std::fabs(c.expected[ch]) > 1e9 ? 2.0
+                                                                           : 0.0;
+                EXPECT_NEAR(got, c.expected[ch], tolerance)
+                    << "pixel " << pixel << " channel " << ch;
+            }
+        }
+        size_t imageBytes = kWidth * kHeight * channels;
+        switch (c.type)
+        {
+        case KS_FLOAT:
+        case KS_INT:
+        case KS_UNSIGNED_INT:
+            imageBytes *= 4;
+            break;
+        case KS_SHORT:
+        case KS_UNSIGNED_SHORT:
+            imageBytes *= 2;
+            break;
+        }
+        const auto* bytes = reinterpret_cast<const unsigned char*>(storage.data());
+        for (size_t b = imageBytes; b < imageBytes + 8; ++b)
+            EXPECT_EQ(bytes[b], 0x5a) << "the clear wrote past the image at byte " << b;
+        Attach(0, nullptr);
+        ksDeleteTextures(1, &texture);
+    }
+}
+
+TEST_F(KestrelTextures, WithoutClientStorageThePixelsAreCopied)
+{
+    float source[4 * 4] = {};
+    for (float& f : source)
+        f = 0.5f;
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source);
+    ClearThrough(_pTexture, 1.0f, 1.0f, 1.0f, 1.0f);
+    ASSERT_NO_KS_ERROR();
+    for (float f : source)
+        ASSERT_EQ(f, 0.5f) << "the clear reached memory the texture only copied";
+
+    // Client storage, then an image without it: the old memory is let go.
+    float kept[4 * 4] = {};
+    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, kept);
+    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0);
+    ClearThrough(_pTexture, 0.25f, 0.25f, 0.25f, 0.25f);
+    EXPECT_EQ(kept[5], 0.25f);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source);
+    ClearThrough(_pTexture, 0.75f, 0.75f, 0.75f, 0.75f);
+    ASSERT_NO_KS_ERROR();
+    for (float f : kept)
+        EXPECT_EQ(f, 0.25f) << "cleared through a pointer the texture no longer owns";
+    for (float f : source)
+        EXPECT_EQ(f, 0.5f);
+}
+
+TEST_F(KestrelTextures, ParametersTakeTheValuesOfTheirKind)
+{
+    const struct
+    {
+        int name;
+        std::vector<int> accepted;
+        std::vector<int> rejected;
+    } cases[] = {
+        {KS_TEXTURE_MIN_FILTER,
+         {KS_NEAREST, KS_LINEAR, KS_LINEAR_MIPMAP_LINEAR},
+         {KS_REPEAT, KS_CLAMP_TO_EDGE, 0, 1}},
+        {KS_TEXTURE_MAG_FILTER, {KS_NEAREST, KS_LINEAR}, {KS_MIRRORED_REPEAT, 0, 1}},
+        {KS_TEXTURE_WRAP_S,
+         {KS_REPEAT, KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT},
+         {KS_NEAREST, KS_LINEAR, 0, KS_TEXTURE_2D}},
+        {KS_TEXTURE_WRAP_T,
+         {KS_REPEAT, KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT},
+         {KS_LINEAR_MIPMAP_LINEAR, -1}},
+    };
+    for (const auto& c : cases)
+    {
+        for (int value : c.accepted)
+        {
+            ksTexParameteri(KS_TEXTURE_2D, c.name, value);
+            EXPECT_NO_KS_ERROR() << Hex(c.name) << " " << Hex(value);
+        }
+        for (int value : c.rejected)
+        {
+            ksTexParameteri(KS_TEXTURE_2D, c.name, value);
+            EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri") << Hex(c.name) << " " << value;
+        }
+    }
+    ksTexParameteri(KS_TEXTURE_2D, 0x2804, KS_LINEAR);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
+    ksTexParameteri(KS_TEXTURE_BINDING_2D, KS_TEXTURE_MIN_FILTER, KS_LINEAR);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
+}
+
+TEST_F(KestrelTextures, MipmapsNeedACopiedImage)
+{
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap"); // no image yet
+
+    unsigned char pixels[8 * 4 * 4] = {};
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 8, 4, 0, KS_RGBA, KS_UNSIGNED_BYTE, pixels);
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_NO_KS_ERROR();
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_LUMINANCE, 1, 1, 0, KS_LUMINANCE, KS_FLOAT, nullptr);
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_NO_KS_ERROR() << "a 1x1 image has a trivial chain";
+
+    NewClientTexture(8, 4, KS_RGBA, KS_UNSIGNED_BYTE, pixels); // bound now
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap");
+    for (unsigned char p : pixels)
+        ASSERT_EQ(p, 0) << "the rejected call touched client memory";
+
+    ksGenerateMipmap(KS_TEXTURE_BINDING_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGenerateMipmap");
+}
+
+TEST_F(KestrelTextures, ImageArgumentsAreChecked)
+{
+    struct Case
+    {
+        const char* label;
+        int level, width, height, border;
+        int error;
+    };
+    const Case cases[] = {
+        {"level 1", 1, 2, 2, 0, KS_INVALID_VALUE},
+        {"border 1", 0, 2, 2, 1, KS_INVALID_VALUE},
+        {"negative width", 0, -1, 2, 0, KS_INVALID_VALUE},
+        {"negative height", 0, 2, -4, 0, KS_INVALID_VALUE},
+    };
+    for (const Case& c : cases)
+    {
+        ksTexImage2D(KS_TEXTURE_2D, c.level, KS_RGBA, c.width, c.height, c.border, KS_RGBA,
+                     KS_FLOAT, nullptr);
+        EXPECT_KS_ERROR_IN(c.error, "ksTexImage2D") << c.label;
+    }
+    // Sizes whose byte count overflows must fail rather than allocate a sliver.
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 0x7fffffff, 0x7fffffff, 0, KS_RGBA, KS_FLOAT, nullptr);
+    const int error = ksGetError();
+    EXPECT_TRUE(error == KS_INVALID_VALUE || error == KS_OUT_OF_MEMORY) << Hex(error);
+    _recorder.Take();
+
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 0, 0, 0, KS_RGBA, KS_FLOAT, nullptr);
+    EXPECT_NO_KS_ERROR() << "an empty image is allowed";
+    ksBindTexture(KS_TEXTURE_2D, nullptr);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksTexImage2D");
+}
+
+} // namespace
+} // namespace KestrelTest

@@ -1,0 +1,399 @@
+// Shaders, programs, primitives and uniforms.
+#include "KestrelFixture.h"
+
+#include <functional>
+#include <set>
+#include <string>
+
+namespace KestrelTest
+{
+namespace
+{
+
+const char* const kSphereSource = "uniform vec3 center;\n"
+                                  "uniform float radius = 1.0;\n"
+                                  "sphere(center, radius);\n";
+const char* const kDeclarationsSource = "uniform vec3 albedo;\n";
+const char* const kMaterialSource = "uniform vec3 albedo;\n"
+                                    "diffuse(albedo);\n";
+
+class KestrelShaders : public KestrelFixture
+{
+protected:
+    _KSshader* Compiled(int kind, const char* source)
+    {
+        _KSshader* shader = ksCreateShader(kind);
+        ksShaderSource(shader, 1, &source, nullptr);
+        ksCompileShader(shader);
+        return shader;
+    }
+
+    static int CompileStatus(_KSshader* shader)
+    {
+        int status = 0x7f7f7f7f;
+        ksGetShaderiv(shader, KS_COMPILE_STATUS, &status);
+        return status;
+    }
+
+    static int LinkStatus(_KSprogram* program)
+    {
+        int status = 0x7f7f7f7f;
+        ksGetProgramiv(program, KS_LINK_STATUS, &status);
+        return status;
+    }
+
+    static std::string ShaderText(_KSshader* shader, int name)
+    {
+        const char* text = reinterpret_cast<const char*>(1);
+        ksGetShaderString(shader, name, &text);
+        return text ? text : "<null>";
+    }
+
+    static std::string ProgramLog(_KSprogram* program)
+    {
+        const char* text = nullptr;
+        ksGetProgramString(program, KS_PROGRAM_LOG, &text);
+        return text ? text : "<null>";
+    }
+};
+
+TEST_F(KestrelShaders, CreatesTheFourKindsAndRejectsOthers)
+{
+    std::set<_KSshader*> made;
+    for (int kind : {KS_VERTEX_SHADER, KS_LINK_ONCE_SHADER, KS_SHADER_KIND_2, KS_SHADER_KIND_3})
+    {
+        _KSshader* shader = ksCreateShader(kind);
+        EXPECT_NE(shader, nullptr) << Hex(kind);
+        made.insert(shader);
+        EXPECT_NO_KS_ERROR() << Hex(kind);
+    }
+    EXPECT_EQ(made.size(), 4u);
+    // 0x10202 sits in the gap between two kinds.
+    for (int kind : {0, -1, KS_VERTEX_SHADER + 1, 0x10202, KS_COMPILE_STATUS})
+    {
+        EXPECT_EQ(ksCreateShader(kind), nullptr) << Hex(kind);
+        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksCreateShader") << Hex(kind);
+    }
+    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).shaders, 4);
+}
+
+TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
+{
+    _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
+    EXPECT_EQ(ShaderText(shader, KS_SHADER_SOURCE), "<null>") << "no source was ever set";
+
+    struct Case
+    {
+        const char* label;
+        std::vector<std::string> strings;
+        std::vector<int> lengths; // empty: pass null
+        std::string expected;
+    };
+    const Case cases[] = {
+        {"one string", {"uniform float r;"}, {}, "uniform float r;"},
+        {"concatenated", {"uniform ", "float r;", "\n"}, {}, "uniform float r;\n"},
+        {"with lengths", {"uniformXXX", " float r;"}, {7, -1}, "uniform float r;"},
+        {"zero length", {"abc", "uniform int i;"}, {0, 14}, "uniform int i;"},
+        {"empty", {}, {}, ""},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        std::vector<std::string> owned = c.strings;
+        std::vector<const char*> pointers;
+        for (const std::string& s : owned)
+            pointers.push_back(s.c_str());
+        ksShaderSource(shader, static_cast<long long>(pointers.size()), pointers.data(),
+                       c.lengths.empty() ? nullptr : c.lengths.data());
+        for (std::string& s : owned)
+            s.assign(s.size(), '#'); // the runtime must hold its own copy
+        EXPECT_EQ(ShaderText(shader, KS_SHADER_SOURCE), c.expected);
+        EXPECT_NO_KS_ERROR();
+    }
+
+    ksShaderSource(shader, -1, nullptr, nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksShaderSource");
+    ksShaderSource(shader, 2, nullptr, nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksShaderSource");
+    EXPECT_EQ(ShaderText(shader, KS_SHADER_SOURCE), "") << "a rejected call replaced the source";
+}
+
+TEST_F(KestrelShaders, CompileReportsStatusAndLog)
+{
+    _KSshader* fresh = ksCreateShader(KS_VERTEX_SHADER);
+    EXPECT_EQ(CompileStatus(fresh), 0) << "not compiled yet";
+
+    _KSshader* good = Compiled(KS_VERTEX_SHADER, kSphereSource);
+    EXPECT_EQ(CompileStatus(good), 1);
+    EXPECT_EQ(ShaderText(good, KS_SHADER_LOG), "");
+    EXPECT_NO_KS_ERROR();
+
+    ksCompileShader(fresh); // never given a source
+    EXPECT_EQ(CompileStatus(fresh), 0);
+    EXPECT_NE(ShaderText(fresh, KS_SHADER_LOG).find("error"), std::string::npos);
+    // A failed compile is not an API error: the status says it.
+    EXPECT_NO_KS_ERROR();
+
+    // A later good compile clears the failure and its log.
+    const char* source = kSphereSource;
+    ksShaderSource(fresh, 1, &source, nullptr);
+    ksCompileShader(fresh);
+    EXPECT_EQ(CompileStatus(fresh), 1);
+    EXPECT_EQ(ShaderText(fresh, KS_SHADER_LOG), "");
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelShaders, LinkNeedsShaders)
+{
+    _KSprogram* program = ksCreateProgram();
+    ASSERT_NE(program, nullptr);
+    EXPECT_EQ(LinkStatus(program), 0) << "not linked yet";
+    ksLinkProgram(program);
+    EXPECT_EQ(LinkStatus(program), 0);
+    EXPECT_NE(ProgramLog(program).find("error"), std::string::npos) << ProgramLog(program);
+    EXPECT_NO_KS_ERROR();
+
+    ksAttachShader(program, Compiled(KS_VERTEX_SHADER, kSphereSource));
+    ksLinkProgram(program);
+    EXPECT_EQ(LinkStatus(program), 1) << ProgramLog(program);
+    EXPECT_EQ(ProgramLog(program), "");
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelShaders, DeletionToleratesRepeatsAndAttachments)
+{
+    _KSprogram* program = ksCreateProgram();
+    _KSshader* shape = Compiled(KS_VERTEX_SHADER, kSphereSource);
+    _KSshader* shared = Compiled(KS_LINK_ONCE_SHADER, kDeclarationsSource);
+    ksAttachShader(program, shape);
+    ksAttachShader(program, shared);
+    ksLinkProgram(program);
+    ASSERT_EQ(LinkStatus(program), 1) << ProgramLog(program);
+
+    // A link-once shader is deleted after each link yet stays attached.
+    ksDeleteShader(shared);
+    ksDeleteShader(shared);
+    ASSERT_NO_KS_ERROR();
+    ksLinkProgram(program);
+    EXPECT_EQ(LinkStatus(program), 1) << "the program lost what it needed of a deleted shader";
+    ksDeleteShader(shared);
+    ksDetachShader(program, shared);
+    ksDetachShader(program, shared);
+    EXPECT_NO_KS_ERROR();
+
+    // Deleting the program leaves its shaders whole.
+    ksDeleteProgram(program);
+    ksDeleteProgram(program);
+    EXPECT_NO_KS_ERROR();
+    EXPECT_EQ(ShaderText(shape, KS_SHADER_SOURCE), kSphereSource);
+    ksCompileShader(shape);
+    EXPECT_EQ(CompileStatus(shape), 1);
+    _KSprogram* again = ksCreateProgram();
+    ksAttachShader(again, shape);
+    ksLinkProgram(again);
+    EXPECT_EQ(LinkStatus(again), 1) << ProgramLog(again);
+    EXPECT_NO_KS_ERROR();
+    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).shaders, 1);
+    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).programs, 1);
+}
+
+TEST_F(KestrelShaders, AttachmentsAreASet)
+{
+    _KSprogram* program = ksCreateProgram();
+    _KSshader* shader = Compiled(KS_VERTEX_SHADER, kSphereSource);
+    _KSshader* stranger = Compiled(KS_SHADER_KIND_2, kMaterialSource);
+    ksAttachShader(program, shader);
+    ASSERT_NO_KS_ERROR();
+    ksAttachShader(program, shader);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksAttachShader");
+    ksDetachShader(program, stranger);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksDetachShader");
+
+    ksDetachShader(program, shader);
+    EXPECT_NO_KS_ERROR();
+    ksLinkProgram(program);
+    EXPECT_EQ(LinkStatus(program), 0) << "the detached shader is still linked";
+    ksDetachShader(program, shader);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksDetachShader");
+}
+
+TEST_F(KestrelShaders, UnknownNamesHaveNoLocation)
+{
+    _KSprogram* program = ksCreateProgram();
+    ksAttachShader(program, Compiled(KS_VERTEX_SHADER, kSphereSource));
+    ksLinkProgram(program);
+    ASSERT_EQ(LinkStatus(program), 1);
+    for (const char* name : {"nosuch", "", "center.x", "Center"})
+    {
+        EXPECT_EQ(ksGetUniformLocation(program, name), -1) << name;
+        EXPECT_EQ(ksGetUniformBlockIndex(program, name), -1) << name;
+        EXPECT_EQ(ksGetAttribLocation(program, name), -1) << name;
+    }
+    EXPECT_NO_KS_ERROR();
+    EXPECT_EQ(ksGetUniformLocation(program, nullptr), -1);
+    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksGetUniformLocation");
+}
+
+TEST_F(KestrelShaders, UniformTypesFollowTheProgram)
+{
+    _KSprogram* program = ksCreateProgram();
+    ksAttachShader(program, Compiled(KS_VERTEX_SHADER, kSphereSource));
+    ksAttachShader(program, Compiled(KS_SHADER_KIND_2, kMaterialSource));
+    ksLinkProgram(program);
+    ASSERT_EQ(LinkStatus(program), 1) << ProgramLog(program);
+    const int center = ksGetUniformLocation(program, "center");
+    if (center < 0)
+        GTEST_SKIP() << "the linker does not assign uniform locations yet";
+    const int radius = ksGetUniformLocation(program, "radius");
+    const int albedo = ksGetUniformLocation(program, "albedo");
+    EXPECT_EQ(std::set<int>({center, radius, albedo}).size(), 3u);
+
+    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    ksUseProgram(program);
+    const float v[3] = {1, 2, 3};
+    ksUniform3fv(center, 1, v);
+    ksUniform1f(radius, 0.5f);
+    ksUniform3fv(albedo, 1, v);
+    EXPECT_NO_KS_ERROR();
+    ksUniform1i(center, 3);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksUniform1i");
+    ksUniform3fv(radius, 1, v);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksUniform3fv");
+}
+
+// ---------------------------------------------------------------------------
+// Primitives and uniforms
+
+using KestrelPrimitives = KestrelFixture;
+
+TEST_F(KestrelPrimitives, GeneratedPrimitivesAreDistinctAndZeroIsTheFrame)
+{
+    KSprimitive primitives[4] = {};
+    ksGenPrimitives(4, primitives);
+    EXPECT_EQ(std::set<unsigned>(primitives, primitives + 4).size(), 4u);
+    for (KSprimitive p : primitives)
+        EXPECT_NE(p, 0u);
+    ksBindPrimitive(KS_PRIMITIVE, primitives[2]);
+    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
+    EXPECT_NO_KS_ERROR();
+    KSprimitive bound = primitives[1];
+    ksGetPrimitive(KS_PRIMITIVE_BINDING, &bound);
+    EXPECT_EQ(bound, 0u);
+    // The frame primitive takes uniforms and a program like any other.
+    ksUniform1f(0, 2.0f);
+    ksUseProgram(ksCreateProgram());
+    ksUseProgram(nullptr);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelPrimitives, NameNeedsTextAndKnownEnums)
+{
+    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    ksPrimitiveParameterString(KS_PRIMITIVE, KS_PRIMITIVE_NAME, "teapot");
+    EXPECT_NO_KS_ERROR();
+    const struct
+    {
+        int target, name;
+        const char* text;
+        int error;
+    } cases[] = {
+        {KS_PRIMITIVE, KS_PRIMITIVE_NAME, nullptr, KS_INVALID_VALUE},
+        {KS_PRIMITIVE, KS_BUFFER_NAME, "x", KS_INVALID_ENUM},
+        {KS_PRIMITIVE_BINDING, KS_PRIMITIVE_NAME, "x", KS_INVALID_ENUM},
+    };
+    for (const auto& c : cases)
+    {
+        ksPrimitiveParameterString(c.target, c.name, c.text);
+        EXPECT_KS_ERROR_IN(c.error, "ksPrimitiveParameterString");
+    }
+}
+
+// Each uniform setter called with a location, a count and data or null.
+struct UniformSetter
+{
+    const char* name;
+    std::function<void(int location, long long count, bool withData)> call;
+};
+
+std::vector<UniformSetter> ArraySetters()
+{
+    static float floats[32] = {};
+    static int ints[32] = {};
+    static _KStexture* textures[2] = {};
+    static KSprimitive primitives[2] = {};
+    const auto f = [](bool on) { return on ? floats : nullptr; };
+    const auto i = [](bool on) { return on ? ints : nullptr; };
+    return {
+        {"ksUniform1fv", [=](int l, long long n, bool d) { ksUniform1fv(l, n, f(d)); }},
+        {"ksUniform2fv", [=](int l, long long n, bool d) { ksUniform2fv(l, n, f(d)); }},
+        {"ksUniform3fv", [=](int l, long long n, bool d) { ksUniform3fv(l, n, f(d)); }},
+        {"ksUniform4fv", [=](int l, long long n, bool d) { ksUniform4fv(l, n, f(d)); }},
+        {"ksUniform1iv", [=](int l, long long n, bool d) { ksUniform1iv(l, n, i(d)); }},
+        {"ksUniform2iv", [=](int l, long long n, bool d) { ksUniform2iv(l, n, i(d)); }},
+        {"ksUniform3iv", [=](int l, long long n, bool d) { ksUniform3iv(l, n, i(d)); }},
+        {"ksUniform4iv", [=](int l, long long n, bool d) { ksUniform4iv(l, n, i(d)); }},
+        {"ksUniformMatrix3fv",
+         [=](int l, long long n, bool d) { ksUniformMatrix3fv(l, n, 1, f(d)); }},
+        {"ksUniformMatrix4fv",
+         [=](int l, long long n, bool d) { ksUniformMatrix4fv(l, n, 0, f(d)); }},
+        {"ksUniformtv",
+         [=](int l, long long n, bool d) { ksUniformtv(l, n, d ? textures : nullptr); }},
+        {"ksUniformpv",
+         [=](int l, long long n, bool d) { ksUniformpv(l, n, d ? primitives : nullptr); }},
+    };
+}
+
+TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
+{
+    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    for (const UniformSetter& s : ArraySetters())
+    {
+        SCOPED_TRACE(s.name);
+        s.call(0, 2, true);
+        EXPECT_NO_KS_ERROR();
+        s.call(1, 0, false); // nothing to read
+        EXPECT_NO_KS_ERROR();
+        s.call(-1, 2, true); // a location the program does not use
+        EXPECT_NO_KS_ERROR();
+        s.call(0, -1, true);
+        EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, s.name);
+        s.call(0, 1, false);
+        EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, s.name);
+        s.call(-2, 1, true);
+        EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, s.name);
+    }
+}
+
+TEST_F(KestrelPrimitives, ScalarUniformsAndBlocks)
+{
+    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    _KStexture* texture = NewTexture();
+    const KSprimitive other = NewPrimitive();
+    _KSbuffer* buffer = NewBuffer();
+    const std::function<void(int)> setters[] = {
+        [](int l) { ksUniform1f(l, 1.0f); },    [](int l) { ksUniform1i(l, 4); },
+        [=](int l) { ksUniformt(l, texture); }, [](int l) { ksUniformt(l, nullptr); },
+        [=](int l) { ksUniformp(l, other); },   [](int l) { ksUniformp(l, KSprimitive(0)); },
+    };
+    for (const auto& set : setters)
+    {
+        set(3);
+        set(-1);
+        EXPECT_NO_KS_ERROR();
+        set(-7);
+        EXPECT_KS_ERROR(KS_INVALID_VALUE);
+    }
+
+    float matrix[9] = {};
+    ksUniformMatrix3fv(0, 1, 2, matrix);
+    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksUniformMatrix3fv");
+
+    ksUniformBlockBuffer(0, buffer);
+    ksUniformBlockBuffer(5, nullptr);
+    EXPECT_NO_KS_ERROR();
+    ksUniformBlockBuffer(-1, buffer);
+    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksUniformBlockBuffer");
+}
+
+} // namespace
+} // namespace KestrelTest

@@ -1,0 +1,399 @@
+// The runtime's testing interface: fault injection, raised errors and the
+// call log that other suites lean on.
+#include "KestrelFixture.h"
+
+#include <functional>
+#include <regex>
+#include <thread>
+
+namespace KestrelTest
+{
+namespace
+{
+
+using namespace Kestrel::Testing;
+
+// ---------------------------------------------------------------------------
+// Faults
+
+using KestrelFaults = KestrelFixture;
+
+TEST_F(KestrelFaults, EachFunctionFailsItsOwnWay)
+{
+    _KSbuffer* buffer = NewBuffer();
+    ksBindBuffer(KS_ARRAY_BUFFER, buffer);
+    ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_STATIC_DRAW);
+    _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
+    const char* source = "uniform vec3 c;\nsphere(c, 1.0);\n";
+    ksShaderSource(shader, 1, &source, nullptr);
+    _KSprogram* program = ksCreateProgram();
+    ksAttachShader(program, shader);
+    ASSERT_NO_KS_ERROR();
+    const int contexts = CountContexts();
+
+    struct Case
+    {
+        const char* function;
+        std::function<bool()> failed; // makes the call; true if it failed as promised
+        int naturalError;
+    };
+    const auto shaderFailed = [&]
+    {
+        ksCompileShader(shader);
+        int status = 1;
+        const char* log = nullptr;
+        ksGetShaderiv(shader, KS_COMPILE_STATUS, &status);
+        ksGetShaderString(shader, KS_SHADER_LOG, &log);
+        return status == 0 && log && std::string(log) == "0:0: error: injected fault";
+    };
+    const auto programFailed = [&]
+    {
+        ksLinkProgram(program);
+        int status = 1;
+        const char* log = nullptr;
+        ksGetProgramiv(program, KS_LINK_STATUS, &status);
+        ksGetProgramString(program, KS_PROGRAM_LOG, &log);
+        return status == 0 && log && std::string(log) == "0:0: error: injected fault";
+    };
+    const Case cases[] = {
+        {"KestrelCreateContext",
+         [&]
+         {
+             void* made = KestrelCreateContext(nullptr, nullptr, nullptr);
+             const bool counted = CountContexts() == contexts + (made ? 1 : 0);
+             KestrelDestroyContext(made);
+             return made == nullptr && counted;
+         },
+         KS_OUT_OF_MEMORY},
+        {"ksCreateShader", [] { return ksCreateShader(KS_VERTEX_SHADER) == nullptr; },
+         KS_OUT_OF_MEMORY},
+        {"ksCreateProgram", [] { return ksCreateProgram() == nullptr; }, KS_OUT_OF_MEMORY},
+        {"ksGenBuffers", [] { return NewBuffer() == nullptr; }, KS_OUT_OF_MEMORY},
+        {"ksGenTextures", [] { return NewTexture() == nullptr; }, KS_OUT_OF_MEMORY},
+        {"ksGenFramebuffers", [] { return NewFramebuffer() == nullptr; }, KS_OUT_OF_MEMORY},
+        {"ksGenPrimitives", [] { return NewPrimitive() == 0; }, KS_OUT_OF_MEMORY},
+        {"ksMapBuffer",
+         []
+         {
+             const void* mapped = ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_ONLY);
+             ksUnmapBuffer(KS_ARRAY_BUFFER);
+             return mapped == nullptr;
+         },
+         KS_OUT_OF_MEMORY},
+        {"ksCompileShader", shaderFailed, KS_NO_ERROR},
+        {"ksLinkProgram", programFailed, KS_NO_ERROR},
+        {"KestrelSetCurrentContext",
+         [&]
+         {
+             void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
+             const bool refused = KestrelSetCurrentContext(other) == 0;
+             _KSbuffer* bound = nullptr;
+             ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound); // still our context?
+             KestrelSetCurrentContext(_pContext);
+             KestrelDestroyContext(other);
+             return refused && bound == buffer;
+         },
+         KS_NO_ERROR},
+        {"ksBindBuffer",
+         [&]
+         {
+             ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
+             _KSbuffer* bound = nullptr;
+             ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound);
+             return bound == buffer;
+         },
+         KS_INVALID_OPERATION},
+        {"ksDeleteBuffers",
+         [&]
+         {
+             const int before = CountObjects(_pContext).buffers;
+             _KSbuffer* copy = buffer;
+             ksDeleteBuffers(1, &copy);
+             return CountObjects(_pContext).buffers == before;
+         },
+         KS_INVALID_OPERATION},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.function);
+        for (int error : {kNaturalError, 0, KS_INVALID_VALUE})
+        {
+            AutoFaults faults;
+            InjectFault(c.function, 1, error);
+            EXPECT_EQ(PendingFaults(), 1);
+            EXPECT_TRUE(c.failed()) << "with error " << error;
+            EXPECT_EQ(PendingFaults(), 0);
+            const int raised = error == kNaturalError ? c.naturalError : error;
+            if (raised == KS_NO_ERROR)
+                EXPECT_NO_KS_ERROR();
+            else
+                EXPECT_KS_ERROR(raised);
+        }
+        // Used up: the call works again.
+        EXPECT_FALSE(c.failed());
+        EXPECT_NO_KS_ERROR();
+    }
+}
+
+TEST_F(KestrelFaults, CountsArePerFunctionAndUsedUpInOrder)
+{
+    AutoFaults faults;
+    InjectFault("ksCreateProgram", 3, 0);
+    InjectFault("ksGenTextures", 2, 0);
+    EXPECT_EQ(PendingFaults(), 5);
+    EXPECT_NE(NewBuffer(), nullptr) << "a fault leaked onto another function";
+    for (int left = 2; left >= 0; --left)
+    {
+        EXPECT_EQ(ksCreateProgram(), nullptr);
+        EXPECT_EQ(PendingFaults(), left + 2);
+    }
+    EXPECT_NE(ksCreateProgram(), nullptr);
+    EXPECT_EQ(NewTexture(), nullptr);
+    EXPECT_EQ(PendingFaults(), 1);
+    ClearFaults();
+    EXPECT_EQ(PendingFaults(), 0);
+    EXPECT_NE(NewTexture(), nullptr);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelFaults, AutoFaultsClearsAtScopeEnd)
+{
+    {
+        AutoFaults faults;
+        InjectFault("ksGenBuffers", 4);
+        InjectErrorAfter("ksGenTextures", KS_INVALID_VALUE, 2);
+        EXPECT_EQ(PendingFaults(), 6);
+    }
+    EXPECT_EQ(PendingFaults(), 0);
+    EXPECT_NE(NewBuffer(), nullptr);
+    EXPECT_NE(NewTexture(), nullptr);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(KestrelFaults, ErrorAfterDoesTheWorkThenRaises)
+{
+    AutoFaults faults;
+    _KSbuffer* buffer = NewBuffer();
+    InjectErrorAfter("ksBindBuffer", KS_INVALID_OPERATION, 2);
+    EXPECT_EQ(PendingFaults(), 2);
+    for (int round = 0; round < 2; ++round)
+    {
+        ksBindBuffer(KS_PIXEL_PACK_BUFFER, round == 0 ? buffer : nullptr);
+        EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksBindBuffer");
+        _KSbuffer* bound = ForgedHandle<_KSbuffer>();
+        ksGetBuffer(KS_PIXEL_PACK_BUFFER_BINDING, &bound);
+        EXPECT_EQ(bound, round == 0 ? buffer : nullptr) << "the work was not done";
+    }
+    ksBindBuffer(KS_PIXEL_PACK_BUFFER, buffer);
+    EXPECT_NO_KS_ERROR();
+
+    // A creation that succeeds yet reports an error.
+    InjectErrorAfter("ksCreateShader", KS_OUT_OF_MEMORY);
+    EXPECT_NE(ksCreateShader(KS_SHADER_KIND_3), nullptr);
+    EXPECT_KS_ERROR(KS_OUT_OF_MEMORY);
+    EXPECT_EQ(CountObjects(_pContext).shaders, 1);
+}
+
+TEST_F(KestrelFaults, RaiseErrorFollowsTheErrorModel)
+{
+    RaiseError(KS_INVALID_VALUE);
+    EXPECT_KS_ERROR(KS_INVALID_VALUE);
+    RaiseError(KS_OUT_OF_MEMORY);
+    RaiseError(KS_INVALID_ENUM);
+    EXPECT_EQ(ksGetError(), KS_OUT_OF_MEMORY);
+    EXPECT_EQ(ksGetError(), KS_NO_ERROR);
+    EXPECT_EQ(_recorder.Take().size(), 2u);
+}
+
+TEST(KestrelFaultsDeathTest, UnknownFunctionAbortsTheTest)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(InjectFault("ksNoSuchFunction"), "ksNoSuchFunction");
+    EXPECT_DEATH(InjectErrorAfter("ksBindBufferTwice", KS_INVALID_VALUE), "ksBindBufferTwice");
+}
+
+// ---------------------------------------------------------------------------
+// The call log
+
+using KestrelCallLog = KestrelFixture;
+
+TEST_F(KestrelCallLog, RecordsExactSequences)
+{
+    CallLog log;
+    _KSbuffer* buffer = NewBuffer();
+    ksBindBuffer(KS_ARRAY_BUFFER, buffer);
+    EXPECT_EQ(Describe(buffer), "buf#1");
+    EXPECT_EQ(log.Calls(), (Calls{"ksGenBuffers(1, ptr)", "ksBindBuffer(KS_ARRAY_BUFFER, buf#1)"}));
+}
+
+TEST_F(KestrelCallLog, ArgumentsHaveTheirTextForm)
+{
+    _KSbuffer* stale = NewBuffer();
+    ksDeleteBuffers(1, &stale);
+    const std::string staleText = Describe(stale);
+    EXPECT_EQ(staleText.rfind("buf?0x", 0), 0u) << staleText;
+
+    CallLog log;
+    _KSshader* shader = ksCreateShader(KS_SHADER_KIND_2);
+    _KSprogram* program = ksCreateProgram();
+    _KStexture* texture = NewTexture();
+    _KSframebuffer* framebuffer = NewFramebuffer();
+    const KSprimitive primitive = NewPrimitive();
+    _KSbuffer* buffer = NewBuffer();
+    log.Clear();
+
+    ksAttachShader(program, shader);
+    ksShaderString(shader, KS_SHADER_NAME, "rock one");
+    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, buffer);
+    ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
+    ksBindBuffer(KS_ARRAY_BUFFER, stale);
+    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 16, nullptr, KS_STATIC_DRAW);
+    ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE);
+    ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER);
+    ksBindTexture(KS_TEXTURE_2D, texture);
+    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 3, 0, KS_RGBA, KS_FLOAT, nullptr);
+    ksBindFramebuffer(KS_FRAMEBUFFER, framebuffer);
+    ksFramebufferTexture2D(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, texture, 0);
+    ksClearColor(0.5f, 1.0f, 0.0f, 0.25f);
+    ksClear(KS_COLOR_BUFFER_BIT);
+    ksClear(KS_COLOR_ATTACHMENT0_BIT << 2);
+    ksBindPrimitive(KS_PRIMITIVE, primitive);
+    const float values[3] = {};
+    ksUniform3fv(2, 1, values);
+    ksUniform1f(-1, 2.5f);
+    ksCreateShader(12345);
+    int depth = 0;
+    ksGetIntegerv(KS_MAX_RAY_DEPTH, &depth);
+    ksGetError();
+
+    const Calls expected = {
+        "ksAttachShader(prog#1, shader#1)",
+        "ksShaderString(shader#1, KS_SHADER_NAME, \"rock one\")",
+        "ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, buf#2)",
+        "ksBindBuffer(KS_ARRAY_BUFFER, null)",
+        "ksBindBuffer(KS_ARRAY_BUFFER, " + staleText + ")",
+        "ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 16, null, KS_STATIC_DRAW)",
+        "ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE)",
+        "ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER)",
+        "ksBindTexture(KS_TEXTURE_2D, tex#1)",
+        "ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0)",
+        "ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 3, 0, KS_RGBA, KS_FLOAT, null)",
+        "ksBindFramebuffer(KS_FRAMEBUFFER, fb#1)",
+        "ksFramebufferTexture2D(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, tex#1, 0)",
+        "ksClearColor(0.5, 1, 0, 0.25)",
+        "ksClear(KS_COLOR_BUFFER_BIT)",
+        "ksClear(131072)",
+        "ksBindPrimitive(KS_PRIMITIVE, " + std::to_string(primitive) + ")",
+        "ksUniform3fv(2, 1, ptr)",
+        "ksUniform1f(-1, 2.5)",
+        "ksCreateShader(12345)",
+        "ksGetIntegerv(KS_MAX_RAY_DEPTH, ptr)",
+        "ksGetError()",
+    };
+    const Calls got = log.Calls();
+    ASSERT_EQ(got.size(), expected.size());
+    for (size_t i = 0; i < expected.size(); ++i)
+        EXPECT_EQ(got[i], expected[i]) << "line " << i;
+    ksGetError();
+    _recorder.Take();
+}
+
+TEST_F(KestrelCallLog, SerialsCountPerContextAndKind)
+{
+    _KSbuffer* ours[2] = {NewBuffer(), NewBuffer()};
+    _KStexture* texture = NewTexture();
+    EXPECT_EQ(Describe(ours[0]), "buf#1");
+    EXPECT_EQ(Describe(ours[1]), "buf#2");
+    EXPECT_EQ(Describe(texture), "tex#1");
+    EXPECT_EQ(Describe(ksCreateShader(KS_VERTEX_SHADER)), "shader#1");
+    EXPECT_EQ(Describe(ksCreateProgram()), "prog#1");
+    EXPECT_EQ(Describe(NewFramebuffer()), "fb#1");
+    EXPECT_EQ(Describe(static_cast<_KSbuffer*>(nullptr)), "null");
+
+    void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
+    ASSERT_EQ(KestrelSetCurrentContext(other), 1);
+    EXPECT_EQ(Describe(NewBuffer()), "buf#1");
+    // Not live in the current context: shown by id.
+    EXPECT_EQ(Describe(ours[1]).rfind("buf?0x", 0), 0u) << Describe(ours[1]);
+    EXPECT_NE(Describe(ours[0]), Describe(ours[1]));
+    KestrelDestroyContext(other);
+    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
+    EXPECT_EQ(Describe(ours[1]), "buf#2");
+}
+
+TEST_F(KestrelCallLog, ContextFunctionsAreRecorded)
+{
+    CallLog log;
+    void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
+    KestrelSetCurrentContext(other);
+    KestrelGetHardwareAcceleratorCount();
+    KestrelSetCurrentContext(_pContext);
+    KestrelStopContext(other);
+    KestrelDestroyContext(other);
+    const Calls calls = log.Calls();
+    const char* const patterns[] = {
+        R"(KestrelCreateContext\(null, null, null\))", R"(KestrelSetCurrentContext\(ctx#[0-9]+\))",
+        R"(KestrelGetHardwareAcceleratorCount\(\))",   R"(KestrelSetCurrentContext\(ctx#[0-9]+\))",
+        R"(KestrelStopContext\(ctx#[0-9]+\))",         R"(KestrelDestroyContext\(ctx#[0-9]+\))",
+    };
+    ASSERT_EQ(calls.size(), std::size(patterns));
+    for (size_t i = 0; i < calls.size(); ++i)
+        EXPECT_TRUE(std::regex_match(calls[i], std::regex(patterns[i]))) << calls[i];
+    // The same context reads the same each time; two contexts read differently.
+    EXPECT_EQ(calls[1].substr(calls[1].find('(')), calls[4].substr(calls[4].find('(')));
+    EXPECT_NE(calls[1], calls[3]);
+}
+
+TEST_F(KestrelCallLog, RecordsOnlyWhileALogLives)
+{
+    NewBuffer(); // before any log
+    Calls outerCalls;
+    {
+        CallLog outer;
+        ksGetError();
+        {
+            CallLog inner;
+            NewTexture();
+            EXPECT_EQ(inner.Calls(), (Calls{"ksGenTextures(1, ptr)"}));
+        }
+        ksGetError();
+        outerCalls = outer.Calls();
+    }
+    EXPECT_EQ(outerCalls, (Calls{"ksGetError()", "ksGenTextures(1, ptr)", "ksGetError()"}));
+    NewFramebuffer(); // between logs
+    CallLog later;
+    EXPECT_TRUE(later.Calls().empty());
+    // Testing helpers are not Kestrel calls.
+    Describe(static_cast<_KStexture*>(nullptr));
+    CountObjects(_pContext);
+    CountContexts();
+    EXPECT_TRUE(later.Calls().empty());
+}
+
+TEST_F(KestrelCallLog, FiltersClearsAndHearsEveryThread)
+{
+    CallLog log;
+    ksGetError();
+    std::thread(
+        []
+        {
+            ksGenPrimitives(1, nullptr);
+            ksGetError();
+        })
+        .join();
+    ksClearColor(1, 1, 1, 1);
+    ksGetError();
+    _recorder.Take();
+    EXPECT_EQ(log.CallsOf("ksGetError"), (Calls{"ksGetError()", "ksGetError()", "ksGetError()"}));
+    EXPECT_EQ(log.CallsOf("ksGenPrimitives"), (Calls{"ksGenPrimitives(1, null)"}));
+    EXPECT_TRUE(log.CallsOf("ksGetErr").empty()) << "matched a prefix of a name";
+    EXPECT_EQ(log.Calls().size(), 5u);
+    log.Clear();
+    EXPECT_TRUE(log.Calls().empty());
+    ksGetError();
+    EXPECT_EQ(log.Calls(), (Calls{"ksGetError()"}));
+}
+
+} // namespace
+} // namespace KestrelTest

@@ -1,0 +1,316 @@
+// The primitive object: handle, name, binding, scoped binding, and the
+// setters with their trace.
+#include "WrapperFixture.h"
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+
+using namespace WrapperTest;
+using namespace Vireo;
+using Kestrel::Testing::CallLog;
+using Vireo::Testing::kCCK_PrintError;
+using Vireo::Testing::kCCK_PrintTrace;
+
+TEST(PrimitiveTest, DefaultConstructedHoldsNothing)
+{
+    KSPrimitive primitive;
+    EXPECT_EQ(primitive.GetHandle(), 0u);
+    EXPECT_EQ(primitive.GetName(), "");
+    EXPECT_EQ(primitive.GetKSContext(), nullptr);
+    CallLog log;
+    primitive.SetName("before init");
+    EXPECT_EQ(primitive.GetName(), "before init");
+    EXPECT_EQ(log.Calls(), Calls{}) << "no handle, no Kestrel call";
+}
+
+TEST_F(WrapperFixture, SetNameBindsAndSendsTheName)
+{
+    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    const std::string handle = Text(primitive->GetHandle());
+    {
+        CallLog log;
+        primitive->SetName("ball");
+        EXPECT_EQ(log.Calls(),
+                  (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + handle + ")", "ksGetError()",
+                         "ksPrimitiveParameterString(KS_PRIMITIVE, KS_PRIMITIVE_NAME, \"ball\")"}));
+    }
+    EXPECT_EQ(BoundPrimitive(), primitive->GetHandle()) << "stays bound";
+
+    // Its own name as the argument is still sent.
+    CallLog log;
+    primitive->SetName(primitive->GetName());
+    EXPECT_EQ(log.CallsOf("ksPrimitiveParameterString").size(), 1u);
+
+    // The null primitive stores the name only.
+    CallLog nullLog;
+    _pContext->TheNullPrimitive()->SetName("frame");
+    EXPECT_EQ(nullLog.Calls(), Calls{});
+    EXPECT_EQ(_pContext->TheNullPrimitive()->GetName(), "frame");
+    _pContext->DestroyIKSPrimitive(primitive);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, BindFailurePrintsTheHandleInHex)
+{
+    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    Kestrel::Testing::AutoFaults faults;
+    Kestrel::Testing::InjectFault("ksBindPrimitive");
+    EXPECT_FALSE(primitive->Bind());
+    char expected[64];
+    std::snprintf(expected, sizeof(expected), "KSPrimitive::Bind prim %08x\n",
+                  static_cast<unsigned>(primitive->GetHandle()));
+    EXPECT_EQ(_console.TextsOf(kCCK_PrintError).back(), expected);
+
+    // The null primitive binds none, and that is no error.
+    EXPECT_TRUE(_pContext->TheNullPrimitive()->Bind());
+    EXPECT_EQ(BoundPrimitive(), 0u);
+    _pContext->DestroyIKSPrimitive(primitive);
+}
+
+TEST_F(WrapperFixture, ShutdownTwiceDeletesOnce)
+{
+    KSPrimitive primitive;
+    primitive.Init(_pContext);
+    primitive.SetName("kept");
+    CallLog log;
+    primitive.Shutdown();
+    primitive.Shutdown();
+    EXPECT_EQ(log.CallsOf("ksDeletePrimitives").size(), 1u);
+    EXPECT_EQ(primitive.GetHandle(), 0u);
+    EXPECT_EQ(primitive.GetKSContext(), nullptr);
+    EXPECT_EQ(primitive.GetName(), "kept");
+}
+
+TEST_F(WrapperFixture, AutoBindNestsAndUnwindsInReverse)
+{
+    IKSPrimitive* p = _pContext->CreateIKSPrimitive();
+    IKSPrimitive* q = _pContext->CreateIKSPrimitive();
+    IKSPrimitive* r = _pContext->CreateIKSPrimitive();
+    {
+        AutoBindKSPrimitive outer(p);
+        EXPECT_EQ(BoundPrimitive(), p->GetHandle());
+    }
+    EXPECT_EQ(BoundPrimitive(), 0u) << "nothing was bound before";
+
+    q->Bind();
+    {
+        AutoBindKSPrimitive outer(p);
+        {
+            AutoBindKSPrimitive inner(r);
+            EXPECT_EQ(BoundPrimitive(), r->GetHandle());
+        }
+        EXPECT_EQ(BoundPrimitive(), p->GetHandle());
+    }
+    EXPECT_EQ(BoundPrimitive(), q->GetHandle());
+    for (IKSPrimitive* each : {p, q, r})
+        _pContext->DestroyIKSPrimitive(each);
+    EXPECT_NO_KS_ERROR();
+}
+
+// --- Setters ----------------------------------------------------------------
+
+namespace
+{
+
+struct SetterCase
+{
+    const char* label;
+    // Calls the setter under test on `primitive` with location 2.
+    std::function<bool(IKSPrimitive&)> set;
+    std::string kestrelCall; // the one call it must make, as logged
+    const char* failureWord; // the word after "SetUniform " in the failure text
+};
+
+const float kFloats[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const int kInts[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+
+// `prims` holds two live primitives, used as values.
+std::vector<SetterCase> AllSetters(const KSprimitive* prims)
+{
+    static _KStexture* const textures[2] = {nullptr, nullptr};
+    static const Vector2i v2i[2] = {{1, 2}, {3, 4}};
+    static const Vector3i v3i[1] = {{1, 2, 3}};
+    static const Vector4i v4i[1] = {{1, 2, 3, 4}};
+    static const Vector2f v2f[1] = {{1, 2}};
+    static const Vector3f v3f[1] = {{1, 2, 3}};
+    static const Vector4f v4f[1] = {{1, 2, 3, 4}};
+    static const Matrix33f m3[1] = {};
+    static const Matrix44f m4[1] = {};
+    const std::string n = "u";
+    return {
+        {"prim[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(2), prims); },
+         "ksUniformpv(2, 2, ptr)", "prim[]"},
+        {"prim", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, prims[0]); },
+         "ksUniformp(2, " + Text(prims[0]) + ")", "prim"},
+        {"texture[]",
+         [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(2), textures); },
+         "ksUniformtv(2, 2, ptr)", "texture[]"},
+        {"texture", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, (_KStexture*)nullptr); },
+         "ksUniformt(2, null)", "texture"},
+        {"int[][]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 3, std::uint64_t(2), kInts); },
+         "ksUniform3iv(2, 2, ptr)", "int[][]"},
+        {"ivec4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v4i); },
+         "ksUniform4iv(2, 1, ptr)", "ivec4[]"},
+        {"ivec3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v3i); },
+         "ksUniform3iv(2, 1, ptr)", "ivec3[]"},
+        {"ivec2[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 2, v2i); },
+         "ksUniform2iv(2, 2, ptr)", "ivec2[]"},
+        {"int[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(3), kInts); },
+         "ksUniform1iv(2, 3, ptr)", "int[]"},
+        {"Vector4i", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v4i[0]); },
+         "ksUniform4iv(2, 1, ptr)", "vec4"},
+        {"Vector3i", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v3i[0]); },
+         "ksUniform3iv(2, 1, ptr)", "vec3"},
+        {"Vector2i", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v2i[0]); },
+         "ksUniform2iv(2, 1, ptr)", "vec2"},
+        {"int", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 5); }, "ksUniform1i(2, 5)", "int"},
+        {"mat4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(1), m4); },
+         "ksUniformMatrix4fv(2, 1, 1, ptr)", "mat4[]"},
+        {"mat3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(1), m3); },
+         "ksUniformMatrix3fv(2, 1, 1, ptr)", "mat3[]"},
+        {"vec4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v4f); },
+         "ksUniform4fv(2, 1, ptr)", "vec4[]"},
+        {"vec3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v3f); },
+         "ksUniform3fv(2, 1, ptr)", "vec3[]"},
+        {"vec2[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v2f); },
+         "ksUniform2fv(2, 1, ptr)", "vec2[]"},
+        {"float[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 4, kFloats); },
+         "ksUniform1fv(2, 4, ptr)", "float[]"},
+        {"Vector4f", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v4f[0]); },
+         "ksUniform4fv(2, 1, ptr)", "vec4"},
+        {"Vector3f", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v3f[0]); },
+         "ksUniform3fv(2, 1, ptr)", "vec3"},
+        {"Vector2f", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v2f[0]); },
+         "ksUniform2fv(2, 1, ptr)", "vec2"},
+        {"float", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 0.5f); }, "ksUniform1f(2, 0.5)",
+         "float"},
+    };
+}
+
+std::string FailureText(const char* word, KSprimitive handle)
+{
+    char text[96];
+    std::snprintf(text, sizeof(text), "SetUniform %s 'u' prim %08x\n", word,
+                  static_cast<unsigned>(handle));
+    return text;
+}
+
+} // namespace
+
+TEST_F(WrapperFixture, EverySetterBindsCallsOnceAndReportsFailure)
+{
+    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    IKSPrimitive* other = _pContext->CreateIKSPrimitive();
+    const std::string handle = Text(primitive->GetHandle());
+    const KSprimitive values[2] = {other->GetHandle(), primitive->GetHandle()};
+    const std::vector<SetterCase> cases = AllSetters(values);
+    ASSERT_EQ(cases.size(), 23u);
+    for (const SetterCase& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        other->Bind();
+        {
+            CallLog log;
+            EXPECT_TRUE(c.set(*primitive));
+            EXPECT_EQ(log.Calls(), (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + handle + ")",
+                                          c.kestrelCall, "ksGetError()"}));
+        }
+        EXPECT_EQ(BoundPrimitive(), primitive->GetHandle());
+
+        other->Bind();
+        const std::string function = c.kestrelCall.substr(0, c.kestrelCall.find('('));
+        Kestrel::Testing::AutoFaults faults;
+        Kestrel::Testing::InjectErrorAfter(function, KS_INVALID_OPERATION);
+        _console.Clear();
+        EXPECT_FALSE(c.set(*primitive));
+        const std::vector<std::string> errors = _console.TextsOf(kCCK_PrintError);
+        ASSERT_FALSE(errors.empty());
+        EXPECT_EQ(errors.back(), FailureText(c.failureWord, primitive->GetHandle()));
+        EXPECT_EQ(BoundPrimitive(), primitive->GetHandle()) << "bound also after a failure";
+        EXPECT_EQ(_console.CountOf(kCCK_PrintTrace), 0u) << "no trace unless asked";
+    }
+    _pContext->DestroyIKSPrimitive(primitive);
+    _pContext->DestroyIKSPrimitive(other);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, TupleSizeOutsideOneToFourBindsButCallsNothing)
+{
+    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    for (int tupleSize : {0, 5, -1})
+    {
+        CallLog log;
+        EXPECT_FALSE(primitive->SetUniform("ids", 1, tupleSize, std::uint64_t(1), kInts));
+        EXPECT_EQ(log.Calls(),
+                  (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + Text(primitive->GetHandle()) + ")"}));
+    }
+    EXPECT_EQ(_console.CountOf(kCCK_PrintError), 0u);
+    _pContext->DestroyIKSPrimitive(primitive);
+}
+
+TEST_F(WrapperFixture, CountsReachKestrelAtFullWidth)
+{
+    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    CallLog log;
+    primitive->SetUniform("f", -1, -1, kFloats);                          // int, sign-extended
+    primitive->SetUniform("i", -1, std::uint64_t(0x100000002ull), kInts); // whole
+    EXPECT_EQ(log.CallsOf("ksUniform1fv"), Calls{"ksUniform1fv(-1, -1, ptr)"});
+    EXPECT_EQ(log.CallsOf("ksUniform1iv"), Calls{"ksUniform1iv(-1, 4294967298, ptr)"});
+    _pContext->DestroyIKSPrimitive(primitive);
+}
+
+TEST_F(WrapperFixture, TraceLinesMatchTheirFormat)
+{
+    IKSPrimitive* ball = _pContext->CreateIKSPrimitive();
+    ball->SetName("ball");
+    ball->SetTrace(true);
+    const Vector2i offsets[2] = {{1, 2}, {3, 4}};
+    const int ids[4] = {1, 2, 3, 4};
+    ball->SetUniform("radius", 3, 0.5f);
+    ball->SetUniform("tint", 4, Vector3f{1, 0.5f, 0});
+    ball->SetUniform("offsets", 5, 2, offsets);
+    ball->SetUniform("ids", 6, 2, std::uint64_t(2), ids);
+    ball->SetUniform("none", 7, 0, kFloats);
+    ball->SetUniform("negative", 8, -2, kFloats);
+    ball->SetUniform("p", 9, KSprimitive(4000000000u));
+    ball->SetUniform("wide", 10, 0, std::uint64_t(1), ids);
+    ball->SetUniform("five", 11, 5, std::uint64_t(1), kInts);
+
+    KSPrimitive unnamed;
+    unnamed.InitNull(_pContext);
+    unnamed.SetTrace(true);
+    Matrix33f identity{};
+    float rows[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
+    std::memcpy(&identity, rows, sizeof(rows));
+    unnamed.SetUniform("m", 0, std::uint64_t(1), &identity);
+
+    EXPECT_EQ(_console.TextsOf(kCCK_PrintTrace), (std::vector<std::string>{
+                                                     "ball.radius (3) # 1 0.5 \n",
+                                                     "ball.tint (4) # 1 (1,0.5,0) \n",
+                                                     "ball.offsets (5) # 2 (1,2) (3,4) \n",
+                                                     "ball.ids (6) # 2 {1, 2} {3, 4} \n",
+                                                     "ball.none (7) # 0 \n",
+                                                     "ball.negative (8) # -2 \n",
+                                                     "ball.p (9) # 1 4000000000 \n",
+                                                     "ball.wide (10) # 1  \n",
+                                                     "ball.five (11) # 1 {1, 2, 3, 4, 5} \n",
+                                                     ".m (0) # 1 ((1,0,0), (0,1,0), (0,0,1), ) \n",
+                                                 }));
+    ksGetError();
+    _pContext->DestroyIKSPrimitive(ball);
+}
+
+TEST_F(WrapperFixture, ClassWideTraceSkipsOnlyTheSingleInt)
+{
+    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    KSPrimitiveTraceSwitch::Set(true);
+    primitive->SetUniform("i", 1, 3);
+    primitive->SetUniform("f", 2, 1.5f);
+    KSPrimitiveTraceSwitch::Set(false);
+    primitive->SetTrace(true);
+    primitive->SetUniform("j", 3, 4);
+    EXPECT_EQ(_console.TextsOf(kCCK_PrintTrace),
+              (std::vector<std::string>{".f (2) # 1 1.5 \n", ".j (3) # 1 4 \n"}));
+    _pContext->DestroyIKSPrimitive(primitive);
+}

@@ -1,0 +1,284 @@
+// Test doubles for the core library's interfaces: a console that records
+// every call, an assertion handler with a configurable answer, and scoped
+// installers for both. Thread-safe, since the code under test may print from
+// any thread.
+#ifndef VIREO_TESTS_SUPPORT_RECORDINGCONSOLE_H
+#define VIREO_TESTS_SUPPORT_RECORDINGCONSOLE_H
+
+#include "CoreInterfaces/VireoCore.h"
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <ostream>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace Vireo
+{
+namespace Testing
+{
+
+enum ConsoleCallKind
+{
+    kCCK_Print,
+    kCCK_PrintDetail,
+    kCCK_PrintTrace,
+    kCCK_PrintWarning,
+    kCCK_PrintError,
+    kCCK_BeginBlock,
+    kCCK_EndBlock,
+};
+
+inline const char* ConsoleCallKindName(ConsoleCallKind eKind)
+{
+    static const char* const kNames[] = {"Print",      "PrintDetail", "PrintTrace", "PrintWarning",
+                                         "PrintError", "BeginBlock",  "EndBlock"};
+    const int nKind = static_cast<int>(eKind);
+    return nKind >= 0 && nKind <= kCCK_EndBlock ? kNames[nKind] : "?";
+}
+
+// One recorded call. Prints record the formatted text; blocks record their
+// text and level. Prints carry no level of their own and record kVL_Normal,
+// which is also the default here, so expectations may leave it out:
+// `ConsoleCall{kCCK_PrintError, "Kestrel error 0x500 occurred.\n"}`.
+struct ConsoleCall
+{
+    ConsoleCallKind eKind = kCCK_Print;
+    std::string sText;
+    IConsole::VerbosityLevel eLevel = IConsole::kVL_Normal;
+
+    bool operator==(const ConsoleCall& other) const
+    {
+        return eKind == other.eKind && sText == other.sText && eLevel == other.eLevel;
+    }
+    bool operator!=(const ConsoleCall& other) const { return !(*this == other); }
+};
+
+inline std::ostream& operator<<(std::ostream& stream, const ConsoleCall& call)
+{
+    stream << ConsoleCallKindName(call.eKind) << "(";
+    if (call.eKind == kCCK_BeginBlock || call.eKind == kCCK_EndBlock)
+        stream << "level " << static_cast<int>(call.eLevel) << ", ";
+    stream << "\"";
+    for (char c : call.sText)
+    {
+        if (c == '\n')
+            stream << "\\n";
+        else if (c == '"' || c == '\\')
+            stream << '\\' << c;
+        else
+            stream << c;
+    }
+    return stream << "\")";
+}
+
+// Both forms of one kind of message record the same way.
+#define VIREO_RECORDING_CONSOLE_KIND(Name, eKind)                                                  \
+    void Name(const char* format, ...) override                                                    \
+    {                                                                                              \
+        va_list arguments;                                                                         \
+        va_start(arguments, format);                                                               \
+        _Record(eKind, format, arguments);                                                         \
+        va_end(arguments);                                                                         \
+    }                                                                                              \
+    void V##Name(const char* format, va_list arguments) override                                   \
+    {                                                                                              \
+        _Record(eKind, format, arguments);                                                         \
+    }
+
+class RecordingConsole : public IMgrConsole
+{
+public:
+    void SetVerbosity(IConsole::VerbosityLevel level) override
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _eVerbosity = level;
+    }
+    IConsole::VerbosityLevel GetVerbosity() const override
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _eVerbosity;
+    }
+
+    VIREO_RECORDING_CONSOLE_KIND(Print, kCCK_Print)
+    VIREO_RECORDING_CONSOLE_KIND(PrintDetail, kCCK_PrintDetail)
+    VIREO_RECORDING_CONSOLE_KIND(PrintTrace, kCCK_PrintTrace)
+    VIREO_RECORDING_CONSOLE_KIND(PrintWarning, kCCK_PrintWarning)
+    VIREO_RECORDING_CONSOLE_KIND(PrintError, kCCK_PrintError)
+#undef VIREO_RECORDING_CONSOLE_KIND
+
+    void BeginBlock(IConsole::VerbosityLevel level, const char* text) override
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.push_back({kCCK_BeginBlock, text != nullptr ? text : "", level});
+        ++_nDepth;
+    }
+    // Opened and not yet closed; surplus closes do not go below zero.
+    int GetBlockDepth() const override
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _nDepth;
+    }
+    void EndBlock(IConsole::VerbosityLevel level, const char* text) override
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.push_back({kCCK_EndBlock, text != nullptr ? text : "", level});
+        if (_nDepth > 0)
+            --_nDepth;
+    }
+
+    // A snapshot: the console may still be written to.
+    std::vector<ConsoleCall> Calls() const
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _calls;
+    }
+    // The texts of the calls of one kind, in order.
+    std::vector<std::string> TextsOf(ConsoleCallKind eKind) const
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        std::vector<std::string> texts;
+        for (const ConsoleCall& call : _calls)
+            if (call.eKind == eKind)
+                texts.push_back(call.sText);
+        return texts;
+    }
+    std::size_t CountOf(ConsoleCallKind eKind) const
+    {
+        return TextsOf(eKind).size();
+    }
+    void Clear()
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.clear();
+        _nDepth = 0;
+    }
+
+private:
+    void _Record(ConsoleCallKind eKind, const char* format, va_list arguments)
+    {
+        std::string text;
+        if (format != nullptr)
+        {
+            va_list measure;
+            va_copy(measure, arguments);
+            const int nLength = std::vsnprintf(nullptr, 0, format, measure);
+            va_end(measure);
+            if (nLength > 0)
+            {
+                text.resize(static_cast<std::size_t>(nLength) + 1);
+                std::vsnprintf(&text[0], text.size(), format, arguments);
+                text.resize(static_cast<std::size_t>(nLength));
+            }
+        }
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.push_back({eKind, std::move(text), IConsole::kVL_Normal});
+    }
+
+    mutable std::mutex _mutex;
+    std::vector<ConsoleCall> _calls;
+    IConsole::VerbosityLevel _eVerbosity = IConsole::kVL_Trace;
+    int _nDepth = 0;
+};
+
+struct AssertCall
+{
+    std::string sExpression;
+    int nLine = 0;
+    std::string sFile;
+    std::uintptr_t nContext = 0;
+
+    bool operator==(const AssertCall& other) const
+    {
+        return sExpression == other.sExpression && nLine == other.nLine && sFile == other.sFile &&
+               nContext == other.nContext;
+    }
+};
+
+inline std::ostream& operator<<(std::ostream& stream, const AssertCall& call)
+{
+    return stream << "HandleAssert(\"" << call.sExpression << "\", " << call.nLine << ", \""
+                  << call.sFile << "\", " << call.nContext << ")";
+}
+
+// Records each failed assertion and answers with SetAnswer's value (0 unless
+// set).
+class RecordingAssertHandler : public IAssertHandler
+{
+public:
+    explicit RecordingAssertHandler(int nAnswer = kAnswer_Continue) : _nAnswer(nAnswer) {}
+
+    int HandleAssert(const char* expression, int line, const char* file,
+                     std::uintptr_t context) override
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.push_back(
+            {expression != nullptr ? expression : "", line, file != nullptr ? file : "", context});
+        return _nAnswer;
+    }
+
+    void SetAnswer(int nAnswer)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _nAnswer = nAnswer;
+    }
+    std::vector<AssertCall> Calls() const
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _calls;
+    }
+    std::size_t CallCount() const
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        return _calls.size();
+    }
+    void Clear()
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.clear();
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::vector<AssertCall> _calls;
+    int _nAnswer;
+};
+
+// Makes a console the process-wide one for a scope, then puts back the
+// previous one.
+class AutoInstallConsole
+{
+public:
+    explicit AutoInstallConsole(IMgrConsole* pConsole) : _pPrevious(SetMgrConsole(pConsole)) {}
+    ~AutoInstallConsole() { SetMgrConsole(_pPrevious); }
+    AutoInstallConsole(const AutoInstallConsole&) = delete;
+    AutoInstallConsole& operator=(const AutoInstallConsole&) = delete;
+
+private:
+    IMgrConsole* _pPrevious;
+};
+
+// Makes a handler the active one for a scope, then puts back the previous
+// one.
+class AutoInstallAssertHandler
+{
+public:
+    explicit AutoInstallAssertHandler(IAssertHandler* pHandler)
+        : _pPrevious(SetActiveAssertHandler(pHandler))
+    {
+    }
+    ~AutoInstallAssertHandler() { SetActiveAssertHandler(_pPrevious); }
+    AutoInstallAssertHandler(const AutoInstallAssertHandler&) = delete;
+    AutoInstallAssertHandler& operator=(const AutoInstallAssertHandler&) = delete;
+
+private:
+    IAssertHandler* _pPrevious;
+};
+
+} // namespace Testing
+} // namespace Vireo
+
+#endif // VIREO_TESTS_SUPPORT_RECORDINGCONSOLE_H

@@ -1,0 +1,238 @@
+// The core library's default console, seen through standard error, and the
+// process-wide console slot.
+#include "CoreInterfaces/VireoCore.h"
+#include "Support/RecordingConsole.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace
+{
+
+using Vireo::IConsole;
+using Vireo::IMgrConsole;
+
+class CoreConsoleTest : public ::testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        _pPrevious = Vireo::SetMgrConsole(nullptr);
+        _pConsole = Vireo::GetMgrConsole();
+        _eSavedVerbosity = _pConsole->GetVerbosity();
+    }
+
+    void TearDown() override
+    {
+        EXPECT_EQ(0, _pConsole->GetBlockDepth()) << "a test left a block open";
+        _pConsole->SetVerbosity(_eSavedVerbosity);
+        Vireo::SetMgrConsole(_pPrevious);
+    }
+
+    std::string Capture(const std::function<void(IMgrConsole&)>& work)
+    {
+        ::testing::internal::CaptureStderr();
+        work(*_pConsole);
+        return ::testing::internal::GetCapturedStderr();
+    }
+
+    IMgrConsole* _pConsole = nullptr;
+
+private:
+    IMgrConsole* _pPrevious = nullptr;
+    IConsole::VerbosityLevel _eSavedVerbosity = IConsole::kVL_Normal;
+};
+
+using Printer = void (IMgrConsole::*)(const char*, ...);
+using VPrinter = void (IMgrConsole::*)(const char*, va_list);
+
+void CallV(IMgrConsole& console, VPrinter printer, const char* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    (console.*printer)(format, arguments);
+    va_end(arguments);
+}
+
+struct Kind
+{
+    Printer print;
+    VPrinter vprint;
+    std::string sPrefix;
+    IConsole::VerbosityLevel eShownFrom;
+};
+
+const Kind kKinds[] = {
+    {&IMgrConsole::Print, &IMgrConsole::VPrint, "", IConsole::kVL_Normal},
+    {&IMgrConsole::PrintDetail, &IMgrConsole::VPrintDetail, "detail: ", IConsole::kVL_Detail},
+    {&IMgrConsole::PrintTrace, &IMgrConsole::VPrintTrace, "trace: ", IConsole::kVL_Trace},
+    {&IMgrConsole::PrintWarning, &IMgrConsole::VPrintWarning, "warning: ", IConsole::kVL_Quiet},
+    {&IMgrConsole::PrintError, &IMgrConsole::VPrintError, "error: ", IConsole::kVL_Quiet},
+};
+
+TEST_F(CoreConsoleTest, EachKindHasItsPrefixAndShowsFromItsVerbosity)
+{
+    for (IConsole::VerbosityLevel eLevel :
+         {IConsole::kVL_Quiet, IConsole::kVL_Normal, IConsole::kVL_Detail, IConsole::kVL_Trace})
+    {
+        _pConsole->SetVerbosity(eLevel);
+        for (const Kind& kind : kKinds)
+        {
+            const bool bShown = kind.eShownFrom <= eLevel;
+            const std::string expected = bShown ? kind.sPrefix + "n=7 x\n" : "";
+            EXPECT_EQ(expected,
+                      Capture([&kind](IMgrConsole& c) { (c.*kind.print)("n=%d %s\n", 7, "x"); }))
+                << "verbosity " << eLevel << ", prefix '" << kind.sPrefix << "'";
+            EXPECT_EQ(expected, Capture([&kind](IMgrConsole& c)
+                                        { CallV(c, kind.vprint, "n=%d %s\n", 7, "x"); }))
+                << "va_list form, verbosity " << eLevel << ", prefix '" << kind.sPrefix << "'";
+        }
+    }
+}
+
+TEST_F(CoreConsoleTest, ShownBlocksIndentHiddenOnesDoNot)
+{
+    _pConsole->SetVerbosity(IConsole::kVL_Normal);
+    std::vector<int> depths;
+    const std::string output = Capture(
+        [&depths](IMgrConsole& c)
+        {
+            c.BeginBlock(IConsole::kVL_Normal, "outer");
+            c.Print("a\n");
+            c.BeginBlock(IConsole::kVL_Detail, "hidden");
+            c.Print("b\n");
+            c.BeginBlock(IConsole::kVL_Normal, "inner");
+            depths.push_back(c.GetBlockDepth());
+            c.PrintError("c\nd\n");
+            c.EndBlock(IConsole::kVL_Normal, "inner end");
+            c.EndBlock(IConsole::kVL_Detail, "hidden end");
+            c.EndBlock(IConsole::kVL_Normal, "outer end");
+            depths.push_back(c.GetBlockDepth());
+            c.Print("e\n");
+        });
+    EXPECT_EQ("outer\n"
+              "  a\n"
+              "  b\n"
+              "  inner\n"
+              "    error: c\n"
+              "    error: d\n"
+              "  inner end\n"
+              "outer end\n"
+              "e\n",
+              output);
+    EXPECT_EQ((std::vector<int>{3, 0}), depths);
+}
+
+TEST_F(CoreConsoleTest, BlocksStayBalancedWhateverHappensBetweenOpenAndClose)
+{
+    const struct
+    {
+        const char* sName;
+        std::function<void(IMgrConsole&)> work;
+        const char* sExpected;
+    } rows[] = {
+        {"hidden at open, shown at close: the close stays hidden",
+         [](IMgrConsole& c)
+         {
+             c.BeginBlock(IConsole::kVL_Trace, "open");
+             c.SetVerbosity(IConsole::kVL_Trace);
+             c.EndBlock(IConsole::kVL_Trace, "close");
+             c.Print("after\n");
+         },
+         "after\n"},
+        {"a surplus close, as from a copied scoped block, does not indent backwards",
+         [](IMgrConsole& c)
+         {
+             c.BeginBlock(IConsole::kVL_Normal, "open");
+             c.EndBlock(IConsole::kVL_Normal, "close");
+             c.EndBlock(IConsole::kVL_Normal, "close again");
+             c.BeginBlock(IConsole::kVL_Normal, "next");
+             c.Print("in\n");
+             c.EndBlock(IConsole::kVL_Normal, "");
+         },
+         "open\nclose\nclose again\nnext\n  in\n"},
+        {"a block opened mid-line starts a line of its own",
+         [](IMgrConsole& c)
+         {
+             c.Print("partial");
+             c.BeginBlock(IConsole::kVL_Normal, "open\n");
+             c.Print("%s", "in");
+             c.Print("\n");
+             c.EndBlock(IConsole::kVL_Normal, "close");
+         },
+         "partial\nopen\n  in\nclose\n"},
+    };
+    for (const auto& row : rows)
+    {
+        _pConsole->SetVerbosity(IConsole::kVL_Normal);
+        EXPECT_EQ(row.sExpected, Capture(row.work)) << row.sName;
+        EXPECT_EQ(0, _pConsole->GetBlockDepth()) << row.sName;
+    }
+}
+
+TEST_F(CoreConsoleTest, LinesOfConcurrentWritersDoNotInterleave)
+{
+    constexpr int kThreads = 4;
+    constexpr int kLines = 200;
+    const std::string output = Capture(
+        [](IMgrConsole& c)
+        {
+            std::vector<std::thread> threads;
+            for (int t = 0; t < kThreads; ++t)
+                threads.emplace_back(
+                    [&c, t]
+                    {
+                        for (int i = 0; i < kLines; ++i)
+                            c.PrintWarning("thread %d line %d of a message long enough\n", t, i);
+                    });
+            for (std::thread& thread : threads)
+                thread.join();
+        });
+
+    std::vector<int> nextLine(kThreads, 0);
+    std::istringstream lines(output);
+    int nLines = 0;
+    for (std::string line; std::getline(lines, line); ++nLines)
+    {
+        int t = -1;
+        int i = -1;
+        int nParsed = 0;
+        std::sscanf(line.c_str(), "warning: thread %d line %d of a message long enough%n", &t, &i,
+                    &nParsed);
+        ASSERT_TRUE(nParsed == static_cast<int>(line.size()) && t >= 0 && t < kThreads)
+            << "mixed line: " << line;
+        EXPECT_EQ(nextLine[t]++, i) << "thread " << t << " out of order";
+    }
+    EXPECT_EQ(kThreads * kLines, nLines);
+}
+
+TEST_F(CoreConsoleTest, HostConsoleReplacesTheDefaultUntilRemoved)
+{
+    Vireo::Testing::RecordingConsole host;
+    IMgrConsole* const pDefault = _pConsole;
+
+    EXPECT_EQ(pDefault, Vireo::SetMgrConsole(&host));
+    EXPECT_EQ(&host, Vireo::GetMgrConsole());
+    const std::string output =
+        Capture([](IMgrConsole&) { Vireo::GetMgrConsole()->PrintError("to host %d\n", 1); });
+    EXPECT_EQ("", output) << "the default console must be bypassed";
+    EXPECT_EQ((std::vector<Vireo::Testing::ConsoleCall>{
+                  {Vireo::Testing::kCCK_PrintError, "to host 1\n"}}),
+              host.Calls());
+
+    EXPECT_EQ(&host, Vireo::SetMgrConsole(nullptr));
+    EXPECT_EQ(pDefault, Vireo::GetMgrConsole());
+
+    // What Set gave back puts the earlier state back.
+    IMgrConsole* const pPrevious = Vireo::SetMgrConsole(&host);
+    Vireo::SetMgrConsole(pPrevious);
+    EXPECT_EQ(pDefault, Vireo::GetMgrConsole());
+}
+
+} // namespace
