@@ -26,12 +26,12 @@ MgrKestrel* MgrKestrel::_Create()
     return &theSingleton;
 }
 
-IKestrelContext* MgrKestrel::CreateKestrelContext(void* existingContext, IMgrConsole* console,
-                                                  bool releaseMode, bool printLeakReport,
-                                                  const long long* attributes)
+namespace
 {
-    // The constructor takes the flags the other way round.
-    auto* context = new KestrelContextImp(existingContext, console, printLeakReport, releaseMode);
+
+// Second phase of a new context: the context, or null after deleting it.
+IKestrelContext* FinishCreation(KestrelContextImp* context, const long long* attributes)
+{
     if (!context->CreateKestrelContext(false, attributes))
     {
         delete context;
@@ -40,16 +40,21 @@ IKestrelContext* MgrKestrel::CreateKestrelContext(void* existingContext, IMgrCon
     return context;
 }
 
+} // namespace
+
+IKestrelContext* MgrKestrel::CreateKestrelContext(void* existingContext, IMgrConsole* console,
+                                                  bool releaseMode, bool printLeakReport,
+                                                  const long long* attributes)
+{
+    // The constructor takes the flags the other way round.
+    return FinishCreation(
+        new KestrelContextImp(existingContext, console, printLeakReport, releaseMode), attributes);
+}
+
 IKestrelContext* MgrKestrel::CreateKestrelContext(IMgrConsole* console, bool releaseMode,
                                                   bool printLeakReport, const long long* attributes)
 {
-    auto* context = new KestrelContextImp(console, printLeakReport, releaseMode);
-    if (!context->CreateKestrelContext(false, attributes))
-    {
-        delete context;
-        return nullptr;
-    }
-    return context;
+    return FinishCreation(new KestrelContextImp(console, printLeakReport, releaseMode), attributes);
 }
 
 bool MgrKestrel::DestroyKestrelContext(IKestrelContext* context)
