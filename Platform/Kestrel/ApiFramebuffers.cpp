@@ -31,6 +31,23 @@ int AttachmentIndex(int attachment)
     return index >= 0 && index < kMaxAttachments ? index : -1;
 }
 
+// The index of `attachment` on the frame buffer target, or -1 after raising
+// the error that names what is wrong.
+int CheckAttachmentPoint(ApiCall& call, int target, int attachment)
+{
+    if (target != KS_FRAMEBUFFER)
+    {
+        call.Raise(KS_INVALID_ENUM, "0x%x is not a frame buffer target",
+                   static_cast<unsigned>(target));
+        return -1;
+    }
+    const int index = AttachmentIndex(attachment);
+    if (index < 0)
+        call.Raise(KS_INVALID_ENUM, "0x%x is not an attachment point",
+                   static_cast<unsigned>(attachment));
+    return index;
+}
+
 } // namespace
 
 void ksGenFramebuffers(int count, _KSframebuffer** framebuffers)
@@ -118,19 +135,9 @@ void ksFramebufferTexture2D(int target, int attachment, int textureTarget, _KSte
                   EnumArg(textureTarget, kCS_Target), HandleArg(texture), IntArg(level)});
     if (!call.Proceed())
         return;
-    if (target != KS_FRAMEBUFFER)
-    {
-        call.Raise(KS_INVALID_ENUM, "0x%x is not a frame buffer target",
-                   static_cast<unsigned>(target));
-        return;
-    }
-    const int index = AttachmentIndex(attachment);
+    const int index = CheckAttachmentPoint(call, target, attachment);
     if (index < 0)
-    {
-        call.Raise(KS_INVALID_ENUM, "0x%x is not an attachment point",
-                   static_cast<unsigned>(attachment));
         return;
-    }
     if (textureTarget != KS_TEXTURE_2D)
     {
         call.Raise(KS_INVALID_ENUM, "0x%x is not a texture target",
@@ -157,19 +164,9 @@ void ksFramebufferAttachmentParameter1i(int target, int attachment, int name, in
                   EnumArg(name, kCS_AttachmentParameter), EnumArg(value, kCS_AttachmentValue)});
     if (!call.Proceed())
         return;
-    if (target != KS_FRAMEBUFFER)
-    {
-        call.Raise(KS_INVALID_ENUM, "0x%x is not a frame buffer target",
-                   static_cast<unsigned>(target));
-        return;
-    }
-    const int index = AttachmentIndex(attachment);
+    const int index = CheckAttachmentPoint(call, target, attachment);
     if (index < 0)
-    {
-        call.Raise(KS_INVALID_ENUM, "0x%x is not an attachment point",
-                   static_cast<unsigned>(attachment));
         return;
-    }
     switch (name)
     {
     case KS_ATTACHMENT_FILTER:

@@ -37,7 +37,7 @@ TEST_F(WrapperFixture, SetNameBindsAndSendsTheName)
     }
     EXPECT_EQ(BoundPrimitive(), primitive->GetHandle()) << "stays bound";
 
-    // Its own name as the argument is still sent.
+    // The same name again is still sent.
     CallLog log;
     primitive->SetName(primitive->GetName());
     EXPECT_EQ(log.CallsOf("ksPrimitiveParameterString").size(), 1u);
