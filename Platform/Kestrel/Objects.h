@@ -100,6 +100,60 @@ struct UniformValue
     std::vector<Id> _handles;   // textures (ids) and primitives (numbers)
 };
 
+// The built-ins of the shading language that a statement can call.
+enum BuiltIn
+{
+    // Shapes and their placement (vertex shaders).
+    kBI_Sphere,    // (vec3 centre, float radius)
+    kBI_Box,       // (vec3 lo, vec3 hi)
+    kBI_Plane,     // (vec3 point, vec3 normal)
+    kBI_Triangles, // (uniformblock vertices)
+    kBI_Transform, // (mat4 m)
+                   // Materials (ray shaders).
+    kBI_Diffuse,        // (vec3 albedo)
+    kBI_DiffuseTexture, // (texture t)
+    kBI_Emissive,       // (vec3 radiance)
+    kBI_Mirror,         // (vec3 tint)
+    kBI_Glass,          // (float ior)
+               // The frame (frame shaders).
+    kBI_Camera,     // (vec3 eye, vec3 target, vec3 up, float fov_degrees)
+    kBI_Background, // (vec3 radiance)
+    kBI_Output,     // (int attachment, channel)
+    kBI_Count
+};
+
+// What an output statement writes.
+enum Channel
+{
+    kCH_Radiance,
+    kCH_Albedo,
+    kCH_Normal,
+    kCH_Depth,
+    kCH_Visibility,
+    kCH_Count
+};
+
+// One argument of a statement, resolved by the link.
+struct Argument
+{
+    enum Kind
+    {
+        kAK_Uniform, // _nIndex is the uniform's location in the program
+        kAK_Block,   // _nIndex is the uniform block's index in the program
+        kAK_Literal, // _literal holds the value, typed
+        kAK_Channel, // _nIndex is a Channel
+    };
+    Kind _eKind = kAK_Literal;
+    int _nIndex = -1;
+    UniformValue _literal; // count 1
+};
+
+struct Statement
+{
+    BuiltIn _eBuiltIn = kBI_Count;
+    std::vector<Argument> _arguments; // in the built-in's parameter order
+};
+
 // What a successful link tells the rest of the runtime. Locations and
 // indices are positions in these lists.
 struct LinkedProgram
@@ -108,10 +162,18 @@ struct LinkedProgram
     {
         std::string _sName;
         UniformType _eType = kUT_Float;
+        // The declaration's "= value", count 1; a primitive that never set
+        // the uniform reads this, or zeroes without one.
+        bool _bHasDefault = false;
+        UniformValue _default;
     };
     std::vector<Uniform> _uniforms;
     std::vector<std::string> _blocks;
     std::vector<std::string> _attributes;
+    // The statements of every linked shader, link-once shaders included, in
+    // the order of attachment. A program has at most one shape and at most
+    // one material.
+    std::vector<Statement> _statements;
 };
 
 struct ShaderObject
@@ -137,6 +199,8 @@ struct ProgramObject
     std::string _sLog;
     bool _bLinked = false;
     LinkedProgram _linked;
+    // Raised by every successful link, so that a cached scene can tell.
+    std::uint64_t _nRevision = 0;
 };
 
 struct PrimitiveObject

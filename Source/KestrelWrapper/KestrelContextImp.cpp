@@ -2,6 +2,7 @@
 
 #include "CoreInterfaces/IMgrConsole.h"
 #include "KestrelWrapper/KSPrimitive.h"
+#include "KestrelWrapper/ObjectFactory.h"
 
 #include <cstdio>
 
@@ -134,24 +135,14 @@ IMgrConsole* KestrelContextImp::GetConsole()
 
 IKSPrimitive* KestrelContextImp::CreateIKSPrimitive()
 {
-    auto* primitive = new KSPrimitive();
-    if (!primitive->Init(this))
-    {
-        delete primitive;
-        return nullptr;
-    }
-    ++_nPrimitives;
-    return primitive;
+    return Factory::MakeCounted(
+        std::make_unique<KSPrimitive>(),
+        [this](KSPrimitive& primitive) { return primitive.Init(this); }, _nPrimitives);
 }
 
 bool KestrelContextImp::DestroyIKSPrimitive(IKSPrimitive* primitive)
 {
-    auto* concrete = dynamic_cast<KSPrimitive*>(primitive);
-    if (concrete == nullptr)
-        return false;
-    delete concrete;
-    --_nPrimitives;
-    return true;
+    return Factory::DestroyCounted<KSPrimitive>(primitive, _nPrimitives);
 }
 
 IKSPrimitive* KestrelContextImp::TheNullPrimitive()
@@ -463,60 +454,6 @@ bool KestrelContextImp::_LinkShaderProgram(_KSprogram* program)
         _pConsole->PrintError("KS: shader linking failed:\n");
         _pConsole->PrintError("KS: %s\n", log != nullptr ? log : "");
     }
-    return false;
-}
-
-// --- Objects of the classes still to come -------------------------------------
-// These kinds have no wrapper class in this build yet: creation gives null and
-// destruction refuses, with the counts untouched.
-
-IKSShader* KestrelContextImp::CreateIKSShader(IKSShader::Type)
-{
-    return nullptr;
-}
-
-bool KestrelContextImp::DestroyIKSShader(IKSShader*)
-{
-    return false;
-}
-
-IKSProgram* KestrelContextImp::CreateIKSProgram()
-{
-    return nullptr;
-}
-
-bool KestrelContextImp::DestroyIKSProgram(IKSProgram*)
-{
-    return false;
-}
-
-IKSTexImage2D* KestrelContextImp::CreateIKSTexImage2D()
-{
-    return nullptr;
-}
-
-bool KestrelContextImp::DestroyIKSTexImage2D(IKSTexImage2D*)
-{
-    return false;
-}
-
-IKSFrameBuffer* KestrelContextImp::CreateIKSFrameBuffer()
-{
-    return nullptr;
-}
-
-bool KestrelContextImp::DestroyIKSFrameBuffer(IKSFrameBuffer*)
-{
-    return false;
-}
-
-IKSBuffer* KestrelContextImp::CreateIKSBuffer()
-{
-    return nullptr;
-}
-
-bool KestrelContextImp::DestroyIKSBuffer(IKSBuffer*)
-{
     return false;
 }
 

@@ -1,0 +1,4 @@
+// Placeholder: filled by the change that brings this class family.
+#ifndef VIREO_KESTRELWRAPPER_FASTDELEGATE_H
+#define VIREO_KESTRELWRAPPER_FASTDELEGATE_H
+#endif // VIREO_KESTRELWRAPPER_FASTDELEGATE_H

@@ -1,0 +1,1 @@
+// Placeholder: filled by the change that brings frame-buffer attachments.

@@ -1,0 +1,1 @@
+// Placeholder: filled with the part of the runtime it tests.

@@ -1,0 +1,1 @@
+// Placeholder: filled with the class family it tests.
