@@ -113,17 +113,59 @@ TEST_F(WrapperFixture, AutoBindNestsAndUnwindsInReverse)
 namespace
 {
 
+const float kFloats[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
+const float* const kFloatsFirst = kFloats;
+const int kInts[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+
+// Row-major rows 1 2 3 / 4 5 6 / ...; Kestrel keeps matrices column-major, so
+// a stored matrix is the transpose of what the host wrote.
+template <class Matrix, int N>
+Matrix RowMajor()
+{
+    Matrix matrix;
+    for (int r = 0; r < N; ++r)
+        for (int c = 0; c < N; ++c)
+            matrix.m[r][c] = kFloats[r * N + c];
+    return matrix;
+}
+
+template <int N>
+std::vector<float> ColumnMajor()
+{
+    std::vector<float> stored;
+    for (int c = 0; c < N; ++c)
+        for (int r = 0; r < N; ++r)
+            stored.push_back(kFloats[r * N + c]);
+    return stored;
+}
+
 struct SetterCase
 {
     const char* label;
     // Calls the setter under test on `primitive` with location 2.
     std::function<bool(IKSPrimitive&)> set;
-    std::string kestrelCall; // the one call it must make, as logged
-    const char* failureWord; // the word after "SetUniform " in the failure text
+    std::string kestrelCall;                // the one call it must make, as logged
+    const char* failureWord;                // the word after "SetUniform " in the failure text
+    Kestrel::Testing::UniformRecord stored; // what Kestrel keeps at location 2
 };
 
-const float kFloats[16] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16};
-const int kInts[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+Kestrel::Testing::UniformRecord Stored(const char* type, long long count, std::vector<float> floats,
+                                       std::vector<int> ints = {},
+                                       std::vector<unsigned long long> handles = {})
+{
+    Kestrel::Testing::UniformRecord record;
+    record.type = type;
+    record.count = count;
+    record.floats = std::move(floats);
+    record.ints = std::move(ints);
+    record.handles = std::move(handles);
+    return record;
+}
+
+std::vector<float> Floats(int n)
+{
+    return std::vector<float>(kFloatsFirst, kFloatsFirst + n);
+}
 
 // `prims` holds two live primitives, used as values.
 std::vector<SetterCase> AllSetters(const KSprimitive* prims)
@@ -135,56 +177,58 @@ std::vector<SetterCase> AllSetters(const KSprimitive* prims)
     static const Vector2f v2f[1] = {{1, 2}};
     static const Vector3f v3f[1] = {{1, 2, 3}};
     static const Vector4f v4f[1] = {{1, 2, 3, 4}};
-    static const Matrix33f m3[1] = {};
-    static const Matrix44f m4[1] = {};
+    static const Matrix33f m3[1] = {RowMajor<Matrix33f, 3>()};
+    static const Matrix44f m4[1] = {RowMajor<Matrix44f, 4>()};
     const std::string n = "u";
+    const unsigned long long p0 = prims[0], p1 = prims[1];
     return {
         {"prim[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(2), prims); },
-         "ksUniformpv(2, 2, ptr)", "prim[]"},
+         "ksUniformpv(2, 2, ptr)", "prim[]", Stored("primitive", 2, {}, {}, {p0, p1})},
         {"prim", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, prims[0]); },
-         "ksUniformp(2, " + Text(prims[0]) + ")", "prim"},
+         "ksUniformp(2, " + Text(prims[0]) + ")", "prim", Stored("primitive", 1, {}, {}, {p0})},
         {"texture[]",
          [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(2), textures); },
-         "ksUniformtv(2, 2, ptr)", "texture[]"},
+         "ksUniformtv(2, 2, ptr)", "texture[]", Stored("texture", 2, {}, {}, {0, 0})},
         {"texture", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, (_KStexture*)nullptr); },
-         "ksUniformt(2, null)", "texture"},
+         "ksUniformt(2, null)", "texture", Stored("texture", 1, {}, {}, {0})},
         {"int[][]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 3, std::uint64_t(2), kInts); },
-         "ksUniform3iv(2, 2, ptr)", "int[][]"},
+         "ksUniform3iv(2, 2, ptr)", "int[][]", Stored("ivec3", 2, {}, {1, 2, 3, 4, 5, 6})},
         {"ivec4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v4i); },
-         "ksUniform4iv(2, 1, ptr)", "ivec4[]"},
+         "ksUniform4iv(2, 1, ptr)", "ivec4[]", Stored("ivec4", 1, {}, {1, 2, 3, 4})},
         {"ivec3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v3i); },
-         "ksUniform3iv(2, 1, ptr)", "ivec3[]"},
+         "ksUniform3iv(2, 1, ptr)", "ivec3[]", Stored("ivec3", 1, {}, {1, 2, 3})},
         {"ivec2[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 2, v2i); },
-         "ksUniform2iv(2, 2, ptr)", "ivec2[]"},
+         "ksUniform2iv(2, 2, ptr)", "ivec2[]", Stored("ivec2", 2, {}, {1, 2, 3, 4})},
         {"int[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(3), kInts); },
-         "ksUniform1iv(2, 3, ptr)", "int[]"},
+         "ksUniform1iv(2, 3, ptr)", "int[]", Stored("int", 3, {}, {1, 2, 3})},
         {"Vector4i", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v4i[0]); },
-         "ksUniform4iv(2, 1, ptr)", "vec4"},
+         "ksUniform4iv(2, 1, ptr)", "vec4", Stored("ivec4", 1, {}, {1, 2, 3, 4})},
         {"Vector3i", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v3i[0]); },
-         "ksUniform3iv(2, 1, ptr)", "vec3"},
+         "ksUniform3iv(2, 1, ptr)", "vec3", Stored("ivec3", 1, {}, {1, 2, 3})},
         {"Vector2i", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v2i[0]); },
-         "ksUniform2iv(2, 1, ptr)", "vec2"},
-        {"int", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 5); }, "ksUniform1i(2, 5)", "int"},
+         "ksUniform2iv(2, 1, ptr)", "vec2", Stored("ivec2", 1, {}, {1, 2})},
+        {"int", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 5); }, "ksUniform1i(2, 5)", "int",
+         Stored("int", 1, {}, {5})},
         {"mat4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(1), m4); },
-         "ksUniformMatrix4fv(2, 1, 1, ptr)", "mat4[]"},
+         "ksUniformMatrix4fv(2, 1, 1, ptr)", "mat4[]", Stored("mat4", 1, ColumnMajor<4>())},
         {"mat3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, std::uint64_t(1), m3); },
-         "ksUniformMatrix3fv(2, 1, 1, ptr)", "mat3[]"},
+         "ksUniformMatrix3fv(2, 1, 1, ptr)", "mat3[]", Stored("mat3", 1, ColumnMajor<3>())},
         {"vec4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v4f); },
-         "ksUniform4fv(2, 1, ptr)", "vec4[]"},
+         "ksUniform4fv(2, 1, ptr)", "vec4[]", Stored("vec4", 1, Floats(4))},
         {"vec3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v3f); },
-         "ksUniform3fv(2, 1, ptr)", "vec3[]"},
+         "ksUniform3fv(2, 1, ptr)", "vec3[]", Stored("vec3", 1, Floats(3))},
         {"vec2[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v2f); },
-         "ksUniform2fv(2, 1, ptr)", "vec2[]"},
+         "ksUniform2fv(2, 1, ptr)", "vec2[]", Stored("vec2", 1, Floats(2))},
         {"float[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 4, kFloats); },
-         "ksUniform1fv(2, 4, ptr)", "float[]"},
+         "ksUniform1fv(2, 4, ptr)", "float[]", Stored("float", 4, Floats(4))},
         {"Vector4f", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v4f[0]); },
-         "ksUniform4fv(2, 1, ptr)", "vec4"},
+         "ksUniform4fv(2, 1, ptr)", "vec4", Stored("vec4", 1, Floats(4))},
         {"Vector3f", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v3f[0]); },
-         "ksUniform3fv(2, 1, ptr)", "vec3"},
+         "ksUniform3fv(2, 1, ptr)", "vec3", Stored("vec3", 1, Floats(3))},
         {"Vector2f", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, v2f[0]); },
-         "ksUniform2fv(2, 1, ptr)", "vec2"},
+         "ksUniform2fv(2, 1, ptr)", "vec2", Stored("vec2", 1, Floats(2))},
         {"float", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 0.5f); }, "ksUniform1f(2, 0.5)",
-         "float"},
+         "float", Stored("float", 1, {0.5f})},
     };
 }
 
@@ -217,6 +261,13 @@ TEST_F(WrapperFixture, EverySetterBindsCallsOnceAndReportsFailure)
                                           c.kestrelCall, "ksGetError()"}));
         }
         EXPECT_EQ(BoundPrimitive(), primitive->GetHandle());
+        Kestrel::Testing::UniformRecord stored;
+        ASSERT_TRUE(Kestrel::Testing::ReadUniform(primitive->GetHandle(), 2, &stored));
+        EXPECT_EQ(stored.type, c.stored.type);
+        EXPECT_EQ(stored.count, c.stored.count);
+        EXPECT_EQ(stored.floats, c.stored.floats);
+        EXPECT_EQ(stored.ints, c.stored.ints);
+        EXPECT_EQ(stored.handles, c.stored.handles);
 
         other->Bind();
         const std::string function = c.kestrelCall.substr(0, c.kestrelCall.find('('));
