@@ -1,1 +1,251 @@
-// Placeholder: filled with the class family it tests.
+// Buffer mappings: the live map, the private copy written back, and private
+// copies of several buffers.
+#include "WrapperFixture.h"
+
+#include <algorithm>
+#include <cstring>
+
+using namespace WrapperTest;
+using Kestrel::Testing::AutoFaults;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::Describe;
+using Kestrel::Testing::InjectFault;
+using Vireo::IKSBuffer;
+using Vireo::KSBufferMapping;
+using Vireo::KSBufferMappingMultiple;
+using Vireo::KSBufferSafeMapping;
+
+namespace
+{
+
+using Bytes = std::vector<unsigned char>;
+
+const int kQueries[] = {KS_ARRAY_BUFFER_BINDING, KS_ELEMENT_ARRAY_BUFFER_BINDING,
+                        KS_PIXEL_PACK_BUFFER_BINDING, KS_PIXEL_UNPACK_BUFFER_BINDING,
+                        KS_UNIFORM_BLOCK_BUFFER_BINDING};
+
+_KSbuffer* BoundAt(int bindingQuery)
+{
+    _KSbuffer* buffer = nullptr;
+    ksGetBuffer(bindingQuery, &buffer);
+    return buffer;
+}
+
+std::vector<_KSbuffer*> AllBindings()
+{
+    std::vector<_KSbuffer*> bound;
+    for (int query : kQueries)
+        bound.push_back(BoundAt(query));
+    return bound;
+}
+
+// Raw access through the element array target, restored afterwards.
+Bytes ReadBytes(_KSbuffer* buffer, std::size_t size)
+{
+    _KSbuffer* saved = BoundAt(KS_ELEMENT_ARRAY_BUFFER_BINDING);
+    ksBindBuffer(KS_ELEMENT_ARRAY_BUFFER, buffer);
+    Bytes bytes;
+    if (const void* map = ksMapBuffer(KS_ELEMENT_ARRAY_BUFFER, KS_READ_ONLY))
+        bytes.assign(static_cast<const unsigned char*>(map),
+                     static_cast<const unsigned char*>(map) + size);
+    ksUnmapBuffer(KS_ELEMENT_ARRAY_BUFFER);
+    ksBindBuffer(KS_ELEMENT_ARRAY_BUFFER, saved);
+    return bytes;
+}
+
+void WriteBytes(_KSbuffer* buffer, const Bytes& bytes)
+{
+    _KSbuffer* saved = BoundAt(KS_ELEMENT_ARRAY_BUFFER_BINDING);
+    ksBindBuffer(KS_ELEMENT_ARRAY_BUFFER, buffer);
+    if (void* map = ksMapBuffer(KS_ELEMENT_ARRAY_BUFFER, KS_WRITE_ONLY))
+        std::copy(bytes.begin(), bytes.end(), static_cast<unsigned char*>(map));
+    ksUnmapBuffer(KS_ELEMENT_ARRAY_BUFFER);
+    ksBindBuffer(KS_ELEMENT_ARRAY_BUFFER, saved);
+}
+
+class MappingTest : public WrapperFixture
+{
+protected:
+    void SetUp() override
+    {
+        WrapperFixture::SetUp();
+        // Something bound everywhere, so that a forgotten restore shows.
+        for (int i = 0; i < 5; ++i)
+            ksGenBuffers(1, &_others[i]);
+        const int targets[] = {KS_ARRAY_BUFFER, KS_ELEMENT_ARRAY_BUFFER, KS_PIXEL_PACK_BUFFER,
+                               KS_PIXEL_UNPACK_BUFFER, KS_UNIFORM_BLOCK_BUFFER};
+        for (int i = 0; i < 5; ++i)
+            ksBindBuffer(targets[i], _others[i]);
+    }
+
+    void TearDown() override
+    {
+        for (IKSBuffer* buffer : _buffers)
+            _pContext->DestroyIKSBuffer(buffer);
+        WrapperFixture::TearDown();
+    }
+
+    IKSBuffer* Filled(const Bytes& contents)
+    {
+        _buffers.push_back(_pContext->CreateIKSBuffer());
+        EXPECT_TRUE(_buffers.back()->Init(IKSBuffer::kUsage_DynamicDraw, contents.size()));
+        WriteBytes(_buffers.back()->GetKSBuffer(), contents);
+        return _buffers.back();
+    }
+
+    Bytes Contents(IKSBuffer* buffer)
+    {
+        return ReadBytes(buffer->GetKSBuffer(), static_cast<std::size_t>(buffer->GetSize()));
+    }
+
+    std::vector<_KSbuffer*> Others() const { return {_others, _others + 5}; }
+
+    _KSbuffer* _others[5] = {};
+    std::vector<IKSBuffer*> _buffers;
+};
+
+} // namespace
+
+TEST(MappingLookupTest, ValuesOutsideATableGiveItsFirstRow)
+{
+    const struct
+    {
+        int nValue;
+        int nAccess;
+        int nTarget;
+        int nQuery;
+    } rows[] = {
+        {0, KS_READ_ONLY, KS_ARRAY_BUFFER, KS_ARRAY_BUFFER_BINDING},
+        {1, KS_WRITE_ONLY, KS_ELEMENT_ARRAY_BUFFER, KS_ELEMENT_ARRAY_BUFFER_BINDING},
+        {2, KS_READ_WRITE, KS_PIXEL_PACK_BUFFER, KS_PIXEL_PACK_BUFFER_BINDING},
+        {3, KS_READ_ONLY, KS_PIXEL_UNPACK_BUFFER, KS_PIXEL_UNPACK_BUFFER_BINDING},
+        {4, KS_READ_ONLY, KS_UNIFORM_BLOCK_BUFFER, KS_UNIFORM_BLOCK_BUFFER_BINDING},
+        {5, KS_READ_ONLY, KS_ARRAY_BUFFER, KS_ARRAY_BUFFER_BINDING},
+        {-1, KS_READ_ONLY, KS_ARRAY_BUFFER, KS_ARRAY_BUFFER_BINDING},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.nValue);
+        EXPECT_EQ(KSBufferMapping::AccessToKSEnum(static_cast<KSBufferMapping::Access>(row.nValue)),
+                  row.nAccess);
+        const auto eBindPoint = static_cast<KSBufferMapping::BindPoint>(row.nValue);
+        EXPECT_EQ(KSBufferMapping::BufferToKSEnum(eBindPoint), row.nTarget);
+        EXPECT_EQ(KSBufferMapping::BufferToMappingKSEnum(eBindPoint), row.nQuery);
+    }
+}
+
+TEST_F(MappingTest, LiveMapHoldsItsBindPointAndPutsItBack)
+{
+    IKSBuffer* buffer = Filled({1, 2, 3, 4});
+    for (int n = KSBufferMapping::kBindPoint_Array; n <= KSBufferMapping::kBindPoint_UniformBlock;
+         ++n)
+    {
+        SCOPED_TRACE(n);
+        const auto eBindPoint = static_cast<KSBufferMapping::BindPoint>(n);
+        {
+            KSBufferMapping mapping(buffer, KSBufferMapping::kAccess_ReadWrite, eBindPoint);
+            ASSERT_NE(mapping.GetMap(), nullptr);
+            std::vector<_KSbuffer*> expected = Others();
+            expected[static_cast<std::size_t>(n)] = buffer->GetKSBuffer();
+            EXPECT_EQ(AllBindings(), expected);
+            static_cast<unsigned char*>(mapping.GetMap())[0] = static_cast<unsigned char>(10 + n);
+        }
+        EXPECT_EQ(AllBindings(), Others());
+        EXPECT_EQ(Contents(buffer), (Bytes{static_cast<unsigned char>(10 + n), 2, 3, 4}));
+        EXPECT_NO_KS_ERROR();
+    }
+
+    // Two arguments: pixel pack.
+    {
+        KSBufferMapping mapping(buffer, KSBufferMapping::kAccess_ReadOnly);
+        EXPECT_EQ(BoundAt(KS_PIXEL_PACK_BUFFER_BINDING), buffer->GetKSBuffer());
+        EXPECT_EQ(BoundAt(KS_ARRAY_BUFFER_BINDING), _others[0]);
+    }
+    EXPECT_EQ(AllBindings(), Others());
+}
+
+TEST_F(MappingTest, FailedLiveMapIsClosedAndRestoredAllTheSame)
+{
+    IKSBuffer* buffer = Filled({1, 2});
+    AutoFaults faults;
+    InjectFault("ksMapBuffer");
+    CallLog log;
+    {
+        KSBufferMapping mapping(buffer, KSBufferMapping::kAccess_WriteOnly);
+        EXPECT_EQ(mapping.GetMap(), nullptr);
+    }
+    EXPECT_EQ(log.Calls(),
+              (Calls{"ksGetBuffer(KS_PIXEL_PACK_BUFFER_BINDING, ptr)",
+                     "ksBindBuffer(KS_PIXEL_PACK_BUFFER, " + Describe(buffer->GetKSBuffer()) + ")",
+                     "ksMapBuffer(KS_PIXEL_PACK_BUFFER, KS_WRITE_ONLY)",
+                     "ksUnmapBuffer(KS_PIXEL_PACK_BUFFER)",
+                     "ksBindBuffer(KS_PIXEL_PACK_BUFFER, " + Describe(_others[2]) + ")"}));
+    ksGetError(); // the injected fault's error
+}
+
+TEST_F(MappingTest, SafeMappingWritesBackOnlyAtItsEndWhateverItsAccess)
+{
+    IKSBuffer* buffer = Filled({1, 2, 3});
+    {
+        KSBufferSafeMapping<char> mapping(buffer, KSBufferMapping::kAccess_ReadOnly);
+        EXPECT_EQ(AllBindings(), Others()) << "nothing stays bound or mapped";
+        ASSERT_NE(mapping.GetMap(), nullptr);
+        EXPECT_EQ(std::memcmp(mapping.GetMap(), "\x01\x02\x03", 3), 0);
+        mapping.GetMap()[1] = 20;
+        EXPECT_EQ(Contents(buffer), (Bytes{1, 2, 3})) << "not before the end";
+        WriteBytes(buffer->GetKSBuffer(), {7, 7, 7}); // overwritten at the end
+    }
+    EXPECT_EQ(AllBindings(), Others());
+    EXPECT_EQ(Contents(buffer), (Bytes{1, 20, 3}));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(MappingTest, SafeMappingWithoutAMapGivesNothingAndWritesNothing)
+{
+    IKSBuffer* buffer = Filled({5, 6});
+    {
+        AutoFaults faults;
+        InjectFault("ksMapBuffer");
+        KSBufferSafeMapping<char> mapping(buffer, KSBufferMapping::kAccess_ReadWrite);
+        EXPECT_EQ(mapping.GetMap(), nullptr);
+        ksGetError(); // the injected fault's error
+        WriteBytes(buffer->GetKSBuffer(), {8, 9});
+    }
+    EXPECT_EQ(Contents(buffer), (Bytes{8, 9})) << "nothing was written back";
+
+    // A buffer without storage cannot be mapped either.
+    _buffers.push_back(_pContext->CreateIKSBuffer());
+    {
+        KSBufferSafeMapping<char> unready(_buffers.back(), KSBufferMapping::kAccess_ReadWrite);
+        EXPECT_EQ(unready.GetMap(), nullptr);
+    }
+    EXPECT_EQ(AllBindings(), Others());
+    ksGetError();
+}
+
+TEST_F(MappingTest, MultipleMappingCopiesEachListedBufferAndTheLaterCopyWins)
+{
+    IKSBuffer* twice = Filled({1, 1});
+    IKSBuffer* once = Filled({2, 2, 2});
+    {
+        KSBufferMappingMultiple mappings({twice, once, twice}, KSBufferMapping::kAccess_ReadWrite);
+        EXPECT_EQ(AllBindings(), Others());
+        ASSERT_NE(mappings.GetMap(0), mappings.GetMap(2)) << "two private copies";
+        static_cast<unsigned char*>(mappings.GetMap(0))[0] = 10;
+        static_cast<unsigned char*>(mappings.GetMap(1))[2] = 20;
+        static_cast<unsigned char*>(mappings.GetMap(2))[1] = 30;
+        const KSBufferMappingMultiple& view = mappings;
+        EXPECT_EQ(std::memcmp(view.GetMap(1), "\x02\x02\x14", 3), 0);
+        EXPECT_EQ(Contents(twice), (Bytes{1, 1}));
+    }
+    EXPECT_EQ(Contents(twice), (Bytes{1, 30})) << "entries write back first to last";
+    EXPECT_EQ(Contents(once), (Bytes{2, 2, 20}));
+    EXPECT_EQ(AllBindings(), Others());
+
+    CallLog log;
+    {
+        KSBufferMappingMultiple none({}, KSBufferMapping::kAccess_ReadOnly);
+    }
+    EXPECT_EQ(log.Calls(), Calls{});
+    EXPECT_NO_KS_ERROR();
+}

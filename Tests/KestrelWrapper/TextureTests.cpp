@@ -1,1 +1,317 @@
-// Placeholder: filled with the class family it tests.
+// 2D textures: the context's pair, the format tables and their assertion
+// sites, client storage inside the texture pair, setters and mipmaps.
+#include "WrapperFixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <thread>
+
+using namespace WrapperTest;
+using namespace std::chrono_literals;
+using Kestrel::Testing::AutoFaults;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::Describe;
+using Kestrel::Testing::InjectFault;
+using Kestrel::Testing::ReadTexture;
+using Kestrel::Testing::TextureRecord;
+using Vireo::IKSTexImage;
+using Vireo::IKSTexImage2D;
+using Vireo::Testing::AssertCall;
+using Vireo::Testing::AutoInstallAssertHandler;
+using Vireo::Testing::kCCK_PrintWarning;
+using Vireo::Testing::RecordingAssertHandler;
+
+namespace
+{
+
+_KStexture* BoundTexture()
+{
+    _KStexture* texture = nullptr;
+    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
+    return texture;
+}
+
+TextureRecord Record(IKSTexImage2D* texture, int level = 0)
+{
+    TextureRecord record;
+    EXPECT_TRUE(ReadTexture(texture->GetKSTexture(), level, &record));
+    return record;
+}
+
+class TextureTest : public WrapperFixture
+{
+protected:
+    void SetUp() override
+    {
+        WrapperFixture::SetUp();
+        ksGenTextures(1, &_pOther);
+        ksBindTexture(KS_TEXTURE_2D, _pOther);
+    }
+
+    void TearDown() override
+    {
+        for (IKSTexImage2D* texture : _textures)
+            _pContext->DestroyIKSTexImage2D(texture);
+        WrapperFixture::TearDown();
+    }
+
+    IKSTexImage2D* Create()
+    {
+        _textures.push_back(_pContext->CreateIKSTexImage2D());
+        EXPECT_NE(_textures.back(), nullptr);
+        return _textures.back();
+    }
+
+    // The texture bound before each operation, to see it put back.
+    _KStexture* _pOther = nullptr;
+    std::vector<IKSTexImage2D*> _textures;
+    unsigned char _pixels[64] = {};
+};
+
+} // namespace
+
+TEST(TextureFactoryTest, FailedTextureIsNotCountedAndGivenTexturesAreDeleted)
+{
+    RecordingConsole console;
+    Vireo::IMgrKestrel* manager = Vireo::GetMgrKestrel();
+    Vireo::IKestrelContext* context = manager->CreateKestrelContext(&console, false, true, nullptr);
+    ASSERT_TRUE(manager->SetCurrentKestrelContext(context));
+
+    IKSTexImage2D* texture = context->CreateIKSTexImage2D();
+    ASSERT_NE(texture, nullptr);
+    _KStexture* handle = texture->GetKSTexture();
+    EXPECT_NE(handle, nullptr);
+    {
+        AutoFaults faults;
+        InjectFault("ksGenTextures", 1, 0);
+        EXPECT_EQ(context->CreateIKSTexImage2D(), nullptr);
+    }
+    EXPECT_FALSE(context->DestroyIKSTexImage2D(nullptr));
+    EXPECT_TRUE(context->DestroyIKSTexImage2D(texture));
+    ksBindTexture(KS_TEXTURE_2D, handle);
+    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE) << "the Kestrel texture is gone";
+    manager->DestroyKestrelContext(context);
+    EXPECT_EQ(console.CountOf(kCCK_PrintWarning), 0u) << "no count left over";
+}
+
+TEST_F(TextureTest, EachFormatReachesKestrelAsItsThreeValues)
+{
+    const struct
+    {
+        IKSTexImage::TextureFormat eFormat;
+        const char* sFormat; // format and internal format, as logged
+        const char* sType;
+        int nFormat;
+        int nType;
+    } rows[] = {
+        {IKSTexImage::kTF_None, "0", "0", 0, 0},
+        {IKSTexImage::kTF_Luminance8, "KS_LUMINANCE", "KS_UNSIGNED_BYTE", KS_LUMINANCE,
+         KS_UNSIGNED_BYTE},
+        {IKSTexImage::kTF_RGB8, "KS_RGB", "KS_UNSIGNED_BYTE", KS_RGB, KS_UNSIGNED_BYTE},
+        {IKSTexImage::kTF_RGBA8, "KS_RGBA", "KS_UNSIGNED_BYTE", KS_RGBA, KS_UNSIGNED_BYTE},
+        {IKSTexImage::kTF_RGB32F, "KS_RGB", "KS_FLOAT", KS_RGB, KS_FLOAT},
+        {IKSTexImage::kTF_RGBA32F, "KS_RGBA", "KS_FLOAT", KS_RGBA, KS_FLOAT},
+        {IKSTexImage::kTF_Luminance32F, "KS_LUMINANCE", "KS_FLOAT", KS_LUMINANCE, KS_FLOAT},
+    };
+    IKSTexImage2D* texture = Create();
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.eFormat);
+        CallLog log;
+        EXPECT_TRUE(
+            texture->SetImage(2, 1, row.eFormat, KS_REPEAT, KS_NEAREST, KS_LINEAR, _pixels, false));
+        EXPECT_EQ(log.CallsOf("ksTexImage2D"),
+                  Calls{std::string("ksTexImage2D(KS_TEXTURE_2D, 0, ") + row.sFormat +
+                        ", 2, 1, 0, " + row.sFormat + ", " + row.sType + ", ptr)"});
+        const TextureRecord record = Record(texture);
+        EXPECT_EQ(record.format, row.nFormat);
+        EXPECT_EQ(record.type, row.nType);
+        EXPECT_EQ(texture->GetTextureFormat(), row.eFormat);
+        EXPECT_NO_KS_ERROR();
+    }
+}
+
+TEST_F(TextureTest, ClientStorageIsOnForExactlyTheOneImageInsideTheTexturePair)
+{
+    for (bool bClientStorage : {true, false})
+    {
+        SCOPED_TRACE(bClientStorage ? "client storage" : "copied");
+        IKSTexImage2D* texture = Create();
+        const std::string name = Describe(texture->GetKSTexture());
+        _pixels[0] = 1;
+        CallLog log;
+        EXPECT_TRUE(texture->SetImage(2, 2, IKSTexImage::kTF_RGBA8, KS_CLAMP_TO_EDGE, KS_LINEAR,
+                                      KS_NEAREST, _pixels, bClientStorage));
+
+        Calls expected{"ksGetTexture(KS_TEXTURE_BINDING_2D, ptr)",
+                       "ksBindTexture(KS_TEXTURE_2D, " + name + ")"};
+        if (bClientStorage)
+            expected.push_back("ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1)");
+        expected.push_back(
+            "ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_UNSIGNED_BYTE, ptr)");
+        if (bClientStorage)
+            expected.push_back("ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0)");
+        for (const char* parameter :
+             {"KS_TEXTURE_MIN_FILTER, KS_LINEAR", "KS_TEXTURE_MAG_FILTER, KS_NEAREST",
+              "KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE", "KS_TEXTURE_WRAP_T, KS_CLAMP_TO_EDGE"})
+            expected.push_back(std::string("ksTexParameteri(KS_TEXTURE_2D, ") + parameter + ")");
+        expected.push_back("ksBindTexture(KS_TEXTURE_2D, " + Describe(_pOther) + ")");
+        EXPECT_EQ(log.Calls(), expected);
+
+        // Under client storage the host's memory is the texture.
+        _pixels[0] = 2;
+        const TextureRecord record = Record(texture);
+        EXPECT_EQ(record.clientStorage, bClientStorage);
+        ASSERT_FALSE(record.bytes.empty());
+        EXPECT_EQ(record.bytes[0], bClientStorage ? 2 : 1);
+        EXPECT_NO_KS_ERROR();
+    }
+}
+
+TEST_F(TextureTest, SetImageWaitsForAnOpenTexturePair)
+{
+    IKSTexImage2D* texture = Create();
+    _KStexture* held = nullptr;
+    ksGenTextures(1, &held);
+    CallLog log;
+    _pContext->BindTexture2D(held);
+    std::atomic<bool> done{false};
+    std::thread other(
+        [&]
+        {
+            texture->SetImage(1, 1, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
+                              _pixels, true);
+            done = true;
+        });
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(done);
+    EXPECT_EQ(log.CallsOf("ksPixelStorei"), Calls{}) << "client storage waits for the lock";
+    EXPECT_EQ(BoundTexture(), held);
+    _pContext->UnbindTexture2D();
+    other.join();
+    EXPECT_EQ(log.CallsOf("ksPixelStorei").size(), 2u);
+    EXPECT_EQ(BoundTexture(), _pOther);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(TextureTest, SettersPutTheBindingBackAndMipmapsLeaveTheTextureBound)
+{
+    IKSTexImage2D* texture = Create();
+    ASSERT_TRUE(texture->SetImage(4, 4, IKSTexImage::kTF_RGB8, KS_MIRRORED_REPEAT, KS_LINEAR,
+                                  KS_LINEAR, _pixels, false));
+    EXPECT_EQ(BoundTexture(), _pOther);
+    TextureRecord record = Record(texture);
+    EXPECT_EQ(record.wrapS, KS_MIRRORED_REPEAT);
+    EXPECT_EQ(record.wrapT, KS_MIRRORED_REPEAT);
+
+    const struct
+    {
+        const char* sName;
+        std::function<void()> setter;
+        int TextureRecord::*pField;
+        int nValue;
+    } rows[] = {
+        {"wrap", [&] { texture->SetWrapMode(KS_REPEAT, KS_CLAMP_TO_EDGE); }, &TextureRecord::wrapS,
+         KS_REPEAT},
+        {"wrap t", [&] { texture->SetWrapMode(KS_REPEAT, KS_CLAMP_TO_EDGE); },
+         &TextureRecord::wrapT, KS_CLAMP_TO_EDGE},
+        {"min", [&] { texture->SetMinFilter(KS_LINEAR_MIPMAP_LINEAR); }, &TextureRecord::minFilter,
+         KS_LINEAR_MIPMAP_LINEAR},
+        {"mag", [&] { texture->SetMagFilter(KS_NEAREST); }, &TextureRecord::magFilter, KS_NEAREST},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.sName);
+        row.setter();
+        EXPECT_EQ(BoundTexture(), _pOther);
+        record = Record(texture);
+        EXPECT_EQ(record.*row.pField, row.nValue);
+        EXPECT_NO_KS_ERROR();
+    }
+
+    EXPECT_TRUE(texture->GenerateMipMaps());
+    EXPECT_EQ(BoundTexture(), texture->GetKSTexture());
+    EXPECT_EQ(Record(texture).levels, 3);
+
+    // Kestrel cannot build mipmaps of client storage; the error is taken.
+    IKSTexImage2D* client = Create();
+    ASSERT_TRUE(client->SetImage(2, 2, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
+                                 _pixels, true));
+    EXPECT_FALSE(client->GenerateMipMaps());
+    EXPECT_EQ(BoundTexture(), client->GetKSTexture());
+    EXPECT_NO_KS_ERROR();
+}
+
+// The only test that fails these sites: their latches last for the process.
+TEST_F(TextureTest, FormatOutsideTheTablesAsksEachSiteAndTouchesNoKestrel)
+{
+    RecordingAssertHandler handler;
+    AutoInstallAssertHandler install(&handler);
+    IKSTexImage2D* texture = Create();
+    auto threeSites = [](std::vector<AssertCall> calls)
+    {
+        for (int line : {51, 60, 69})
+            calls.push_back(
+                {"eFormat < IKSTexImage::kTF_Count", line, "Source/KestrelWrapper/KSTexImage", 0});
+        return calls;
+    };
+
+    const struct
+    {
+        const char* sName;
+        int nFormat;
+        int nAnswer;
+        bool bAsks;
+    } rows[] = {
+        {"count", IKSTexImage::kTF_Count, Vireo::IAssertHandler::kAnswer_Continue, true},
+        {"above count", 9, Vireo::IAssertHandler::kAnswer_Continue, true},
+        {"negative passes the sites", -1, Vireo::IAssertHandler::kAnswer_Continue, false},
+        {"silenced", IKSTexImage::kTF_Count, Vireo::IAssertHandler::kAnswer_Ignore, true},
+        {"latched", 12, Vireo::IAssertHandler::kAnswer_Continue, false},
+    };
+    std::vector<AssertCall> expected;
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.sName);
+        handler.SetAnswer(row.nAnswer);
+        if (row.bAsks)
+            expected = threeSites(expected);
+        const auto eFormat = static_cast<IKSTexImage::TextureFormat>(row.nFormat);
+        CallLog log;
+        EXPECT_FALSE(
+            texture->SetImage(3, 5, eFormat, KS_REPEAT, KS_LINEAR, KS_LINEAR, _pixels, false));
+        EXPECT_EQ(log.Calls(), Calls{});
+        EXPECT_EQ(handler.Calls(), expected);
+        EXPECT_EQ(texture->GetWidth(), 3);
+        EXPECT_EQ(texture->GetHeight(), 5);
+        EXPECT_EQ(texture->GetTextureFormat(), eFormat);
+    }
+}
+
+TEST_F(TextureTest, SizeIsKeptWhenKestrelRefusesAndShutdownClearsIt)
+{
+    IKSTexImage2D* texture = Create();
+    EXPECT_TRUE(texture->SetImage(-4, 2, IKSTexImage::kTF_Luminance8, KS_REPEAT, KS_LINEAR,
+                                  KS_LINEAR, _pixels, false));
+    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE) << "left pending for the host";
+    EXPECT_EQ(texture->GetWidth(), -4);
+    EXPECT_EQ(texture->GetHeight(), 2);
+    EXPECT_EQ(texture->GetTextureFormat(), IKSTexImage::kTF_Luminance8);
+
+    _KStexture* handle = texture->GetKSTexture();
+    texture->Shutdown();
+    EXPECT_EQ(texture->GetKSTexture(), nullptr);
+    EXPECT_EQ(texture->GetWidth(), 0);
+    EXPECT_EQ(texture->GetHeight(), 0);
+    EXPECT_EQ(texture->GetTextureFormat(), IKSTexImage::kTF_None);
+    ksBindTexture(KS_TEXTURE_2D, handle);
+    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE) << "the Kestrel texture is gone";
+
+    CallLog log;
+    texture->Shutdown();
+    EXPECT_FALSE(texture->SetImage(2, 2, IKSTexImage::kTF_RGB8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
+                                   _pixels, false));
+    EXPECT_EQ(log.Calls(), Calls{});
+    EXPECT_EQ(texture->GetWidth(), 0);
+}
