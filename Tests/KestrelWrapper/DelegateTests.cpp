@@ -1,1 +1,193 @@
-// Placeholder: filled with the class family it tests.
+// Delegates and listener lists: binding, calling, ordering, and walks that
+// change the list they walk. No runtime needed.
+#include "KestrelWrapper/FastDelegate.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+using fastdelegate::FastDelegate0;
+using fastdelegate::FastDelegate1;
+using fastdelegate::MakeDelegate;
+using Vireo::ListenerList;
+
+namespace
+{
+
+using Journal = std::vector<std::string>;
+
+// Writes each call into a journal shared by all listeners of a test.
+struct Listener
+{
+    std::string sName;
+    Journal* pJournal = nullptr;
+    bool bAnswer = true;
+    std::function<void()> onCall; // runs inside the call, before answering
+
+    bool First() { return _Note(".First"); }
+    bool Second() { return _Note(".Second"); }
+    bool Take(int value) { return _Note("(" + std::to_string(value) + ")"); }
+    bool Peek() const
+    {
+        pJournal->push_back(sName + ".Peek");
+        return bAnswer;
+    }
+
+private:
+    bool _Note(const std::string& what)
+    {
+        pJournal->push_back(sName + what);
+        if (onCall)
+            onCall();
+        return bAnswer;
+    }
+};
+
+// Listeners in one array: ascending addresses, whatever the test adds first.
+struct Trio
+{
+    Journal journal;
+    Listener at[3];
+    Trio()
+    {
+        for (int i = 0; i < 3; ++i)
+            at[i] = Listener{"L" + std::to_string(i), &journal, true, {}};
+    }
+    FastDelegate0<bool> Of(int i) { return MakeDelegate(&at[i], &Listener::First); }
+};
+
+static_assert(std::is_copy_constructible<FastDelegate0<bool>>::value, "lists store copies");
+static_assert(std::is_copy_assignable<FastDelegate1<int, bool>>::value, "lists store copies");
+
+} // namespace
+
+TEST(DelegateTest, CallsTheBoundMemberAndGivesItsAnswer)
+{
+    Trio trio;
+    trio.at[1].bAnswer = false;
+    FastDelegate0<bool> first(&trio.at[0], &Listener::First);
+    FastDelegate1<int, bool> take = MakeDelegate(&trio.at[1], &Listener::Take);
+    const Listener& constant = trio.at[2];
+    FastDelegate0<bool> peek = MakeDelegate(&constant, &Listener::Peek);
+    const FastDelegate0<bool> copy = first;
+
+    EXPECT_TRUE(first());
+    EXPECT_FALSE(take(7));
+    EXPECT_TRUE(peek());
+    EXPECT_TRUE(copy());
+    EXPECT_EQ(trio.journal, (Journal{"L0.First", "L1(7)", "L2.Peek", "L0.First"}));
+    EXPECT_TRUE(copy == first);
+
+    FastDelegate0<bool> empty;
+    EXPECT_TRUE(empty.empty());
+    EXPECT_FALSE(empty()) << "an empty delegate answers false";
+}
+
+TEST(DelegateTest, OrdersByTargetThenByFunctionBytes)
+{
+    Trio trio;
+    auto first = &Listener::First;
+    auto second = &Listener::Second;
+    const int bytes = std::memcmp(&first, &second, sizeof(first));
+    ASSERT_NE(bytes, 0);
+
+    struct Case
+    {
+        const char* what;
+        FastDelegate0<bool> a, b;
+        int expected; // <0: a first, 0: the same listener, >0: b first
+    };
+    const Case cases[] = {
+        {"lower target first", trio.Of(0), trio.Of(1), -1},
+        {"target outranks function", MakeDelegate(&trio.at[0], second), trio.Of(1), -1},
+        {"higher target last", trio.Of(2), MakeDelegate(&trio.at[0], second), 1},
+        {"same target and function", trio.Of(1), trio.Of(1), 0},
+        {"same target, function bytes as memcmp", trio.Of(1), MakeDelegate(&trio.at[1], second),
+         bytes},
+        {"empty before any target", FastDelegate0<bool>(), trio.Of(0), -1},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(c.a < c.b, c.expected < 0);
+        EXPECT_EQ(c.b<c.a, c.expected> 0);
+        EXPECT_EQ(c.a == c.b, c.expected == 0);
+        EXPECT_EQ(c.a != c.b, c.expected != 0);
+    }
+}
+
+TEST(ListenerListTest, WalksInTargetOrderWhateverTheOrderOfAdding)
+{
+    const std::vector<std::vector<int>> orders = {{0, 1, 2}, {2, 1, 0}, {1, 2, 0}};
+    for (const auto& order : orders)
+    {
+        Trio trio;
+        ListenerList<FastDelegate1<int, bool>> list;
+        for (int i : order)
+            list.Add(MakeDelegate(&trio.at[i], &Listener::Take));
+        EXPECT_TRUE(list.Walk(5));
+        EXPECT_EQ(trio.journal, (Journal{"L0(5)", "L1(5)", "L2(5)"}));
+    }
+}
+
+TEST(ListenerListTest, KeepsOneEntryPerListenerAndStopsAtFalse)
+{
+    Trio trio;
+    ListenerList<FastDelegate0<bool>> list;
+    EXPECT_TRUE(list.Walk()) << "an empty walk goes through";
+    for (int i : {2, 0, 1, 0})
+        list.Add(trio.Of(i));
+    EXPECT_EQ(list.Size(), 3u);
+    trio.at[1].bAnswer = false;
+    EXPECT_FALSE(list.Walk());
+    EXPECT_EQ(trio.journal, (Journal{"L0.First", "L1.First"}));
+
+    EXPECT_TRUE(list.Remove(trio.Of(0)));
+    EXPECT_FALSE(list.Remove(trio.Of(0)));
+    EXPECT_TRUE(list.Add(MakeDelegate(&trio.at[1], &Listener::Second)))
+        << "another member function of one object is another listener";
+    EXPECT_EQ(list.Size(), 3u);
+}
+
+TEST(ListenerListTest, ListenersMayChangeTheListTheyAreCalledFrom)
+{
+    struct Case
+    {
+        const char* what;
+        std::vector<int> initial; // listeners on the list before the walk
+        int actor;                // the listener that changes the list
+        bool adds;                // adds `other`, or removes it
+        int other;
+        Journal expected;
+        std::size_t sizeAfter;
+    };
+    const Case cases[] = {
+        {"one added after the actor is called", {0, 1}, 1, true, 2, {"L0", "L1", "L2"}, 3},
+        {"one added before the actor is not", {1, 2}, 1, true, 0, {"L1", "L2"}, 3},
+        {"one removed before its turn is skipped", {0, 1, 2}, 0, false, 1, {"L0", "L2"}, 2},
+        {"an actor that removes itself goes on", {0, 1, 2}, 1, false, 1, {"L0", "L1", "L2"}, 2},
+        {"the last removing itself ends the walk", {0, 2}, 2, false, 2, {"L0", "L2"}, 1},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.what);
+        Trio trio;
+        ListenerList<FastDelegate0<bool>> list;
+        for (int i : c.initial)
+            list.Add(trio.Of(i));
+        const FastDelegate0<bool> other = trio.Of(c.other);
+        trio.at[c.actor].onCall = [&list, &c, other]
+        { c.adds ? list.Add(other) : list.Remove(other); };
+
+        EXPECT_TRUE(list.Walk());
+        Journal names;
+        for (const std::string& entry : trio.journal)
+            names.push_back(entry.substr(0, 2));
+        EXPECT_EQ(names, c.expected);
+        EXPECT_EQ(list.Size(), c.sizeAfter);
+    }
+}

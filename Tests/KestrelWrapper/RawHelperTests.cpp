@@ -1,1 +1,162 @@
-// Placeholder: filled with the class family it tests.
+// The context's short path from source to Kestrel shader and program: calls,
+// console texts, and what happens to handles on failure.
+#include "WrapperFixture.h"
+
+using namespace WrapperTest;
+using namespace Vireo;
+using Kestrel::Testing::AutoFaults;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::Describe;
+using Kestrel::Testing::InjectFault;
+using Vireo::Testing::kCCK_PrintDetail;
+using Vireo::Testing::kCCK_PrintError;
+using Vireo::Testing::kCCK_PrintWarning;
+
+namespace
+{
+
+const char* kShapeParts[] = {"uniform vec3 center;\nuniform float radius;\n",
+                             "sphere(center, radius);\n"};
+const std::string kShapeSource = std::string(kShapeParts[0]) + kShapeParts[1];
+const char* kMaterialParts[] = {"uniform vec3 albedo;\ndiffuse(albedo);\n"};
+
+class RawFixture : public WrapperFixture
+{
+protected:
+    KestrelContextImp* Raw() { return dynamic_cast<KestrelContextImp*>(_pContext); }
+    _KSshader* Shape() { return Raw()->CreateShader(KS_VERTEX_SHADER, kShapeParts, 2); }
+    _KSshader* Material() { return Raw()->CreateShader(KS_SHADER_KIND_2, kMaterialParts, 1); }
+};
+
+} // namespace
+
+TEST_F(RawFixture, CreateShaderCompilesTheJoinedSourcesQuietly)
+{
+    CallLog log;
+    _KSshader* shader = Shape();
+    ASSERT_NE(shader, nullptr);
+    const std::string handle = Describe(shader);
+    EXPECT_EQ(log.Calls(), (Calls{"ksCreateShader(KS_VERTEX_SHADER)",
+                                  "ksShaderSource(" + handle + ", 2, ptr, null)",
+                                  "ksCompileShader(" + handle + ")",
+                                  "ksGetShaderiv(" + handle + ", KS_COMPILE_STATUS, ptr)"}));
+    EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{}) << "a good compile prints nothing";
+    const char* source = nullptr;
+    ksGetShaderString(shader, KS_SHADER_SOURCE, &source);
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(source, kShapeSource);
+
+    log.Clear();
+    EXPECT_TRUE(Raw()->DestroyShader(shader));
+    EXPECT_TRUE(Raw()->DestroyShader(nullptr));
+    EXPECT_EQ(log.Calls(), Calls{"ksDeleteShader(" + handle + ")"}) << "null reaches no Kestrel";
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(RawFixture, FailedShaderIsReportedAndDeleted)
+{
+    const char* const kFailed = "KS: shader compilation failed...\n";
+    const struct
+    {
+        const char* what;
+        const char* faulted; // with its count; ksCompileShader always fails
+        int count;
+        std::vector<ConsoleCall> expected;
+    } rows[] = {
+        {"log and source",
+         nullptr,
+         0,
+         {{kCCK_PrintError, kFailed},
+          {kCCK_PrintError, "KS: error log: 0:0: error: injected fault\n"},
+          {kCCK_PrintDetail, "shader source:\n" + kShapeSource + " \n"}}},
+        {"neither log nor source",
+         "ksGetShaderString",
+         2,
+         {{kCCK_PrintError, kFailed},
+          {kCCK_PrintError, "KS: error log: \n"},
+          {kCCK_PrintWarning,
+           "KS: ksGetShaderString(KS_SHADER_SOURCE) failure. Returned empty string\n"}}},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.what);
+        AutoFaults faults;
+        InjectFault("ksCompileShader");
+        if (row.faulted != nullptr)
+            InjectFault(row.faulted, row.count, 0);
+        _console.Clear();
+        CallLog log;
+        EXPECT_EQ(Shape(), nullptr);
+        EXPECT_EQ(_console.Calls(), row.expected);
+        EXPECT_EQ(log.CallsOf("ksDeleteShader").size(), 1u);
+    }
+
+    AutoFaults faults;
+    InjectFault("ksCreateShader", 1, 0);
+    _console.Clear();
+    CallLog log;
+    EXPECT_EQ(Shape(), nullptr);
+    EXPECT_EQ(log.Calls(), Calls{"ksCreateShader(KS_VERTEX_SHADER)"});
+    EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{});
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(RawFixture, ProgramsLinkInOrderAndLeaveShadersToTheCaller)
+{
+    _KSshader* shape = Shape();
+    _KSshader* material = Material();
+    CallLog log;
+    _KSprogram* both = Raw()->CreateProgram(shape, material);
+    ASSERT_NE(both, nullptr);
+    const std::string prog = Describe(both);
+    EXPECT_EQ(log.Calls(),
+              (Calls{"ksCreateProgram()", "ksAttachShader(" + prog + ", " + Describe(shape) + ")",
+                     "ksAttachShader(" + prog + ", " + Describe(material) + ")",
+                     "ksLinkProgram(" + prog + ")",
+                     "ksGetProgramiv(" + prog + ", KS_LINK_STATUS, ptr)"}));
+    EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{});
+    {
+        AutoFaults faults;
+        InjectFault("ksLinkProgram");
+        log.Clear();
+        EXPECT_EQ(Raw()->CreateProgram(shape, material), nullptr);
+        EXPECT_EQ(log.CallsOf("ksDeleteProgram").size(), 1u);
+        EXPECT_EQ(log.CallsOf("ksDeleteShader").size() + log.CallsOf("ksDetachShader").size(), 0u);
+        InjectFault("ksCreateProgram", 1, 0);
+        log.Clear();
+        EXPECT_EQ(Raw()->CreateProgram(shape), nullptr);
+        EXPECT_EQ(log.Calls(), Calls{"ksCreateProgram()"}) << "nothing to attach to";
+    }
+    EXPECT_EQ(_console.Calls(),
+              (std::vector<ConsoleCall>{{kCCK_PrintError, "KS: shader linking failed:\n"},
+                                        {kCCK_PrintError, "KS: 0:0: error: injected fault\n"}}));
+    _KSprogram* single = Raw()->CreateProgram(shape);
+    ASSERT_NE(single, nullptr) << "the shaders are still usable";
+
+    const std::string singleText = Describe(single);
+    log.Clear();
+    EXPECT_TRUE(Raw()->DestroyProgram(single));
+    EXPECT_TRUE(Raw()->DestroyProgram(both));
+    EXPECT_TRUE(Raw()->DestroyProgram(nullptr));
+    EXPECT_EQ(log.Calls(), (Calls{"ksDeleteProgram(" + singleText + ")",
+                                  "ksDeleteProgram(" + prog + ")", "ksDeleteProgram(null)"}));
+    Raw()->DestroyShader(shape);
+    Raw()->DestroyShader(material);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(RawFixture, NoConsoleChangesNoResult)
+{
+    IKestrelContext* silent = _pManager->CreateKestrelContext(nullptr, false, false, nullptr);
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(silent));
+    auto* raw = dynamic_cast<KestrelContextImp*>(silent);
+    _KSshader* shape = raw->CreateShader(KS_VERTEX_SHADER, kShapeParts, 2);
+    EXPECT_NE(shape, nullptr);
+    AutoFaults faults;
+    InjectFault("ksCompileShader");
+    InjectFault("ksLinkProgram");
+    EXPECT_EQ(raw->CreateShader(KS_VERTEX_SHADER, kShapeParts, 2), nullptr);
+    EXPECT_EQ(raw->CreateProgram(shape), nullptr);
+    _pManager->DestroyKestrelContext(silent);
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
+}

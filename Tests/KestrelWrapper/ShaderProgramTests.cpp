@@ -1,1 +1,430 @@
-// Placeholder: filled with the class family it tests.
+// Shader and program objects against the runtime: compile texts, listeners,
+// the link-once step and both orders of death.
+#include "WrapperFixture.h"
+
+#include <functional>
+#include <memory>
+
+using namespace WrapperTest;
+using namespace Vireo;
+using fastdelegate::FastDelegate0;
+using fastdelegate::FastDelegate1;
+using fastdelegate::MakeDelegate;
+using Kestrel::Testing::AutoFaults;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::Describe;
+using Kestrel::Testing::InjectFault;
+using Vireo::Testing::kCCK_Print;
+using Vireo::Testing::kCCK_PrintError;
+
+namespace
+{
+
+// Sources that every stage of the language accepts.
+const char* const kShapeSource = "uniform vec3 center;\nuniform float radius;\n"
+                                 "sphere(center, radius);\n";
+const char* const kSharedSource = "uniform float exposure;\n";
+const char* const kInjectedLog = "0:0: error: injected fault";
+const char* const kNoSource =
+    "KS: ksGetShaderString(KS_SHADER_SOURCE) failure. Returned empty string";
+
+// Records each notification it gets, with what the call log held then.
+struct Watcher
+{
+    std::vector<std::string> seen;
+    bool bAnswer = true;
+    std::function<std::string()> probe; // what to note at each call
+
+    bool OnChange() { return _Note("change"); }
+    bool OnShader(IKSShader*) { return _Note("shader"); }
+    bool OnProgram(IKSProgram*) { return _Note("program"); }
+
+private:
+    bool _Note(const std::string& what)
+    {
+        seen.push_back(probe ? what + ":" + probe() : what);
+        return bAnswer;
+    }
+};
+
+class ShaderFixture : public WrapperFixture
+{
+protected:
+    void TearDown() override
+    {
+        KSShaderTraceSwitch::Set(KSShader::kTrace_None);
+        WrapperFixture::TearDown();
+    }
+
+    IKSShader* Compiled(IKSShader::Type type, const char* source)
+    {
+        IKSShader* shader = _pContext->CreateIKSShader(type);
+        std::string text = source;
+        EXPECT_TRUE(shader->SetString(text, nullptr));
+        return shader;
+    }
+};
+
+std::string Count(const CallLog& log, const char* function)
+{
+    return std::to_string(log.CallsOf(function).size());
+}
+
+} // namespace
+
+TEST_F(ShaderFixture, ShaderKindsNamesAndShutdown)
+{
+    const struct
+    {
+        IKSShader::Type type;
+        const char* kind;
+    } kinds[] = {{IKSShader::kST_LinkOnce, "KS_LINK_ONCE_SHADER"},
+                 {IKSShader::kST_Vertex, "KS_VERTEX_SHADER"},
+                 {IKSShader::kST_Kind2, "KS_SHADER_KIND_2"},
+                 {IKSShader::kST_Kind3, "KS_SHADER_KIND_3"}};
+    for (const auto& each : kinds)
+    {
+        CallLog log;
+        IKSShader* shader = _pContext->CreateIKSShader(each.type);
+        ASSERT_NE(shader, nullptr);
+        EXPECT_EQ(log.Calls(), Calls{std::string("ksCreateShader(") + each.kind + ")"});
+        EXPECT_EQ(shader->GetType(), each.type);
+        EXPECT_EQ(shader->GetName(), "-Unnamed-");
+        EXPECT_TRUE(_pContext->DestroyIKSShader(shader));
+    }
+    EXPECT_FALSE(_pContext->DestroyIKSShader(nullptr));
+    AutoFaults faults;
+    InjectFault("ksCreateShader", 1, 0);
+    EXPECT_EQ(_pContext->CreateIKSShader(IKSShader::kST_Vertex), nullptr);
+
+    KSShader shader(&_console, false);
+    ASSERT_TRUE(shader.Init(IKSShader::kST_Vertex));
+    const std::string handle = Describe(shader.GetKSShader());
+    CallLog log;
+    EXPECT_TRUE(shader.SetName("ball"));
+    EXPECT_EQ(shader.GetName(), "ball");
+    shader.Shutdown();
+    shader.Shutdown();
+    EXPECT_EQ(shader.GetName(), "-Shutdown-");
+    EXPECT_EQ(shader.GetKSShader(), nullptr);
+    EXPECT_TRUE(shader.SetName("late")) << "stored and sent although the handle is gone";
+    EXPECT_EQ(shader.GetName(), "late");
+    EXPECT_EQ(log.Calls(), (Calls{"ksShaderString(" + handle + ", KS_SHADER_NAME, \"ball\")",
+                                  "ksDeleteShader(" + handle + ")",
+                                  "ksShaderString(null, KS_SHADER_NAME, \"late\")"}));
+    ksGetError(); // the null handle's error
+}
+
+// Every trace level, release mode or not, compile failing or not; each row is
+// run with and without a Result.
+TEST_F(ShaderFixture, CompileTextsFollowTraceLevelAndReleaseMode)
+{
+    const struct
+    {
+        int level;
+        bool release;
+        bool fails;
+        bool sourceShown;
+    } rows[] = {
+        {0, false, true, false},  {0, false, false, false}, {1, false, true, true},
+        {1, false, false, false}, {2, false, true, true},   {2, false, false, true},
+        {3, false, true, false},  {3, false, false, false}, {1, true, true, false},
+        {2, true, true, false},   {2, true, false, false},
+    };
+    for (const auto& row : rows)
+    {
+        for (bool withResult : {false, true})
+        {
+            SCOPED_TRACE("level " + std::to_string(row.level) + (row.release ? " release" : "") +
+                         (row.fails ? " failing" : " compiling") +
+                         (withResult ? " with Result" : ""));
+            KSShaderTraceSwitch::Set(row.level);
+            KSShader shader(&_console, row.release);
+            shader.Init(IKSShader::kST_Vertex);
+            AutoFaults faults;
+            if (row.fails)
+                InjectFault("ksCompileShader");
+            _console.Clear();
+            Result result;
+            std::string source = kShapeSource;
+            CallLog log;
+
+            EXPECT_EQ(shader.SetString(source, withResult ? &result : nullptr), !row.fails);
+            std::string expectedResult;
+            std::vector<ConsoleCall> expectedConsole;
+            if (row.sourceShown)
+            {
+                expectedResult = kShapeSource;
+                expectedConsole = {{kCCK_Print, kShapeSource}, {kCCK_Print, "\n"}};
+            }
+            if (row.fails && withResult)
+                expectedResult += kInjectedLog;
+            EXPECT_EQ(result.GetText(), withResult ? expectedResult : "");
+            EXPECT_EQ(_console.Calls(), expectedConsole);
+            EXPECT_EQ(log.CallsOf("ksGetShaderString").size(),
+                      (row.sourceShown ? 1u : 0u) + (row.fails && withResult ? 1u : 0u))
+                << "the log is fetched only for a Result";
+        }
+    }
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(ShaderFixture, CompileReportsWhatKestrelGives)
+{
+    // Kestrel's own log, whatever its words, after the source: an undeclared name.
+    KSShaderTraceSwitch::Set(KSShader::kTrace_Always);
+    IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
+    Result result;
+    std::string wrong = "sphere(nowhere, 1.0);\n";
+    const bool compiled = shader->SetString(wrong, &result);
+    int status = 0;
+    const char* log = nullptr;
+    ksGetShaderiv(shader->GetKSShader(), KS_COMPILE_STATUS, &status);
+    ksGetShaderString(shader->GetKSShader(), KS_SHADER_LOG, &log);
+    ASSERT_NE(log, nullptr);
+    EXPECT_EQ(compiled, status != 0);
+    EXPECT_EQ(result.GetText(), wrong + (compiled ? "" : log));
+
+    // No source to show: the failure text, without a line end in the Result.
+    _console.Clear();
+    AutoFaults faults;
+    InjectFault("ksGetShaderString", 1, 0);
+    Result missing;
+    std::string good = kShapeSource;
+    EXPECT_TRUE(shader->SetString(good, &missing));
+    EXPECT_EQ(missing.GetText(), kNoSource);
+    EXPECT_EQ(_console.Calls(),
+              (std::vector<ConsoleCall>{{kCCK_Print, std::string(kNoSource) + "\n"}}));
+    _pContext->DestroyIKSShader(shader);
+}
+
+TEST_F(ShaderFixture, ChangeListenersHearOnlyGoodCompiles)
+{
+    KSShaderTraceSwitch::Set(KSShader::kTrace_Always);
+    IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
+    std::string source = kShapeSource;
+    Result result;
+    EXPECT_TRUE(shader->SetString(source, &result)) << "no listeners: the compile decides";
+
+    Watcher watchers[2];
+    for (Watcher& watcher : watchers)
+        watcher.probe = [&result] { return result.GetText(); };
+    FastDelegate0<bool> first = MakeDelegate(&watchers[0], &Watcher::OnChange);
+    FastDelegate0<bool> second = MakeDelegate(&watchers[1], &Watcher::OnChange);
+    EXPECT_TRUE(shader->AddListenerChange(second));
+    EXPECT_TRUE(shader->AddListenerChange(first));
+    EXPECT_TRUE(shader->AddListenerChange(first));
+
+    result.Clear();
+    EXPECT_TRUE(shader->SetString(source, &result));
+    const std::string heard = std::string("change:") + kShapeSource;
+    EXPECT_EQ(watchers[0].seen, std::vector<std::string>{heard}) << "after the report, once";
+
+    {
+        AutoFaults faults;
+        InjectFault("ksCompileShader");
+        EXPECT_FALSE(shader->SetString(source, nullptr));
+    }
+    watchers[0].bAnswer = false;
+    EXPECT_FALSE(shader->SetString(source, nullptr)) << "a false listener fails the call";
+    EXPECT_EQ(watchers[0].seen.size(), 2u);
+    EXPECT_EQ(watchers[1].seen.size(), 1u) << "nor is the next one told";
+
+    EXPECT_TRUE(shader->RemoveListenerChange(first));
+    EXPECT_TRUE(shader->RemoveListenerChange(first));
+    EXPECT_TRUE(shader->SetString(source, nullptr));
+    EXPECT_EQ(watchers[1].seen.size(), 2u);
+    _pContext->DestroyIKSShader(shader);
+    EXPECT_EQ(watchers[1].seen.size(), 2u) << "no change at shutdown";
+}
+
+TEST_F(ShaderFixture, DeleteListenersRunBeforeTheHandleGoes)
+{
+    IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
+    const std::string handle = Describe(shader->GetKSShader());
+    CallLog log;
+    Watcher watchers[3];
+    for (Watcher& watcher : watchers)
+        watcher.probe = [&log, shader]
+        { return Describe(shader->GetKSShader()) + " deletes " + Count(log, "ksDeleteShader"); };
+    watchers[1].bAnswer = false;
+    for (int i : {2, 1, 0})
+    {
+        FastDelegate1<IKSShader*, bool> listener = MakeDelegate(&watchers[i], &Watcher::OnShader);
+        shader->AddListenerDelete(listener);
+    }
+    FastDelegate0<bool> change = MakeDelegate(&watchers[2], &Watcher::OnChange);
+    shader->AddListenerChange(change);
+
+    EXPECT_TRUE(_pContext->DestroyIKSShader(shader));
+    const std::vector<std::string> heard = {"shader:" + handle + " deletes 0"};
+    EXPECT_EQ(watchers[0].seen, heard);
+    EXPECT_EQ(watchers[1].seen, heard);
+    EXPECT_EQ(watchers[2].seen, std::vector<std::string>{}) << "hidden by a false answer";
+    EXPECT_EQ(log.CallsOf("ksDeleteShader"), Calls{"ksDeleteShader(" + handle + ")"});
+}
+
+TEST_F(ShaderFixture, ProgramAttachesEachShaderOnce)
+{
+    IKSProgram* program = _pContext->CreateIKSProgram();
+    ASSERT_NE(program, nullptr);
+    IKSShader* shader = Compiled(IKSShader::kST_Vertex, kShapeSource);
+    const std::string pair =
+        "(" + Describe(program->GetKSProgram()) + ", " + Describe(shader->GetKSShader()) + ")";
+    CallLog log;
+    EXPECT_TRUE(program->AddShader(shader));
+    EXPECT_TRUE(program->AddShader(shader));
+    EXPECT_TRUE(program->RemoveShader(nullptr));
+    EXPECT_EQ(log.Calls(), Calls{"ksAttachShader" + pair});
+
+    EXPECT_TRUE(program->SetName("lit"));
+    EXPECT_TRUE(program->Link());
+    for (const char* name : {"center", "radius", "nothing"})
+        EXPECT_EQ(program->GetLocationUniform(name),
+                  ksGetUniformLocation(program->GetKSProgram(), name));
+    EXPECT_EQ(program->GetLocationUniform("nothing"), -1);
+    EXPECT_EQ(program->GetLocationUniformBlock("nothing"), -1);
+    EXPECT_EQ(program->GetLocationAttribute("nothing"), -1);
+
+    log.Clear();
+    EXPECT_TRUE(program->RemoveShader(shader));
+    EXPECT_TRUE(program->RemoveShader(shader));
+    EXPECT_EQ(log.Calls(), Calls{"ksDetachShader" + pair});
+    EXPECT_NO_KS_ERROR();
+
+    // Shut down: no name, and the null handle goes to Kestrel unexamined.
+    dynamic_cast<KSProgram*>(program)->Shutdown();
+    log.Clear();
+    EXPECT_FALSE(program->SetName("late"));
+    EXPECT_EQ(program->GetLocationUniform("center"), -1);
+    EXPECT_EQ(log.Calls(), Calls{"ksGetUniformLocation(null, \"center\")"});
+    ksGetError();
+    _pContext->DestroyIKSProgram(program);
+    _pContext->DestroyIKSShader(shader);
+    EXPECT_FALSE(_pContext->DestroyIKSProgram(nullptr));
+}
+
+TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersBeforeTellingListeners)
+{
+    IKSProgram* program = _pContext->CreateIKSProgram();
+    IKSShader* shaders[] = {Compiled(IKSShader::kST_LinkOnce, kSharedSource),
+                            Compiled(IKSShader::kST_Vertex, kShapeSource),
+                            Compiled(IKSShader::kST_LinkOnce, "uniform float gain;\n"),
+                            Compiled(IKSShader::kST_LinkOnce, "uniform float bias;\n")};
+    for (IKSShader* shader : shaders)
+        program->AddShader(shader);
+    program->RemoveShader(shaders[2]);
+    // A deleted handle reads differently in the log, so describe at each use.
+    auto linkOnceDeletes = [&shaders]
+    {
+        return Calls{"ksDeleteShader(" + Describe(shaders[0]->GetKSShader()) + ")",
+                     "ksDeleteShader(" + Describe(shaders[3]->GetKSShader()) + ")"};
+    };
+    Calls expected = linkOnceDeletes();
+    CallLog log;
+    Watcher watchers[2];
+    watchers[0].probe = [&log] { return Count(log, "ksDeleteShader"); };
+    FastDelegate1<IKSProgram*, bool> onLink = MakeDelegate(&watchers[0], &Watcher::OnProgram);
+    FastDelegate1<IKSProgram*, bool> onDelete = MakeDelegate(&watchers[1], &Watcher::OnProgram);
+    program->AddListenerLink(onLink);
+    program->AddListenerDelete(onDelete);
+
+    {
+        AutoFaults faults;
+        InjectFault("ksLinkProgram");
+        EXPECT_FALSE(program->Link());
+    }
+    EXPECT_EQ(log.CallsOf("ksDeleteShader"), Calls{}) << "a failed link deletes none";
+    EXPECT_TRUE(program->Link());
+    EXPECT_EQ(log.CallsOf("ksDeleteShader"), expected) << "in order of attachment";
+    const Calls again = linkOnceDeletes();
+    expected.insert(expected.end(), again.begin(), again.end());
+    EXPECT_TRUE(program->Link());
+    EXPECT_EQ(log.CallsOf("ksDeleteShader"), expected) << "and again at the next link";
+    EXPECT_EQ(watchers[0].seen, (std::vector<std::string>{"program:2", "program:4"}));
+    EXPECT_EQ(watchers[1].seen, std::vector<std::string>{}) << "Link tells no delete listener";
+
+    watchers[0].bAnswer = false;
+    EXPECT_FALSE(program->Link()) << "linked, but a listener said false";
+    int status = 0;
+    ksGetProgramiv(program->GetKSProgram(), KS_LINK_STATUS, &status);
+    EXPECT_NE(status, 0);
+
+    EXPECT_TRUE(_pContext->DestroyIKSProgram(program));
+    EXPECT_EQ(watchers[0].seen.size(), 3u) << "no link listener at shutdown";
+    EXPECT_EQ(watchers[1].seen.size(), 1u);
+    for (IKSShader* shader : shaders)
+        _pContext->DestroyIKSShader(shader);
+    EXPECT_NO_KS_ERROR() << "deleting a link-once handle again is harmless";
+}
+
+TEST_F(ShaderFixture, LinkFailurePrintsNameAndLog)
+{
+    IKSProgram* program = _pContext->CreateIKSProgram();
+    IKSShader* shader = Compiled(IKSShader::kST_Vertex, kShapeSource);
+    program->AddShader(shader);
+    const struct
+    {
+        const char* name;
+        const char* heading;
+    } rows[] = {{nullptr, "KS: program '' link failed:\n"},
+                {"sky", "KS: program 'sky' link failed:\n"}};
+    for (const auto& row : rows)
+    {
+        if (row.name != nullptr)
+            program->SetName(row.name);
+        _console.Clear();
+        AutoFaults faults;
+        InjectFault("ksLinkProgram");
+        EXPECT_FALSE(program->Link());
+        EXPECT_EQ(_console.Calls(), (std::vector<ConsoleCall>{
+                                        {kCCK_PrintError, row.heading},
+                                        {kCCK_PrintError, "KS: 0:0: error: injected fault\n"}}));
+    }
+
+    _pContext->DestroyIKSProgram(program);
+    _pContext->DestroyIKSShader(shader);
+}
+
+// A shader in two programs dies first; then the programs; then a shader that
+// outlived them. ASan watches for a listener left behind.
+TEST_F(ShaderFixture, ShaderAndProgramDieInEitherOrder)
+{
+    IKSProgram* programs[] = {_pContext->CreateIKSProgram(), _pContext->CreateIKSProgram()};
+    // The shared shader hears of its end in the order of the programs' addresses.
+    if (std::less<void*>()(dynamic_cast<KSProgram*>(programs[1]),
+                           dynamic_cast<KSProgram*>(programs[0])))
+        std::swap(programs[0], programs[1]);
+    IKSShader* shared = Compiled(IKSShader::kST_Vertex, kShapeSource);
+    IKSShader* survivor =
+        Compiled(IKSShader::kST_Kind2, "uniform vec3 albedo;\ndiffuse(albedo);\n");
+    for (IKSProgram* program : {programs[1], programs[0]})
+    {
+        program->AddShader(shared);
+        program->AddShader(survivor);
+    }
+    const std::string sharedText = Describe(shared->GetKSShader());
+    const std::string survivorText = Describe(survivor->GetKSShader());
+    const std::string progTexts[] = {Describe(programs[0]->GetKSProgram()),
+                                     Describe(programs[1]->GetKSProgram())};
+
+    CallLog log;
+    _pContext->DestroyIKSShader(shared);
+    EXPECT_EQ(log.Calls(), (Calls{"ksDetachShader(" + progTexts[0] + ", " + sharedText + ")",
+                                  "ksDetachShader(" + progTexts[1] + ", " + sharedText + ")",
+                                  "ksDeleteShader(" + sharedText + ")"}));
+    log.Clear();
+    EXPECT_TRUE(programs[0]->RemoveShader(shared)) << "the old pointer is forgotten";
+    EXPECT_EQ(log.Calls(), Calls{});
+
+    for (IKSProgram* program : programs)
+        _pContext->DestroyIKSProgram(program);
+    EXPECT_EQ(log.Calls(), (Calls{"ksDeleteProgram(" + progTexts[0] + ")",
+                                  "ksDeleteProgram(" + progTexts[1] + ")"}))
+        << "no detach once the program is gone";
+    log.Clear();
+    _pContext->DestroyIKSShader(survivor);
+    EXPECT_EQ(log.Calls(), Calls{"ksDeleteShader(" + survivorText + ")"})
+        << "no program is left to detach from";
+    EXPECT_NO_KS_ERROR();
+}
