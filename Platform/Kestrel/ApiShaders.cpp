@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 using namespace Kestrel;
 
@@ -174,6 +175,7 @@ void ksCompileShader(_KSshader* shader)
         {
             object->_bCompiled = false;
             object->_sLog = kInjectedFaultLog;
+            object->_pCompiled.reset();
         }
         return;
     }
@@ -182,10 +184,13 @@ void ksCompileShader(_KSshader* shader)
     ShaderObject* object = call.Use(call.Ctx()._shaders, kOK_Shader, IdOf(shader));
     if (!object)
         return;
-    const CompileResult result =
-        CompileShaderSource(object->_eKind, object->_bHasSource ? object->_sSource : "");
+    CompileResult result =
+        CompileShaderSource(object->_eKind, object->_bHasSource ? &object->_sSource : nullptr);
     object->_bCompiled = result._bSuccess;
-    object->_sLog = result._sLog;
+    object->_sLog = std::move(result._sLog);
+    // Programs that link this shader from now on take the new parse; a
+    // program keeps the one it last linked from in its own LinkedProgram.
+    object->_pCompiled = std::move(result._pShader);
 }
 
 void ksGetShaderiv(_KSshader* shader, int name, int* value)
@@ -328,6 +333,7 @@ void ksLinkProgram(_KSprogram* program)
             object->_bLinked = false;
             object->_sLog = kInjectedFaultLog;
             object->_linked = LinkedProgram();
+            ++object->_nRevision;
         }
         return;
     }
@@ -343,6 +349,10 @@ void ksLinkProgram(_KSprogram* program)
     object->_bLinked = result._bSuccess;
     object->_sLog = std::move(result._sLog);
     object->_linked = std::move(result._program);
+    // Every link replaces what the program declares and runs, a failed one
+    // with nothing, so a scene cached from the last revision is stale either
+    // way.
+    ++object->_nRevision;
 }
 
 void ksGetProgramiv(_KSprogram* program, int name, int* value)

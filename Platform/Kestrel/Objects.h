@@ -176,6 +176,9 @@ struct LinkedProgram
     std::vector<Statement> _statements;
 };
 
+// The shading language's parse of a shader (ShadingLanguage.h).
+struct CompiledShader;
+
 struct ShaderObject
 {
     Id _nId = 0;
@@ -186,6 +189,9 @@ struct ShaderObject
     std::string _sName;
     std::string _sLog;
     bool _bCompiled = false;
+    // The last good compile, which links use; null while _bCompiled is false.
+    // Shared, so that programs keep it after the shader is deleted.
+    std::shared_ptr<const CompiledShader> _pCompiled;
 };
 
 struct ProgramObject
@@ -211,6 +217,9 @@ struct PrimitiveObject
     Id _nProgram = 0;
     std::map<int, UniformValue> _uniforms;
     std::map<int, Id> _blocks; // uniform block index -> buffer
+    // Raised by whatever changes what the renderer reads of the primitive:
+    // uniforms, its program, its block bindings.
+    std::uint64_t _nRevision = 0;
 };
 
 struct BufferObject
@@ -221,6 +230,9 @@ struct BufferObject
     int _eUsage = 0;
     bool _bMapped = false;
     std::string _sName;
+    // Raised by new storage and by every map and unmap, since a mapping
+    // lets the host write the storage.
+    std::uint64_t _nRevision = 0;
 };
 
 // One image of a texture. Shared with frames in flight, so a texture that is
@@ -254,6 +266,8 @@ struct TextureObject
     int _eMagFilter = KS_LINEAR;
     int _eWrapS = KS_REPEAT;
     int _eWrapT = KS_REPEAT;
+    // Raised by a new image and by parameter changes.
+    std::uint64_t _nRevision = 0;
 };
 
 constexpr int kMaxAttachments = 16;
