@@ -1,1 +1,317 @@
-// Placeholder: filled with the class family it tests.
+// Frame buffer attachments: client memory as the storage Kestrel renders
+// into, the running sum of kBM_Accumulated, the host's lock, and resizes
+// that never leave Kestrel naming freed memory.
+#include "WrapperFixture.h"
+
+#include <chrono>
+#include <cstdint>
+#include <cstring>
+#include <future>
+
+using namespace WrapperTest;
+using namespace Vireo;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::Describe;
+using Att = IKSFrameBufferAttachment;
+
+namespace
+{
+
+constexpr int kWidth = 5;
+constexpr int kHeight = 3;
+
+::testing::AssertionResult AllPixelsAre(IKSFrameBufferAttachment* attachment, int pixels,
+                                        const Color4f& expected)
+{
+    const unsigned char* buffer = attachment->GetClientBuffer();
+    if (buffer == nullptr)
+        return ::testing::AssertionFailure() << "no client buffer";
+    for (int i = 0; i < pixels; ++i)
+    {
+        Color4f pixel;
+        std::memcpy(&pixel, buffer + 16 * i, sizeof(pixel));
+        if (!(pixel == expected))
+            return ::testing::AssertionFailure()
+                   << "pixel " << i << " is (" << pixel.r << ", " << pixel.g << ", " << pixel.b
+                   << ", " << pixel.a << ")";
+    }
+    return ::testing::AssertionSuccess();
+}
+
+bool IsAligned(const void* pointer)
+{
+    return reinterpret_cast<std::uintptr_t>(pointer) % 16 == 0;
+}
+
+class AttachmentTest : public WrapperFixture
+{
+protected:
+    void SetUp() override
+    {
+        WrapperFixture::SetUp();
+        _pFrameBuffer = _pContext->CreateIKSFrameBuffer();
+        ASSERT_NE(_pFrameBuffer, nullptr);
+        ASSERT_TRUE(_pFrameBuffer->Init(kWidth, kHeight));
+    }
+    void TearDown() override
+    {
+        _pContext->DestroyIKSFrameBuffer(_pFrameBuffer);
+        WrapperFixture::TearDown();
+    }
+
+    IKSFrameBufferAttachment* Create(int index, Att::eBlendMode mode, const Color4f& clearColor)
+    {
+        return _pFrameBuffer->CreateAttachment(index, Att::kF_RGBA, Att::kDT_Float, false, mode,
+                                               clearColor);
+    }
+
+    // A pass that leaves `value` in every target. The hook writes it and
+    // stops the frame before the first tile, so the pass is the same
+    // whatever the renderer would draw.
+    void RenderPass(const Color4f& value)
+    {
+        Kestrel::Testing::AutoRenderHook hook(
+            [value](void* context)
+            {
+                ksClearColor(value.r, value.g, value.b, value.a);
+                ksClear(KS_COLOR_BUFFER_BIT);
+                KestrelStopContext(context);
+            });
+        EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Stopped);
+    }
+
+    IKSFrameBuffer* _pFrameBuffer = nullptr;
+};
+
+} // namespace
+
+TEST(AttachmentInitTest, RefusesBadArgumentsBeforeAnyKestrelCall)
+{
+    struct Case
+    {
+        const char* why;
+        int width, height;
+        int format, dataType, blendMode;
+    };
+    const Case cases[] = {
+        {"width 0", 0, 4, Att::kF_RGBA, Att::kDT_Float, 0},
+        {"height -1", 4, -1, Att::kF_RGBA, Att::kDT_Float, 0},
+        {"format 4", 4, 4, 4, Att::kDT_Float, 0},
+        {"format -1", 4, 4, -1, Att::kDT_Float, 0},
+        {"data type 7", 4, 4, Att::kF_RGBA, 7, 0},
+        {"blend mode 4", 4, 4, Att::kF_RGBA, Att::kDT_Float, 4},
+        {"RGB float", 4, 4, Att::kF_RGB, Att::kDT_Float, 0},
+        {"RGBA bytes", 4, 4, Att::kF_RGBA, Att::kDT_UnsignedByte, 1},
+        {"2^31 bytes", 16384, 8192, Att::kF_RGBA, Att::kDT_Float, 0},
+        {"2^32 pixels", 65536, 65536, Att::kF_RGBA, Att::kDT_Float, 1},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.why);
+        KSFrameBufferAttachment attachment(nullptr); // no context is ever reached
+        CallLog log;
+        EXPECT_FALSE(attachment.Init(c.width, c.height, 3, static_cast<Att::eFormat>(c.format),
+                                     static_cast<Att::eDataType>(c.dataType), true,
+                                     static_cast<Att::eBlendMode>(c.blendMode),
+                                     Color4f{1, 2, 3, 4}));
+        EXPECT_EQ(log.Calls(), Calls{});
+        EXPECT_EQ(attachment.Format(), -1);
+        EXPECT_EQ(attachment.DataType(), -1);
+        EXPECT_EQ(attachment.BlendMode(), -1);
+        EXPECT_EQ(attachment.ClearColor(), Color4f{});
+        EXPECT_EQ(attachment.GetClientBuffer(), nullptr);
+        EXPECT_EQ(attachment.GetKSTexture(), nullptr);
+    }
+}
+
+TEST_F(WrapperFixture, AttachmentInitSpecifiesClientStorageInsideTheTexturePair)
+{
+    _KStexture* other = nullptr;
+    ksGenTextures(1, &other);
+    ksBindTexture(KS_TEXTURE_2D, other);
+    KSFrameBufferAttachment attachment(_pContext);
+    CallLog log;
+    ASSERT_TRUE(attachment.Init(4, 2, 0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Accumulated,
+                                Color4f{}));
+    const std::string texture = Describe(attachment.GetKSTexture());
+    EXPECT_EQ(log.Calls(),
+              (Calls{"ksGenTextures(1, ptr)", "ksGetTexture(KS_TEXTURE_BINDING_2D, ptr)",
+                     "ksBindTexture(KS_TEXTURE_2D, " + texture + ")",
+                     "ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1)",
+                     "ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 4, 2, 0, KS_RGBA, KS_FLOAT, ptr)",
+                     "ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0)",
+                     "ksBindTexture(KS_TEXTURE_2D, " + Describe(other) + ")", "ksGetError()"}));
+    Kestrel::Testing::TextureRecord record;
+    ASSERT_TRUE(Kestrel::Testing::ReadTexture(attachment.GetKSTexture(), 0, &record));
+    EXPECT_TRUE(record.clientStorage);
+    EXPECT_EQ(record.width, 4);
+    EXPECT_EQ(record.height, 2);
+    EXPECT_TRUE(IsAligned(attachment.GetClientBuffer()));
+    ksDeleteTextures(1, &other);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(AttachmentTest, KestrelClearsLandInClientMemoryOutsideAccumulation)
+{
+    for (Att::eBlendMode mode : {Att::kBM_Mode0, Att::kBM_Mode2, Att::kBM_Mode3})
+    {
+        SCOPED_TRACE(mode);
+        const Color4f colour{0.5f, -2.0f, 3.25f, 1.0f};
+        IKSFrameBufferAttachment* attachment = Create(1, mode, colour);
+        ASSERT_NE(attachment, nullptr);
+        EXPECT_TRUE(IsAligned(attachment->GetClientBuffer()));
+        _pFrameBuffer->Clear();
+        EXPECT_TRUE(AllPixelsAre(attachment, kWidth * kHeight, colour));
+
+        // No sum, no clear: the target keeps what the pass left.
+        _pFrameBuffer->Bind();
+        RenderPass(Color4f{0.25f, 0.25f, 0.25f, 0.25f});
+        CallLog log;
+        EXPECT_TRUE(attachment->NotifyPassCompleted());
+        EXPECT_EQ(log.Calls(), Calls{});
+        EXPECT_TRUE(
+            AllPixelsAre(attachment, kWidth * kHeight, Color4f{0.25f, 0.25f, 0.25f, 0.25f}));
+        _pFrameBuffer->DestroyAttachment(attachment);
+    }
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(AttachmentTest, AccumulationSumsOneMinusEachPass)
+{
+    const Color4f clearColour{0.125f, 0.25f, 0.375f, 0.5f};
+    IKSFrameBufferAttachment* attachment = Create(2, Att::kBM_Accumulated, clearColour);
+    ASSERT_NE(attachment, nullptr);
+    EXPECT_TRUE(IsAligned(attachment->GetClientBuffer()));
+    _pFrameBuffer->Bind();
+
+    // Init starts the sum: no Clear is needed before the first pass. The
+    // lanes differ, so a component that lands in the wrong lane shows.
+    RenderPass(Color4f{0.25f, 0.5f, 0.0f, 1.0f});
+    {
+        CallLog log;
+        EXPECT_TRUE(attachment->NotifyPassCompleted());
+        EXPECT_EQ(log.Calls(), (Calls{"ksClearColor(0.125, 0.25, 0.375, 0.5)", "ksClear(131072)"}));
+    }
+    // The target now holds the clear colour; the host still sees the sum.
+    EXPECT_TRUE(AllPixelsAre(attachment, kWidth * kHeight, Color4f{0.75f, 0.5f, 1.0f, 0.0f}));
+    RenderPass(Color4f{0.5f, 0.25f, 1.0f, 0.0f});
+    attachment->NotifyPassCompleted();
+    EXPECT_TRUE(AllPixelsAre(attachment, kWidth * kHeight, Color4f{1.25f, 1.25f, 1.0f, 1.0f}));
+
+    // What restarts the sum and what keeps it, each followed by two passes.
+    struct Step
+    {
+        const char* what;
+        int width, height;
+        bool clear;
+        float afterFirst, afterSecond;
+    };
+    const Step steps[] = {
+        {"Clear restarts", kWidth, kHeight, true, 0.75f, 1.25f},
+        {"the same size keeps", kWidth, kHeight, false, 2.0f, 2.5f},
+        {"another size restarts", kWidth + 2, kHeight + 1, false, 0.75f, 1.25f},
+    };
+    for (const Step& step : steps)
+    {
+        SCOPED_TRACE(step.what);
+        const unsigned char* before = attachment->GetClientBuffer();
+        if (step.clear)
+            _pFrameBuffer->Clear();
+        CallLog log;
+        EXPECT_TRUE(_pFrameBuffer->Resize(step.width, step.height));
+        if (step.width == kWidth)
+        {
+            EXPECT_EQ(log.Calls(), Calls{});
+            EXPECT_EQ(attachment->GetClientBuffer(), before);
+        }
+        const int pixels = step.width * step.height;
+        RenderPass(Color4f{0.25f, 0.25f, 0.25f, 0.25f});
+        attachment->NotifyPassCompleted();
+        const float first = step.afterFirst;
+        EXPECT_TRUE(AllPixelsAre(attachment, pixels, Color4f{first, first, first, first}));
+        RenderPass(Color4f{0.5f, 0.5f, 0.5f, 0.5f});
+        attachment->NotifyPassCompleted();
+        const float second = step.afterSecond;
+        EXPECT_TRUE(AllPixelsAre(attachment, pixels, Color4f{second, second, second, second}));
+    }
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(AttachmentTest, LockBelongsToTheThreadThatTookIt)
+{
+    IKSFrameBufferAttachment* attachment = Create(0, Att::kBM_Accumulated, Color4f{});
+    ASSERT_NE(attachment, nullptr);
+    // Another thread gives back a hold it does not have, then tries once.
+    auto elsewhere = [attachment]
+    {
+        return std::async(std::launch::async,
+                          [attachment]
+                          {
+                              attachment->UnLock();
+                              const bool locked = attachment->Lock(0);
+                              if (locked)
+                                  attachment->UnLock();
+                              return locked;
+                          })
+            .get();
+    };
+    EXPECT_TRUE(elsewhere()) << "starts free";
+    ASSERT_TRUE(attachment->Lock(0));
+    ASSERT_TRUE(attachment->Lock(0)) << "the owner may take it again";
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(elsewhere()) << "neither released by a stranger nor waited for";
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    attachment->UnLock();
+    EXPECT_FALSE(elsewhere()) << "one hold left";
+    attachment->UnLock();
+    EXPECT_TRUE(elsewhere());
+}
+
+TEST_F(AttachmentTest, FailedResizeLeavesKestrelNoStorageOfOurs)
+{
+    struct Case
+    {
+        const char* why;
+        int width, height;
+        bool faultNewImage;
+        bool result;
+        int pendingError;
+    };
+    const Case cases[] = {
+        {"allocation refused", 16384, 8192, false, false, 0},
+        {"size below 1", 0, 7, false, false, 0},
+        {"new image faulted", kWidth + 1, kHeight, true, true, KS_INVALID_OPERATION},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.why);
+        ASSERT_TRUE(_pFrameBuffer->Resize(kWidth, kHeight)) << "no attachments left";
+        IKSFrameBufferAttachment* attachment = Create(0, Att::kBM_Accumulated, Color4f{});
+        ASSERT_NE(attachment, nullptr);
+        _KStexture* texture = attachment->GetKSTexture();
+        {
+            Kestrel::Testing::AutoFaults faults;
+            if (c.faultNewImage)
+            {
+                // The first ksTexImage2D (letting go of the old memory)
+                // works, the second (taking the new one) fails.
+                Kestrel::Testing::InjectErrorAfter("ksTexImage2D", 0);
+                Kestrel::Testing::InjectFault("ksTexImage2D");
+            }
+            EXPECT_EQ(_pFrameBuffer->Resize(c.width, c.height), c.result);
+            EXPECT_EQ(ksGetError(), c.pendingError);
+        }
+        Kestrel::Testing::TextureRecord record;
+        ASSERT_TRUE(Kestrel::Testing::ReadTexture(texture, 0, &record));
+        EXPECT_FALSE(record.clientStorage);
+        EXPECT_EQ(record.width + record.height, 0);
+        EXPECT_TRUE(record.bytes.empty());
+
+        // Kestrel's clears have nothing of ours to write into now.
+        _pFrameBuffer->Bind();
+        ksClearColor(1, 1, 1, 1);
+        ksClear(KS_COLOR_BUFFER_BIT);
+        EXPECT_NO_KS_ERROR();
+        _pFrameBuffer->DestroyAttachment(attachment);
+    }
+}

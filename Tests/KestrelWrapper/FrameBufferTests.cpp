@@ -1,1 +1,457 @@
-// Placeholder: filled with the class family it tests.
+// Frame buffers: the binding put back after each operation, attachments and
+// their parameters in Kestrel, the host's filter sampled into a table, and
+// the lock each Bind gives back.
+#include "WrapperFixture.h"
+
+#include <cstring>
+#include <functional>
+#include <future>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+using namespace WrapperTest;
+using namespace Vireo;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::Describe;
+using Vireo::Testing::AutoInstallConsole;
+using Vireo::Testing::kCCK_Print;
+using Att = IKSFrameBufferAttachment;
+
+namespace
+{
+
+// Records where it was sampled and answers with the number of the call, so
+// that a table entry tells which call filled it.
+class RecordingFilter : public IKSFrameBufferFilter
+{
+public:
+    explicit RecordingFilter(float size) : _fSize(size) {}
+    ~RecordingFilter() override = default;
+    float GetFilterSize() override { return _fSize; }
+    float Sample(float x, float y) override
+    {
+        samples.emplace_back(x, y);
+        return static_cast<float>(samples.size() - 1);
+    }
+
+    std::vector<std::pair<float, float>> samples;
+
+private:
+    float _fSize;
+};
+
+_KSframebuffer* BoundFrameBuffer()
+{
+    _KSframebuffer* bound = nullptr;
+    ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, &bound);
+    return bound;
+}
+
+std::string Point(int index)
+{
+    return index == 0 ? "KS_COLOR_ATTACHMENT0" : std::to_string(KS_COLOR_ATTACHMENT0 + index);
+}
+
+Color4f FirstPixel(IKSFrameBufferAttachment* attachment)
+{
+    Color4f pixel;
+    std::memcpy(&pixel, attachment->GetClientBuffer(), sizeof(pixel));
+    return pixel;
+}
+
+IKSFrameBufferAttachment* Create(IKSFrameBuffer& frameBuffer, int index,
+                                 Att::eBlendMode mode = Att::kBM_Mode0, bool filtered = false,
+                                 const Color4f& clearColor = Color4f{})
+{
+    return frameBuffer.CreateAttachment(index, Att::kF_RGBA, Att::kDT_Float, filtered, mode,
+                                        clearColor);
+}
+
+bool LockFromOtherThread(IKSFrameBufferAttachment* attachment)
+{
+    return std::async(std::launch::async,
+                      [attachment]
+                      {
+                          const bool locked = attachment->Lock(0);
+                          if (locked)
+                              attachment->UnLock();
+                          return locked;
+                      })
+        .get();
+}
+
+} // namespace
+
+TEST_F(WrapperFixture, FrameBufferInitFailureStillFreesAttachments)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    {
+        Kestrel::Testing::AutoFaults faults;
+        Kestrel::Testing::InjectFault("ksGenFramebuffers");
+        EXPECT_FALSE(frameBuffer.Init(4, 4));
+    }
+    ksGetError();
+    IKSFrameBufferAttachment* attachment = Create(frameBuffer, 0);
+    ASSERT_NE(attachment, nullptr) << "the attachment itself does not need the frame buffer";
+    ksGetError(); // attaching with nothing bound is Kestrel's error, left to the host
+    _KStexture* texture = attachment->GetKSTexture();
+    frameBuffer.Shutdown();
+    Kestrel::Testing::TextureRecord record;
+    EXPECT_FALSE(Kestrel::Testing::ReadTexture(texture, 0, &record)) << "deleted with its owner";
+    CallLog log;
+    frameBuffer.Shutdown();
+    EXPECT_EQ(log.Calls(), Calls{});
+
+    KSFrameBuffer made2(_pContext);
+    ASSERT_TRUE(made2.Init(2, 2));
+    _KSframebuffer* handle = made2.GetKSFrameBuffer();
+    EXPECT_FALSE(made2.Init(3, 3)) << "would orphan the first handle";
+    EXPECT_EQ(made2.GetKSFrameBuffer(), handle);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, FrameBufferOperationsPutTheBindingBack)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(4, 4));
+    ASSERT_NE(Create(frameBuffer, 0, Att::kBM_Accumulated, true), nullptr);
+    _KSframebuffer* other = nullptr;
+    ksGenFramebuffers(1, &other);
+    RecordingFilter filter(1.0f);
+    std::vector<IKSFrameBufferAttachment*> created;
+
+    const std::pair<const char*, std::function<void()>> operations[] = {
+        {"Clear", [&] { frameBuffer.Clear(); }},
+        {"ClearAttachment", [&] { frameBuffer.ClearAttachment(0); }},
+        {"ClearAttachment of no attachment", [&] { frameBuffer.ClearAttachment(9); }},
+        {"CreateAttachment", [&] { created.push_back(Create(frameBuffer, 3)); }},
+        {"DestroyAttachment", [&] { EXPECT_TRUE(frameBuffer.DestroyAttachment(created.back())); }},
+        {"SetFilter", [&] { EXPECT_TRUE(frameBuffer.SetFilter(&filter)); }},
+    };
+    for (_KSframebuffer* before : {static_cast<_KSframebuffer*>(nullptr), other})
+    {
+        for (const auto& operation : operations)
+        {
+            SCOPED_TRACE(operation.first);
+            ksBindFramebuffer(KS_FRAMEBUFFER, before);
+            operation.second();
+            EXPECT_EQ(BoundFrameBuffer(), before);
+        }
+    }
+    EXPECT_TRUE(frameBuffer.Bind());
+    EXPECT_EQ(BoundFrameBuffer(), frameBuffer.GetKSFrameBuffer()) << "Bind alone keeps it";
+    ksDeleteFramebuffers(1, &other);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, AutoBindFrameBufferNestsAndUnwindsInReverse)
+{
+    _KSframebuffer* handles[3] = {};
+    ksGenFramebuffers(3, handles);
+    ksBindFramebuffer(KS_FRAMEBUFFER, handles[0]);
+    {
+        AutoBindKSFrameBuffer outer(handles[1]);
+        EXPECT_EQ(BoundFrameBuffer(), handles[1]);
+        {
+            AutoBindKSFrameBuffer inner(handles[2]);
+            EXPECT_EQ(BoundFrameBuffer(), handles[2]);
+            {
+                AutoBindKSFrameBuffer none(nullptr);
+                EXPECT_EQ(BoundFrameBuffer(), nullptr);
+            }
+            EXPECT_EQ(BoundFrameBuffer(), handles[2]);
+        }
+        EXPECT_EQ(BoundFrameBuffer(), handles[1]);
+    }
+    EXPECT_EQ(BoundFrameBuffer(), handles[0]);
+    ksDeleteFramebuffers(3, handles);
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, FrameBufferClearGivesEachAttachmentItsOwnColour)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    IKSFrameBufferAttachment* first = Create(frameBuffer, 0, Att::kBM_Mode0, false, {1, 0, 0, 1});
+    IKSFrameBufferAttachment* third =
+        Create(frameBuffer, 2, Att::kBM_Mode2, false, {0, 0, 1, 0.5f});
+    CallLog log;
+    frameBuffer.Clear();
+    const std::string handle = Describe(frameBuffer.GetKSFrameBuffer());
+    EXPECT_EQ(log.Calls(), (Calls{"ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, ptr)",
+                                  "ksBindFramebuffer(KS_FRAMEBUFFER, " + handle + ")",
+                                  "ksClearColor(1, 0, 0, 1)", "ksClear(KS_COLOR_ATTACHMENT0_BIT)",
+                                  "ksClearColor(0, 0, 1, 0.5)", "ksClear(131072)",
+                                  "ksBindFramebuffer(KS_FRAMEBUFFER, null)"}));
+    EXPECT_EQ(FirstPixel(first), (Color4f{1, 0, 0, 1}));
+    EXPECT_EQ(FirstPixel(third), (Color4f{0, 0, 1, 0.5f}));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, TwoAttachmentsAtOneIndexShareItsPoint)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    IKSFrameBufferAttachment* older = Create(frameBuffer, 1, Att::kBM_Mode0, false, {1, 1, 1, 1});
+    IKSFrameBufferAttachment* newer = Create(frameBuffer, 1, Att::kBM_Mode0, false, {2, 2, 2, 2});
+    {
+        // Both are cleared, each with its colour, but the point has only the
+        // newer texture: the last colour is what it holds.
+        CallLog log;
+        frameBuffer.ClearAttachment(1);
+        EXPECT_EQ(log.CallsOf("ksClearColor"),
+                  (Calls{"ksClearColor(1, 1, 1, 1)", "ksClearColor(2, 2, 2, 2)"}));
+        EXPECT_EQ(log.CallsOf("ksClear"), (Calls{"ksClear(65536)", "ksClear(65536)"}));
+        EXPECT_EQ(FirstPixel(newer), (Color4f{2, 2, 2, 2}));
+    }
+
+    CallLog log;
+    EXPECT_TRUE(frameBuffer.DestroyAttachment(older));
+    EXPECT_EQ(log.CallsOf("ksFramebufferTexture2D"),
+              Calls{"ksFramebufferTexture2D(KS_FRAMEBUFFER, 36065, KS_TEXTURE_2D, null, 0)"});
+    log.Clear();
+    frameBuffer.Bind();
+    EXPECT_EQ(log.CallsOf("ksFramebufferTexture2D"),
+              Calls{"ksFramebufferTexture2D(KS_FRAMEBUFFER, 36065, KS_TEXTURE_2D, " +
+                    Describe(newer->GetKSTexture()) + ", 0)"})
+        << "Bind sets the survivor again";
+    EXPECT_FALSE(frameBuffer.DestroyAttachment(nullptr));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, CreateAttachmentFailureSpeaksOnTheProcessConsole)
+{
+    struct Case
+    {
+        const char* why;
+        bool init;
+        Att::eFormat format;
+        Att::eDataType dataType;
+    };
+    const Case cases[] = {
+        {"before Init", false, Att::kF_RGBA, Att::kDT_Float},
+        {"RGB", true, Att::kF_RGB, Att::kDT_Float},
+        {"unsigned short", true, Att::kF_RGBA, Att::kDT_UnsignedShort},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.why);
+        RecordingConsole processConsole;
+        AutoInstallConsole installed(&processConsole);
+        KSFrameBuffer frameBuffer(_pContext);
+        if (c.init)
+        {
+            ASSERT_TRUE(frameBuffer.Init(4, 4));
+        }
+        EXPECT_EQ(
+            frameBuffer.CreateAttachment(0, c.format, c.dataType, false, Att::kBM_Mode0, Color4f{}),
+            nullptr);
+        const ConsoleCall message{kCCK_Print, "KSFramebuffer attachment failed to initialize"};
+        EXPECT_EQ(processConsole.Calls(), std::vector<ConsoleCall>{message});
+        CallLog log;
+        frameBuffer.Clear();
+        EXPECT_EQ(log.CallsOf("ksClear"), Calls{}) << "nothing was added";
+    }
+    EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{}) << "not the context's console";
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, AttachmentParametersFollowBlendModeAndFilter)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    struct Case
+    {
+        Att::eBlendMode mode;
+        bool filtered;
+        const char* blendName;
+    };
+    // The last one is made after the filter.
+    const Case cases[] = {
+        {Att::kBM_Mode0, true, "KS_BLEND_MODE_0"}, {Att::kBM_Accumulated, false, "KS_BLEND_MODE_1"},
+        {Att::kBM_Mode2, true, "KS_BLEND_MODE_2"}, {Att::kBM_Mode3, false, "KS_BLEND_MODE_3"},
+        {Att::kBM_Mode0, true, "KS_BLEND_MODE_0"},
+    };
+    // Kestrel's parameter calls for attachments `first` to `last`, in order.
+    auto expected = [&](int first, int last, bool tableExists)
+    {
+        Calls calls;
+        for (int i = first; i <= last; ++i)
+        {
+            const std::string head = "ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, " +
+                                     Point(i) + ", KS_ATTACHMENT_";
+            calls.push_back(head + "FILTER, " + (cases[i].filtered && tableExists ? "1)" : "0)"));
+            calls.push_back(head + "BLEND_MODE, " + cases[i].blendName + ")");
+        }
+        return calls;
+    };
+    CallLog log;
+    for (int i = 0; i < 4; ++i)
+        ASSERT_NE(Create(frameBuffer, i, cases[i].mode, cases[i].filtered), nullptr);
+    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(0, 3, false));
+
+    RecordingFilter filter(0.5f);
+    log.Clear();
+    ASSERT_TRUE(frameBuffer.SetFilter(&filter));
+    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(0, 3, true));
+
+    log.Clear();
+    ASSERT_NE(Create(frameBuffer, 4, cases[4].mode, cases[4].filtered), nullptr);
+    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(4, 4, true))
+        << "filtered as soon as it exists";
+
+    log.Clear();
+    ASSERT_TRUE(frameBuffer.SetFilter(nullptr));
+    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(0, 4, false));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, FilterTableSamplesRowAfterRowUpToKestrelsLimit)
+{
+    struct Case
+    {
+        int limit;
+        float size;
+        int n;
+    };
+    const Case cases[] = {
+        {64, 0.5f, 4},  {64, 1.0f, 8},  {64, 1.3f, 10}, {64, 2.0f, 16},
+        {64, 4.0f, 32}, {16, 2.0f, 16}, {16, 4.0f, 16},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(::testing::Message() << "size " << c.size << ", limit " << c.limit);
+        const long long attributes[] = {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, c.limit, 0};
+        IKestrelContext* context =
+            _pManager->CreateKestrelContext(&_console, false, false, attributes);
+        ASSERT_TRUE(_pManager->SetCurrentKestrelContext(context));
+        {
+            KSFrameBuffer frameBuffer(context);
+            ASSERT_TRUE(frameBuffer.Init(1, 1));
+            RecordingFilter filter(c.size);
+            ASSERT_TRUE(frameBuffer.SetFilter(&filter));
+            const auto n = static_cast<std::size_t>(c.n);
+            ASSERT_EQ(frameBuffer.GetFilterTableSize(), n);
+            ASSERT_EQ(filter.samples.size(), n * n);
+            const float step = c.size / static_cast<float>(c.n);
+            for (std::size_t k = 0; k < n * n; ++k)
+            {
+                EXPECT_FLOAT_EQ(filter.samples[k].first, static_cast<float>(k % n) * step);
+                EXPECT_FLOAT_EQ(filter.samples[k].second, static_cast<float>(k / n) * step);
+                EXPECT_LT(filter.samples[k].first, c.size);
+                EXPECT_EQ(frameBuffer.GetFilterTable()[k], static_cast<float>(k));
+            }
+            int sent = 0;
+            ksGetIntegerv(KS_FILTER_TABLE_SIZE, &sent);
+            EXPECT_EQ(sent, c.n);
+            EXPECT_NO_KS_ERROR();
+        }
+        _pManager->DestroyKestrelContext(context);
+        ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
+    }
+}
+
+TEST_F(WrapperFixture, RefusedOrRemovedFilterLeavesTheNeutralOne)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    CallLog log;
+    EXPECT_TRUE(frameBuffer.SetFilter(nullptr)) << "never had one";
+    const Calls neutral = {"ksFrameParameter1f(KS_FILTER_SIZE, 1)",
+                           "ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)",
+                           "ksFrameParameterfv(KS_FILTER_TABLE, ptr)"};
+    EXPECT_EQ(log.Calls(), neutral);
+
+    RecordingFilter wide(1.0f);
+    RecordingFilter tooSmall(0.49f);
+    ASSERT_TRUE(frameBuffer.SetFilter(&wide));
+    log.Clear();
+    EXPECT_FALSE(frameBuffer.SetFilter(&tooSmall));
+    EXPECT_EQ(log.Calls(), Calls{});
+    EXPECT_TRUE(tooSmall.samples.empty());
+    EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr) << "the earlier table is gone";
+    EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
+    frameBuffer.Bind();
+    const Calls bindCalls = log.Calls();
+    ASSERT_FALSE(bindCalls.empty());
+    EXPECT_EQ((Calls{bindCalls.begin() + 1, bindCalls.end()}), neutral);
+
+    // The filter is Kestrel's frame state: the last Bind decides.
+    KSFrameBuffer narrow(_pContext);
+    ASSERT_TRUE(narrow.Init(2, 2));
+    RecordingFilter half(0.5f);
+    ASSERT_TRUE(narrow.SetFilter(&half));
+    ASSERT_TRUE(frameBuffer.SetFilter(&wide));
+    for (KSFrameBuffer* bound : {&narrow, &frameBuffer, &narrow})
+    {
+        bound->Bind();
+        int sent = 0;
+        ksGetIntegerv(KS_FILTER_TABLE_SIZE, &sent);
+        EXPECT_EQ(sent, bound == &narrow ? 4 : 8);
+    }
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, BindAndSetFilterGiveBackOneHoldOfTheCaller)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    IKSFrameBufferAttachment* attachment = Create(frameBuffer, 0);
+    RecordingFilter filter(1.0f);
+    RecordingFilter tooSmall(0.25f);
+    const std::tuple<const char*, std::function<void()>, bool> cases[] = {
+        {"Bind", [&] { frameBuffer.Bind(); }, true},
+        {"SetFilter", [&] { frameBuffer.SetFilter(&filter); }, true},
+        {"SetFilter(null)", [&] { frameBuffer.SetFilter(nullptr); }, true},
+        {"refused SetFilter", [&] { frameBuffer.SetFilter(&tooSmall); }, false},
+    };
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(std::get<0>(c));
+        ASSERT_TRUE(attachment->Lock(0));
+        std::get<1>(c)();
+        EXPECT_EQ(LockFromOtherThread(attachment), std::get<2>(c));
+        if (!std::get<2>(c))
+            attachment->UnLock();
+    }
+    // Unlocking a lock nobody holds changes nothing either.
+    frameBuffer.Bind();
+    EXPECT_TRUE(LockFromOtherThread(attachment));
+    EXPECT_NO_KS_ERROR();
+}
+
+TEST_F(WrapperFixture, FrameBufferResizeCarriesEveryAttachment)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    EXPECT_TRUE(frameBuffer.Resize(6, 3)) << "no attachments yet";
+    IKSFrameBufferAttachment* attachments[] = {Create(frameBuffer, 0),
+                                               Create(frameBuffer, 1, Att::kBM_Accumulated)};
+    auto sizes = [&]
+    {
+        std::vector<std::pair<int, int>> found;
+        for (IKSFrameBufferAttachment* attachment : attachments)
+        {
+            Kestrel::Testing::TextureRecord record;
+            Kestrel::Testing::ReadTexture(attachment->GetKSTexture(), 0, &record);
+            found.emplace_back(record.width, record.height);
+        }
+        return found;
+    };
+    using Sizes = std::vector<std::pair<int, int>>;
+    EXPECT_EQ(sizes(), (Sizes{{6, 3}, {6, 3}})) << "made at the size stored";
+
+    // Storage refused: the attachments keep their recorded size without
+    // storage, and only another size brings it back.
+    EXPECT_FALSE(frameBuffer.Resize(16384, 8192));
+    EXPECT_TRUE(frameBuffer.Resize(6, 3));
+    for (IKSFrameBufferAttachment* attachment : attachments)
+        EXPECT_EQ(attachment->GetClientBuffer(), nullptr);
+    EXPECT_TRUE(frameBuffer.Resize(7, 2));
+    EXPECT_EQ(sizes(), (Sizes{{7, 2}, {7, 2}}));
+    for (IKSFrameBufferAttachment* attachment : attachments)
+        EXPECT_NE(attachment->GetClientBuffer(), nullptr);
+    EXPECT_NO_KS_ERROR();
+}
