@@ -2,6 +2,7 @@
 
 option(VIREO_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" ON)
 set(VIREO_SANITIZE "" CACHE STRING "Sanitizers to build with: '', 'address;undefined' or 'thread'")
+option(VIREO_FUZZ "Build the fuzz targets (Clang only); the libraries get coverage for libFuzzer" OFF)
 
 add_library(VireoCompileOptions INTERFACE)
 target_compile_options(VireoCompileOptions INTERFACE
@@ -13,6 +14,13 @@ if(VIREO_SANITIZE)
     target_compile_options(VireoCompileOptions INTERFACE
         -fsanitize=${_vireo_sanitizers} -fno-omit-frame-pointer -fno-sanitize-recover=all)
     target_link_options(VireoCompileOptions INTERFACE -fsanitize=${_vireo_sanitizers})
+endif()
+
+if(VIREO_FUZZ)
+    if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+        message(FATAL_ERROR "VIREO_FUZZ needs Clang")
+    endif()
+    target_compile_options(VireoCompileOptions INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
 # Applies the project's options and the generated-header directory to a target.
