@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev
-          libgtest-dev libgmock-dev libbenchmark-dev libpng-dev)
+          libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
+          libembree-dev libtbb-dev libcli11-dev libtinyexr-dev)
 
 missing=()
 for p in "${packages[@]}"; do

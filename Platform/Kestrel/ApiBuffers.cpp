@@ -106,7 +106,15 @@ void ksDeleteBuffers(int count, _KSbuffer** buffers)
         auto unblock = [id](PrimitiveObject& primitive)
         {
             for (auto it = primitive._blocks.begin(); it != primitive._blocks.end();)
-                it = it->second == id ? primitive._blocks.erase(it) : std::next(it);
+            {
+                if (it->second != id)
+                {
+                    ++it;
+                    continue;
+                }
+                it = primitive._blocks.erase(it);
+                ++primitive._nRevision;
+            }
         };
         context._primitives.ForEach(unblock);
         unblock(context._framePrimitive);
@@ -171,6 +179,7 @@ void ksBufferData(int target, unsigned long long size, const void* data, int usa
     }
     buffer->_storage = std::move(storage);
     buffer->_eUsage = usage;
+    ++buffer->_nRevision;
 }
 
 void* ksMapBuffer(int target, int access)
@@ -197,6 +206,7 @@ void* ksMapBuffer(int target, int access)
         return nullptr;
     }
     buffer->_bMapped = true;
+    ++buffer->_nRevision;
     return buffer->_storage.Data();
 }
 
@@ -207,7 +217,11 @@ void ksUnmapBuffer(int target)
         return;
     // Unmapping what is not mapped is harmless: hosts close failed maps too.
     if (BufferObject* buffer = BoundBuffer(call, target))
+    {
+        if (buffer->_bMapped)
+            ++buffer->_nRevision;
         buffer->_bMapped = false;
+    }
 }
 
 void ksGetBufferParameterString(int target, int name, const char** value)

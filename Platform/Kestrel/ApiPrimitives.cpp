@@ -68,6 +68,7 @@ void StoreUniform(ApiCall& call, int location, UniformValue value)
     try
     {
         primitive._uniforms[location] = std::move(value);
+        ++primitive._nRevision;
     }
     catch (const std::bad_alloc&)
     {
@@ -303,7 +304,9 @@ void ksUseProgram(_KSprogram* program)
     const Id id = IdOf(program);
     if (id != 0 && !call.Use(call.Ctx()._programs, kOK_Program, id))
         return;
-    call.Ctx().BoundPrimitive()._nProgram = id;
+    PrimitiveObject& primitive = call.Ctx().BoundPrimitive();
+    primitive._nProgram = id;
+    ++primitive._nRevision;
 }
 
 // ---------------------------------------------------------------------------
@@ -398,9 +401,10 @@ void ksUniformBlockBuffer(int index, _KSbuffer* buffer)
     const Id id = IdOf(buffer);
     if (!call.CheckBindable(kOK_Buffer, id))
         return;
-    auto& blocks = call.Ctx().BoundPrimitive()._blocks;
+    PrimitiveObject& primitive = call.Ctx().BoundPrimitive();
     if (id == 0)
-        blocks.erase(index);
+        primitive._blocks.erase(index);
     else
-        blocks[index] = id;
+        primitive._blocks[index] = id;
+    ++primitive._nRevision;
 }

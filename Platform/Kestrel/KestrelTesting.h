@@ -198,6 +198,12 @@ struct TextureRecord
 };
 KESTREL_EXPORT bool ReadTexture(_KStexture* texture, int level, TextureRecord* record);
 
+// How many times the current context has built its scene for a frame;
+// false when no context is current. A frame whose primitives, programs,
+// uniforms, block buffers and textures are as the last frame saw them
+// reuses the last scene and builds nothing.
+KESTREL_EXPORT bool CountSceneBuilds(long long* builds);
+
 // Makes ksGetString(name) answer `text` (copied; null makes it answer null)
 // until the override is removed, so that tests can present other versions.
 KESTREL_EXPORT void OverrideString(int name, const char* text);

@@ -173,6 +173,20 @@ void EncodePixel(int format, int type, const float rgba[4], unsigned char* pixel
         EncodeChannel(*entry, rgba[c], pixel + c * entry->_nBytes);
 }
 
+void DecodePixel(int format, int type, const unsigned char* pixel, float rgba[4])
+{
+    rgba[0] = rgba[1] = rgba[2] = 0.0f;
+    rgba[3] = 1.0f;
+    const PixelType* entry = FindType(type);
+    const int channels = ChannelCount(format);
+    if (!entry || channels == 0)
+        return;
+    for (int c = 0; c < channels; ++c)
+        rgba[c] = static_cast<float>(DecodeChannel(*entry, pixel + c * entry->_nBytes));
+    if (channels == 1)
+        rgba[1] = rgba[2] = rgba[0];
+}
+
 void FillPixels(unsigned char* data, std::size_t pixelCount, const unsigned char* pixel,
                 std::size_t pixelBytes)
 {

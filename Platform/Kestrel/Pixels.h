@@ -27,6 +27,11 @@ bool ImageBytes(int width, int height, int format, int type, std::size_t* bytes)
 // and rounded. `pixel` must hold ChannelCount * ChannelBytes bytes.
 void EncodePixel(int format, int type, const float rgba[4], unsigned char* pixel);
 
+// The RGBA colour of one pixel of `format`/`type`, the inverse of
+// EncodePixel up to rounding: normalized types map back to [0, 1] or
+// [-1, 1]; luminance fills red, green and blue; a missing alpha is 1.
+void DecodePixel(int format, int type, const unsigned char* pixel, float rgba[4]);
+
 // Repeats one pixel of `pixelBytes` over `pixelCount` pixels.
 void FillPixels(unsigned char* data, std::size_t pixelCount, const unsigned char* pixel,
                 std::size_t pixelBytes);

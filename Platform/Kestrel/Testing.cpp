@@ -488,6 +488,18 @@ bool ReadPrimitive(KSprimitive primitive, PrimitiveRecord* record)
         });
 }
 
+bool CountSceneBuilds(long long* builds)
+{
+    return WithCurrentContext(
+        [&](Context& context)
+        {
+            if (!builds)
+                return false;
+            *builds = context._nSceneBuilds;
+            return true;
+        });
+}
+
 bool ReadTexture(_KStexture* texture, int level, TextureRecord* record)
 {
     return WithCurrentContext(
