@@ -1,0 +1,56 @@
+// The demo's built-in scenes, built through the wrapper alone: shaders and
+// programs of the shading language, primitives with their uniforms, a mesh
+// in a buffer and a texture.
+#ifndef VIREO_EXAMPLES_RENDER_SCENE_H
+#define VIREO_EXAMPLES_RENDER_SCENE_H
+
+#include "KestrelWrapper/VireoKestrelWrapper.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace VireoRender
+{
+
+// Everything a scene made through one context, given back to it on
+// destruction in reverse order of making.
+class Scene
+{
+public:
+    explicit Scene(Vireo::IKestrelContext* context) : _pContext(context) {}
+    ~Scene();
+    Scene(const Scene&) = delete;
+    Scene& operator=(const Scene&) = delete;
+
+    // Builds the named scene; false with `error` set when that fails.
+    bool Build(const std::string& name, std::string* error);
+
+    static std::vector<std::string> Names();
+
+private:
+    // One shader of `type` from `source`; null with `error` set on failure.
+    Vireo::IKSShader* _Shader(Vireo::IKSShader::Type type, const std::string& source,
+                              std::string* error);
+    // A linked program of the given shaders; null with `error` on failure.
+    Vireo::IKSProgram* _Program(std::initializer_list<Vireo::IKSShader*> shaders,
+                                std::string* error);
+    // A primitive that draws with `program`.
+    Vireo::IKSPrimitive* _Primitive(Vireo::IKSProgram* program, const std::string& name);
+    bool _BuildRoom(std::string* error);
+    bool _BuildSpheres(std::string* error);
+    bool _Frame(Vireo::IKSProgram* program, const Vireo::Vector3f& eye,
+                const Vireo::Vector3f& target, float fov, std::string* error);
+
+    Vireo::IKestrelContext* _pContext;
+    std::vector<Vireo::IKSShader*> _shaders;
+    std::vector<Vireo::IKSProgram*> _programs;
+    std::vector<Vireo::IKSPrimitive*> _primitives;
+    std::vector<Vireo::IKSBuffer*> _buffers;
+    std::vector<Vireo::IKSTexImage2D*> _textures;
+    std::vector<unsigned char> _textureTexels;
+};
+
+} // namespace VireoRender
+
+#endif // VIREO_EXAMPLES_RENDER_SCENE_H

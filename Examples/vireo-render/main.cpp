@@ -1,0 +1,277 @@
+// vireo-render: renders one of the built-in scenes through the wrapper and
+// writes a PNG (and, on request, an OpenEXR file of the float radiance).
+//
+//   vireo-render --size 640x480 --passes 64 --output room.png
+//
+// Radiance goes to a filtered attachment in blend mode 2, so Kestrel adds up
+// the passes and the image is that sum over the pass count. Visibility goes
+// to an attachment in blend mode 1, whose sum the wrapper keeps. Ctrl-C
+// stops the frame in flight; what has been accumulated is still written.
+#include "ImageOutput.h"
+#include "Progress.h"
+#include "Scene.h"
+
+#include "KestrelWrapper/VireoKestrelWrapper.h"
+
+#include <CLI/CLI.hpp>
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <thread>
+
+using namespace Vireo;
+
+namespace
+{
+
+struct Options
+{
+    int width = 640;
+    int height = 480;
+    int passes = 64;
+    int threads = 0; // 0: one per core
+    float exposure = 1.0f;
+    std::string scene = "room";
+    std::string output = "vireo-render.png";
+    std::string exr;
+    std::string visibility;
+};
+
+// A Gaussian of standard deviation 0.5 pixel over a 2 × 2 pixel square; the
+// square's corner is the filter's origin, so the peak sits at its centre.
+class GaussianFilter : public IKSFrameBufferFilter
+{
+public:
+    float GetFilterSize() override { return kSize; }
+    float Sample(float x, float y) override
+    {
+        const float dx = x - kSize * 0.5f, dy = y - kSize * 0.5f;
+        return std::exp(-(dx * dx + dy * dy) / (2.0f * kSigma * kSigma));
+    }
+
+private:
+    static constexpr float kSize = 2.0f;
+    static constexpr float kSigma = 0.5f;
+};
+
+// Ctrl-C arrives here, on a thread of its own, rather than in a signal
+// handler: stopping a frame is not something a handler may do.
+class InterruptWatcher
+{
+public:
+    InterruptWatcher()
+    {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &set, nullptr); // inherited by every later thread
+        _thread = std::thread(
+            [this, set]()
+            {
+                int signal = 0;
+                while (sigwait(&set, &signal) == 0 && !_bDone.load())
+                {
+                    _bInterrupted.store(true);
+                    if (IKestrelContext* context = _pContext.load())
+                        context->Stop();
+                }
+            });
+    }
+
+    ~InterruptWatcher()
+    {
+        _bDone.store(true);
+        pthread_kill(_thread.native_handle(), SIGINT);
+        _thread.join();
+    }
+
+    InterruptWatcher(const InterruptWatcher&) = delete;
+    InterruptWatcher& operator=(const InterruptWatcher&) = delete;
+
+    void Watch(IKestrelContext* context) { _pContext.store(context); }
+    bool Interrupted() const { return _bInterrupted.load(); }
+
+private:
+    std::atomic<IKestrelContext*> _pContext{nullptr};
+    std::atomic<bool> _bInterrupted{false};
+    std::atomic<bool> _bDone{false};
+    std::thread _thread;
+};
+
+// Copies an attachment's pixels out under its lock, scaled by `scale`.
+// `complement`: 1 − value instead, for the summed occlusion of visibility.
+VireoRender::RadianceImage ReadAttachment(IKSFrameBufferAttachment* attachment, int width,
+                                          int height, float scale, bool complement)
+{
+    VireoRender::RadianceImage image;
+    image.width = width;
+    image.height = height;
+    image.rgba.resize(static_cast<std::size_t>(width) * height * 4);
+    attachment->Lock(~0ul);
+    const auto* pixels = reinterpret_cast<const float*>(attachment->GetClientBuffer());
+    if (pixels != nullptr)
+    {
+        // Kestrel's rows run bottom to top; images run top to bottom.
+        const std::size_t row = static_cast<std::size_t>(width) * 4;
+        for (int y = 0; y < height; ++y)
+        {
+            const float* from = pixels + static_cast<std::size_t>(height - 1 - y) * row;
+            float* to = image.rgba.data() + static_cast<std::size_t>(y) * row;
+            for (std::size_t i = 0; i < row; ++i)
+                to[i] = complement ? 1.0f - from[i] * scale : from[i] * scale;
+        }
+    }
+    attachment->UnLock();
+    return image;
+}
+
+bool ParseSize(const std::string& text, int* width, int* height)
+{
+    int w = 0, h = 0;
+    char tail = 0;
+    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w <= 0 || h <= 0 || w > 16384 ||
+        h > 16384)
+        return false;
+    *width = w;
+    *height = h;
+    return true;
+}
+
+int Render(const Options& options, InterruptWatcher& watcher)
+{
+    IMgrConsole* console = GetMgrConsole();
+    IMgrKestrel* manager = GetMgrKestrel();
+    const long long attributes[] = {KS_CONTEXT_RENDER_THREADS, options.threads, 0};
+    IKestrelContext* context = manager->CreateKestrelContext(console, false, true, attributes);
+    if (context == nullptr || !manager->SetCurrentKestrelContext(context))
+    {
+        std::fprintf(stderr, "vireo-render: no Kestrel context\n");
+        if (context != nullptr)
+            manager->DestroyKestrelContext(context);
+        return 1;
+    }
+    std::printf("%s, %dx%d, %d passes, scene '%s'\n", context->GetKSVersionString(), options.width,
+                options.height, options.passes, options.scene.c_str());
+
+    int status = 0;
+    {
+        VireoRender::Scene scene(context);
+        std::string error;
+        IKSFrameBuffer* frameBuffer = context->CreateIKSFrameBuffer();
+        IKSFrameBufferAttachment* radiance = nullptr;
+        IKSFrameBufferAttachment* visibility = nullptr;
+        GaussianFilter filter;
+        if (!scene.Build(options.scene, &error))
+        {
+            std::fprintf(stderr, "vireo-render: %s\n", error.c_str());
+            status = 1;
+        }
+        else if (!frameBuffer->Init(options.width, options.height) ||
+                 (radiance = frameBuffer->CreateAttachment(
+                      0, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float,
+                      true, IKSFrameBufferAttachment::kBM_Mode2, Color4f{0, 0, 0, 0})) == nullptr ||
+                 (visibility = frameBuffer->CreateAttachment(
+                      1, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float,
+                      false, IKSFrameBufferAttachment::kBM_Accumulated, Color4f{1, 1, 1, 1})) ==
+                     nullptr ||
+                 !frameBuffer->SetFilter(&filter) || !frameBuffer->Bind())
+        {
+            std::fprintf(stderr, "vireo-render: the frame buffer was refused\n");
+            status = 1;
+        }
+        else
+        {
+            frameBuffer->Clear();
+            watcher.Watch(context);
+            VireoRender::Progress progress(options.passes, stdout);
+            int rendered = 0;
+            for (int pass = 0; pass < options.passes && !watcher.Interrupted(); ++pass)
+            {
+                const IKestrelContext::KSRenderFrameStatus frame = context->RenderFrame();
+                if (frame == IKestrelContext::kRFS_Failed)
+                {
+                    status = 1;
+                    break;
+                }
+                ++rendered; // a stopped pass has still added its finished tiles
+                radiance->NotifyPassCompleted();
+                visibility->NotifyPassCompleted();
+                IKestrelContext::KSRenderFrameStatistics statistics = {};
+                context->GetKSStatistics(statistics);
+                progress.PassDone(rendered, statistics.doubleStatistic2 * 1e6);
+                if (frame == IKestrelContext::kRFS_Stopped)
+                    break;
+            }
+            progress.Finish();
+            watcher.Watch(nullptr);
+            if (watcher.Interrupted())
+                std::printf("interrupted after %d passes: writing what there is\n", rendered);
+
+            if (rendered > 0)
+            {
+                const float scale = 1.0f / static_cast<float>(rendered);
+                const VireoRender::RadianceImage image =
+                    ReadAttachment(radiance, options.width, options.height, scale, false);
+                std::string failure =
+                    VireoRender::WritePng(image, options.exposure, options.output);
+                if (failure.empty() && !options.exr.empty())
+                    failure = VireoRender::WriteExr(image, options.exr);
+                if (failure.empty() && !options.visibility.empty())
+                    failure = VireoRender::WritePng(
+                        ReadAttachment(visibility, options.width, options.height, scale, true),
+                        1.0f, options.visibility);
+                if (!failure.empty())
+                {
+                    std::fprintf(stderr, "vireo-render: %s\n", failure.c_str());
+                    status = 1;
+                }
+                else
+                {
+                    std::printf("wrote %s\n", options.output.c_str());
+                }
+            }
+        }
+        context->DestroyIKSFrameBuffer(frameBuffer);
+    }
+    manager->DestroyKestrelContext(context);
+    return status;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    std::string size = "640x480";
+    CLI::App app{"Renders a built-in scene through VireoKestrelWrapper."};
+    app.add_option("-s,--size", size, "image size, WIDTHxHEIGHT")->capture_default_str();
+    app.add_option("-p,--passes", options.passes, "samples per pixel")
+        ->check(CLI::Range(1, 1 << 20))
+        ->capture_default_str();
+    app.add_option("-t,--threads", options.threads, "render threads, 0 for one per core")
+        ->check(CLI::Range(0, 1024))
+        ->capture_default_str();
+    app.add_option("--scene", options.scene, "scene to render")
+        ->check(CLI::IsMember(VireoRender::Scene::Names()))
+        ->capture_default_str();
+    app.add_option("-o,--output", options.output, "PNG file of the tone-mapped image")
+        ->capture_default_str();
+    app.add_option("--exr", options.exr, "OpenEXR file of the float radiance");
+    app.add_option("--visibility", options.visibility, "PNG file of the summed visibility");
+    app.add_option("--exposure", options.exposure, "exposure before tone mapping")
+        ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    CLI11_PARSE(app, argc, argv);
+    if (!ParseSize(size, &options.width, &options.height))
+    {
+        std::fprintf(stderr, "vireo-render: size '%s' is not WIDTHxHEIGHT\n", size.c_str());
+        return 2;
+    }
+    InterruptWatcher watcher;
+    return Render(options, watcher);
+}
