@@ -47,9 +47,14 @@ bool CheckUniformCall(ApiCall& call, int location, long long count, const void* 
     return true;
 }
 
-// Stores a checked value on the bound primitive, unless the primitive's
-// program declares the location with another type.
-void StoreUniform(ApiCall& call, int location, UniformValue value)
+// Writes a checked value of `type` into its slot on the bound primitive,
+// unless the primitive's program declares the location with another type.
+// `fill(std::vector<T>&)` fills one of the slot's vectors; the slot's
+// storage is reused when it is large enough, so a host that sets the same
+// uniform every frame makes no allocation here. On failure the old value
+// stays as it was.
+template <class Fill>
+void StoreUniform(ApiCall& call, int location, UniformType type, long long count, Fill fill)
 {
     Context& context = call.Ctx();
     PrimitiveObject& primitive = context.BoundPrimitive();
@@ -57,23 +62,43 @@ void StoreUniform(ApiCall& call, int location, UniformValue value)
     {
         const auto& declared = program->_linked._uniforms;
         if (static_cast<std::size_t>(location) < declared.size() &&
-            declared[static_cast<std::size_t>(location)]._eType != value._eType)
+            declared[static_cast<std::size_t>(location)]._eType != type)
         {
             call.Raise(KS_INVALID_OPERATION, "location %d is a %s, not a %s", location,
                        UniformTypeName(declared[static_cast<std::size_t>(location)]._eType),
-                       UniformTypeName(value._eType));
+                       UniformTypeName(type));
             return;
         }
     }
+    const bool existed = primitive._uniforms.count(location) != 0;
     try
     {
-        primitive._uniforms[location] = std::move(value);
+        UniformValue& slot = primitive._uniforms[location];
+        fill(slot);
+        slot._eType = type;
+        slot._nCount = count;
         ++primitive._nRevision;
     }
     catch (const std::bad_alloc&)
     {
+        if (!existed)
+            primitive._uniforms.erase(location);
         call.Raise(KS_OUT_OF_MEMORY, "no memory for the value");
     }
+}
+
+// Replaces `target` with `n` values from `first`, in place when it has room;
+// otherwise through a fresh vector, so that a failed allocation leaves it whole.
+template <class T, class U>
+void Refill(std::vector<T>& target, const U* first, std::size_t n)
+{
+    if (target.capacity() >= n)
+    {
+        target.assign(first, first + n);
+        return;
+    }
+    std::vector<T> fresh(first, first + n);
+    target.swap(fresh);
 }
 
 void SetFloats(ApiCall& call, int location, long long count, const float* values, UniformType type,
@@ -89,32 +114,25 @@ void SetFloats(ApiCall& call, int location, long long count, const float* values
     }
     if (!CheckUniformCall(call, location, count, values, type, &elements))
         return;
-    UniformValue value;
-    value._eType = type;
-    value._nCount = count;
-    try
-    {
-        value._floats.assign(values, values + elements);
-    }
-    catch (const std::bad_alloc&)
-    {
-        call.Raise(KS_OUT_OF_MEMORY, "no memory for the value");
-        return;
-    }
-    if (transpose == 1)
-    {
-        // Kept column-major, whichever way the host hands matrices over.
-        const int n = type == kUT_Mat3 ? 3 : 4;
-        for (long long m = 0; m < count; ++m)
-        {
-            float* matrix = value._floats.data() + m * n * n;
-            const float* source = values + m * n * n;
-            for (int row = 0; row < n; ++row)
-                for (int column = 0; column < n; ++column)
-                    matrix[column * n + row] = source[row * n + column];
-        }
-    }
-    StoreUniform(call, location, std::move(value));
+    StoreUniform(call, location, type, count,
+                 [&](UniformValue& slot)
+                 {
+                     Refill(slot._floats, values, elements);
+                     slot._ints.clear();
+                     slot._handles.clear();
+                     if (transpose != 1)
+                         return;
+                     // Kept column-major, whichever way the host hands matrices over.
+                     const int n = type == kUT_Mat3 ? 3 : 4;
+                     for (long long m = 0; m < count; ++m)
+                     {
+                         float* matrix = slot._floats.data() + m * n * n;
+                         const float* source = values + m * n * n;
+                         for (int row = 0; row < n; ++row)
+                             for (int column = 0; column < n; ++column)
+                                 matrix[column * n + row] = source[row * n + column];
+                     }
+                 });
 }
 
 void SetInts(ApiCall& call, int location, long long count, const int* values, UniformType type)
@@ -122,19 +140,13 @@ void SetInts(ApiCall& call, int location, long long count, const int* values, Un
     std::size_t elements = 0;
     if (!call.Proceed() || !CheckUniformCall(call, location, count, values, type, &elements))
         return;
-    UniformValue value;
-    value._eType = type;
-    value._nCount = count;
-    try
-    {
-        value._ints.assign(values, values + elements);
-    }
-    catch (const std::bad_alloc&)
-    {
-        call.Raise(KS_OUT_OF_MEMORY, "no memory for the value");
-        return;
-    }
-    StoreUniform(call, location, std::move(value));
+    StoreUniform(call, location, type, count,
+                 [&](UniformValue& slot)
+                 {
+                     Refill(slot._ints, values, elements);
+                     slot._floats.clear();
+                     slot._handles.clear();
+                 });
 }
 
 // Textures and primitives are kept as ids; each must be live (or none)
@@ -149,40 +161,43 @@ void SetHandles(ApiCall& call, int location, long long count, const Handle* valu
     if (!call.Proceed() || !CheckUniformCall(call, location, count, values, type, &elements))
         return;
     Context& context = call.Ctx();
-    UniformValue value;
-    value._eType = type;
-    value._nCount = count;
-    try
+    auto idOf = [](Handle handle)
     {
-        value._handles.reserve(elements);
-    }
-    catch (const std::bad_alloc&)
-    {
-        call.Raise(KS_OUT_OF_MEMORY, "no memory for the value");
-        return;
-    }
+        if constexpr (kPrimitives)
+            return static_cast<Id>(handle);
+        else
+            return IdOf(handle);
+    };
+    // Every handle is checked before the slot is touched.
     for (std::size_t i = 0; i < elements; ++i)
     {
-        Id id = 0;
+        const Id id = idOf(values[i]);
         bool live = false;
-        if constexpr (std::is_same_v<Handle, KSprimitive>)
-        {
-            id = static_cast<Id>(values[i]);
+        if constexpr (kPrimitives)
             live = context.FindPrimitive(id) != nullptr;
-        }
         else
-        {
-            id = IdOf(values[i]);
             live = id == 0 || context._textures.Contains(id);
-        }
         if (!live)
         {
             call.RaiseBadHandle(kind, id, context.StateOf(kind, id));
             return;
         }
-        value._handles.push_back(id);
     }
-    StoreUniform(call, location, std::move(value));
+    StoreUniform(call, location, type, count,
+                 [&](UniformValue& slot)
+                 {
+                     if (slot._handles.capacity() < elements)
+                     {
+                         std::vector<Id> fresh;
+                         fresh.reserve(elements);
+                         slot._handles.swap(fresh);
+                     }
+                     slot._handles.clear();
+                     for (std::size_t i = 0; i < elements; ++i)
+                         slot._handles.push_back(idOf(values[i]));
+                     slot._floats.clear();
+                     slot._ints.clear();
+                 });
 }
 
 } // namespace
