@@ -193,12 +193,21 @@ void FillPixels(unsigned char* data, std::size_t pixelCount, const unsigned char
     if (pixelCount == 0 || pixelBytes == 0)
         return;
     std::memcpy(data, pixel, pixelBytes);
-    // Double the filled run each time: few, long copies.
-    std::size_t filled = pixelBytes;
+    // Double the filled run up to a block that stays in cache, then copy that
+    // block along: long copies whose source is never read back from memory.
     const std::size_t total = pixelCount * pixelBytes;
+    const std::size_t block =
+        std::min(total, std::max<std::size_t>(1, 4096 / pixelBytes) * pixelBytes);
+    std::size_t filled = pixelBytes;
+    while (filled < block)
+    {
+        const std::size_t chunk = std::min(filled, block - filled);
+        std::memcpy(data + filled, data, chunk);
+        filled += chunk;
+    }
     while (filled < total)
     {
-        const std::size_t chunk = std::min(filled, total - filled);
+        const std::size_t chunk = std::min(block, total - filled);
         std::memcpy(data + filled, data, chunk);
         filled += chunk;
     }
