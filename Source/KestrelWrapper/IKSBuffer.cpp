@@ -67,6 +67,10 @@ int KSBuffer::UsageToKSEnum(Usage usage)
     };
     static_assert(sizeof(kUsages) / sizeof(kUsages[0]) == kUsage_StreamCopy + 1,
                   "one entry per usage");
+    // Outside the table there is nothing to read: 0 names no usage, and
+    // Kestrel refuses it with an error that the host can see.
+    if (usage < kUsage_StaticDraw || usage > kUsage_StreamCopy)
+        return 0;
     return kUsages[usage];
 }
 

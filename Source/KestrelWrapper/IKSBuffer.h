@@ -65,7 +65,7 @@ public:
     KSBuffer& operator=(const KSBuffer&) = default;
     ~KSBuffer();
 
-    // No range test: `usage` must be one of the nine values.
+    // A value outside the nine gives 0, which Kestrel refuses as a usage.
     static int UsageToKSEnum(Usage usage);
 
     bool Init(Usage usage, std::uint64_t size) override;

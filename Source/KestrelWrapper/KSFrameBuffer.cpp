@@ -268,7 +268,10 @@ bool KSFrameBuffer::_UpdateFilterTable(IKSFrameBufferFilter* filter)
 
 bool KSFrameBuffer::_UpdateFilter()
 {
-    if (_pFilterTable != nullptr)
+    // A table without entries (Kestrel's limit read as 0) goes as the neutral
+    // filter: Kestrel refuses a size of 0 and would read the table by the
+    // size it already holds.
+    if (_pFilterTable != nullptr && _nFilterTableSize != 0)
     {
         ksFrameParameter1f(KS_FILTER_SIZE, _fFilterSize);
         ksFrameParameter1i(KS_FILTER_TABLE_SIZE, static_cast<int>(_nFilterTableSize));

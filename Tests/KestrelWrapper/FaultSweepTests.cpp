@@ -1,1 +1,1143 @@
-// Placeholder: filled by the hardening change.
+// One sweep over the failures of Kestrel. Each row is a wrapper operation;
+// the call log of a clean run names the Kestrel functions it reaches, and
+// each of those is then made to fail in turn. Every case checks the
+// operation's result and its own messages, the binding slots it borrowed,
+// and that giving its objects back leaves no Kestrel object behind.
+#include "WrapperFixture.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+using namespace WrapperTest;
+using namespace Vireo;
+using Kestrel::Testing::CallLog;
+using Kestrel::Testing::CountContexts;
+using Kestrel::Testing::CountObjects;
+using Kestrel::Testing::Describe;
+using Kestrel::Testing::ObjectCounts;
+using Vireo::Testing::AutoInstallConsole;
+using Vireo::Testing::kCCK_PrintError;
+using Vireo::Testing::kCCK_PrintWarning;
+using Att = IKSFrameBufferAttachment;
+using Lines = std::vector<std::string>;
+
+namespace
+{
+
+std::string Format(const char* format, ...)
+{
+    char text[512];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text, sizeof(text), format, arguments);
+    va_end(arguments);
+    return text;
+}
+
+// --- How Kestrel fails --------------------------------------------------------
+
+// The error that a faulted function raises of its own accord: failures that
+// show in a status raise none, creation and mapping run out of memory.
+int NaturalError(const std::string& function)
+{
+    static const std::set<std::string> kSilent = {"ksCompileShader", "ksLinkProgram",
+                                                  "KestrelSetCurrentContext"};
+    static const std::set<std::string> kOutOfMemory = {
+        "KestrelCreateContext", "ksCreateShader", "ksCreateProgram", "ksGenPrimitives",
+        "ksGenBuffers",         "ksMapBuffer",    "ksGenTextures",   "ksGenFramebuffers"};
+    if (kSilent.count(function) != 0)
+        return KS_NO_ERROR;
+    return kOutOfMemory.count(function) != 0 ? KS_OUT_OF_MEMORY : KS_INVALID_OPERATION;
+}
+
+std::string FunctionOf(const std::string& call)
+{
+    return call.substr(0, call.find('('));
+}
+
+std::string FirstArgumentOf(const std::string& call)
+{
+    const std::size_t open = call.find('(') + 1;
+    return call.substr(open, call.find_first_of(",)", open) - open);
+}
+
+// A delete that fails leaves its object with Kestrel: the wrapper cannot
+// know, and forgets its handle all the same.
+int ObjectCounts::*KindDeletedBy(const std::string& function)
+{
+    static const std::map<std::string, int ObjectCounts::*> kKinds = {
+        {"ksDeleteShader", &ObjectCounts::shaders},
+        {"ksDeleteProgram", &ObjectCounts::programs},
+        {"ksDeletePrimitives", &ObjectCounts::primitives},
+        {"ksDeleteBuffers", &ObjectCounts::buffers},
+        {"ksDeleteTextures", &ObjectCounts::textures},
+        {"ksDeleteFramebuffers", &ObjectCounts::framebuffers},
+    };
+    const auto found = kKinds.find(function);
+    return found != kKinds.end() ? found->second : nullptr;
+}
+
+std::string CountsText(const ObjectCounts& counts)
+{
+    return Format("%d shaders, %d programs, %d primitives, %d buffers, %d textures, "
+                  "%d frame buffers",
+                  counts.shaders, counts.programs, counts.primitives, counts.buffers,
+                  counts.textures, counts.framebuffers);
+}
+
+// --- Binding slots ------------------------------------------------------------
+// Named by their binding query, as the call log writes the query's argument.
+
+struct BufferSlot
+{
+    const char* sQuery;
+    int nQuery;
+    int nTarget;
+};
+
+const BufferSlot kBufferSlots[] = {
+    {"KS_ARRAY_BUFFER_BINDING", KS_ARRAY_BUFFER_BINDING, KS_ARRAY_BUFFER},
+    {"KS_ELEMENT_ARRAY_BUFFER_BINDING", KS_ELEMENT_ARRAY_BUFFER_BINDING, KS_ELEMENT_ARRAY_BUFFER},
+    {"KS_PIXEL_PACK_BUFFER_BINDING", KS_PIXEL_PACK_BUFFER_BINDING, KS_PIXEL_PACK_BUFFER},
+    {"KS_PIXEL_UNPACK_BUFFER_BINDING", KS_PIXEL_UNPACK_BUFFER_BINDING, KS_PIXEL_UNPACK_BUFFER},
+    {"KS_UNIFORM_BLOCK_BUFFER_BINDING", KS_UNIFORM_BLOCK_BUFFER_BINDING, KS_UNIFORM_BLOCK_BUFFER},
+};
+
+const std::set<std::string> kBindingQueries = {"ksGetBuffer", "ksGetTexture", "ksGetFramebuffer",
+                                               "ksGetPrimitive"};
+
+using Bindings = std::map<std::string, std::string>;
+
+Bindings ReadBindings()
+{
+    Bindings bindings;
+    for (const BufferSlot& slot : kBufferSlots)
+    {
+        _KSbuffer* buffer = nullptr;
+        ksGetBuffer(slot.nQuery, &buffer);
+        bindings[slot.sQuery] = Describe(buffer);
+    }
+    _KStexture* texture = nullptr;
+    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
+    bindings["KS_TEXTURE_BINDING_2D"] = Describe(texture);
+    _KSframebuffer* frameBuffer = nullptr;
+    ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, &frameBuffer);
+    bindings["KS_FRAMEBUFFER_BINDING"] = Describe(frameBuffer);
+    KSprimitive primitive = KSprimitive(0);
+    ksGetPrimitive(KS_PRIMITIVE_BINDING, &primitive);
+    bindings["KS_PRIMITIVE_BINDING"] = Text(primitive);
+    return bindings;
+}
+
+std::string Unbound(const std::string& slot)
+{
+    return slot == "KS_PRIMITIVE_BINDING" ? "0" : "null";
+}
+
+constexpr std::uint64_t kSentinelBytes = 1024;
+const char* const kUniformBlockSentinel = "uniform block sentinel";
+
+// Something of the test's own bound in every slot, so that a slot left empty,
+// or left holding the operation's object, shows. The buffers are larger than
+// any of the sweep's: an operation whose own bind failed maps what is bound
+// instead, and must stay inside its storage. Made afresh for every case, so
+// that what one failure did to them cannot reach the next.
+class Sentinels
+{
+public:
+    Sentinels()
+    {
+        ksGenBuffers(5, _buffers);
+        for (int i = 0; i < 5; ++i)
+        {
+            ksBindBuffer(kBufferSlots[i].nTarget, _buffers[i]);
+            ksBufferData(kBufferSlots[i].nTarget, kSentinelBytes, nullptr, KS_STATIC_DRAW);
+        }
+        ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, kUniformBlockSentinel);
+        ksGenTextures(1, &_texture);
+        ksBindTexture(KS_TEXTURE_2D, _texture);
+        ksGenFramebuffers(1, &_frameBuffer);
+        ksBindFramebuffer(KS_FRAMEBUFFER, _frameBuffer);
+        ksGenPrimitives(1, &_primitive);
+        ksBindPrimitive(KS_PRIMITIVE, _primitive);
+    }
+    ~Sentinels()
+    {
+        ksDeleteBuffers(5, _buffers);
+        ksDeleteTextures(1, &_texture);
+        ksDeleteFramebuffers(1, &_frameBuffer);
+        ksDeletePrimitives(1, &_primitive);
+    }
+    Sentinels(const Sentinels&) = delete;
+    Sentinels& operator=(const Sentinels&) = delete;
+
+private:
+    _KSbuffer* _buffers[5] = {};
+    _KStexture* _texture = nullptr;
+    _KSframebuffer* _frameBuffer = nullptr;
+    KSprimitive _primitive = KSprimitive(0);
+};
+
+// --- What an operation works on -------------------------------------------------
+
+const char* const kShapeSource = "uniform vec3 center;\nuniform float radius;\n"
+                                 "sphere(center, radius);\n";
+const char* const kOtherShapeSource = "uniform vec3 low;\nuniform vec3 high;\nbox(low, high);\n";
+const char* const kMaterialSource = "uniform vec3 albedo;\ndiffuse(albedo);\n";
+const char* const kInjectedLog = "0:0: error: injected fault";
+constexpr int kSize = 4;
+constexpr std::uint64_t kBufferBytes = 64;
+const float kMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
+const int kInts[6] = {1, 2, 3, 4, 5, 6};
+
+class UnitFilter : public IKSFrameBufferFilter
+{
+public:
+    ~UnitFilter() override = default;
+    float GetFilterSize() override { return 1.0f; }
+    float Sample(float, float) override { return 1.0f; }
+};
+
+std::string Flag(bool value)
+{
+    return value ? "true" : "false";
+}
+
+std::string Made(const void* object)
+{
+    return object != nullptr ? "object" : "null";
+}
+
+std::string Copied(const void* map)
+{
+    return map != nullptr ? "copy" : "null";
+}
+
+std::string Status(IKestrelContext::KSRenderFrameStatus status)
+{
+    switch (status)
+    {
+    case IKestrelContext::kRFS_Finished:
+        return "finished";
+    case IKestrelContext::kRFS_Stopped:
+        return "stopped";
+    default:
+        return "failed";
+    }
+}
+
+template <class T>
+T* Take(std::vector<T*>& objects)
+{
+    T* object = objects.back();
+    objects.pop_back();
+    return object;
+}
+
+// The objects of one case, made through the context and given back through
+// it, so that whatever Kestrel holds afterwards is what the case left behind.
+struct Bench
+{
+    explicit Bench(IKestrelContext* context) : pContext(context) {}
+    Bench(const Bench&) = delete;
+    Bench& operator=(const Bench&) = delete;
+
+    template <class T>
+    std::string Keep(std::vector<T*>& objects, T* object)
+    {
+        if (object != nullptr)
+            objects.push_back(object);
+        return Made(object);
+    }
+
+    IKSPrimitive* Primitive()
+    {
+        primitives.push_back(pContext->CreateIKSPrimitive());
+        return primitives.back();
+    }
+    IKSShader* Shader(IKSShader::Type type, const char* source)
+    {
+        IKSShader* shader = pContext->CreateIKSShader(type);
+        shaders.push_back(shader);
+        std::string text = source;
+        shader->SetString(text, nullptr);
+        return shader;
+    }
+    // Named, with a shape and a material attached.
+    IKSProgram* Program(bool link)
+    {
+        IKSProgram* program = pContext->CreateIKSProgram();
+        programs.push_back(program);
+        program->SetName("sweep");
+        program->AddShader(Shader(IKSShader::kST_Vertex, kShapeSource));
+        program->AddShader(Shader(IKSShader::kST_Kind2, kMaterialSource));
+        if (link)
+            program->Link();
+        return program;
+    }
+    IKSBuffer* Buffer()
+    {
+        IKSBuffer* buffer = pContext->CreateIKSBuffer();
+        buffers.push_back(buffer);
+        buffer->Init(IKSBuffer::kUsage_StaticDraw, kBufferBytes);
+        return buffer;
+    }
+    IKSTexImage2D* Texture()
+    {
+        IKSTexImage2D* texture = pContext->CreateIKSTexImage2D();
+        textures.push_back(texture);
+        texture->SetImage(kSize, kSize, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
+                          nullptr, false);
+        return texture;
+    }
+    IKSFrameBuffer* FrameBuffer(bool bind)
+    {
+        IKSFrameBuffer* frameBuffer = pContext->CreateIKSFrameBuffer();
+        frameBuffers.push_back(frameBuffer);
+        frameBuffer->Init(kSize, kSize);
+        pAttachment = frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, true,
+                                                    Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
+        if (bind)
+            frameBuffer->Bind();
+        return frameBuffer;
+    }
+    // The raw program helpers live on the implementation alone.
+    KestrelContextImp* Imp() const { return dynamic_cast<KestrelContextImp*>(pContext); }
+    KSprimitive PrimitiveHandle() const { return primitives.back()->GetHandle(); }
+
+    void GiveBack()
+    {
+        while (!programs.empty())
+            pContext->DestroyIKSProgram(Take(programs));
+        while (!shaders.empty())
+            pContext->DestroyIKSShader(Take(shaders));
+        while (!primitives.empty())
+            pContext->DestroyIKSPrimitive(Take(primitives));
+        while (!buffers.empty())
+            pContext->DestroyIKSBuffer(Take(buffers));
+        while (!textures.empty())
+            pContext->DestroyIKSTexImage2D(Take(textures));
+        while (!frameBuffers.empty())
+            pContext->DestroyIKSFrameBuffer(Take(frameBuffers));
+        pAttachment = nullptr;
+        Imp()->DestroyProgram(pRawProgram);
+        pContext->DestroyShader(pRawShader);
+        pRawProgram = nullptr;
+        pRawShader = nullptr;
+        if (pMadeContext != nullptr)
+            GetMgrKestrel()->DestroyKestrelContext(pMadeContext);
+        pMadeContext = nullptr;
+    }
+
+    IKestrelContext* pContext;
+    std::vector<IKSPrimitive*> primitives;
+    std::vector<IKSShader*> shaders;
+    std::vector<IKSProgram*> programs;
+    std::vector<IKSBuffer*> buffers;
+    std::vector<IKSTexImage2D*> textures;
+    std::vector<IKSFrameBuffer*> frameBuffers;
+    IKSFrameBufferAttachment* pAttachment = nullptr;
+    _KSshader* pRawShader = nullptr;
+    _KSprogram* pRawProgram = nullptr;
+    IKestrelContext* pMadeContext = nullptr;
+    RecordingConsole madeConsole;
+    Result result;
+    float pixels[kSize * kSize * 4] = {};
+};
+
+// --- Messages -------------------------------------------------------------------
+// Kestrel's notifications reach the context's console as "Kestrel Error …";
+// everything else there, on the process-wide console and in a Result is what
+// the operation itself said. An expected line ending in '*' matches by prefix.
+
+std::string Error(const std::string& text)
+{
+    return "PrintError: " + text;
+}
+std::string Detail(const std::string& text)
+{
+    return "PrintDetail: " + text;
+}
+std::string OnProcessConsole(const std::string& text)
+{
+    return "process Print: " + text;
+}
+std::string InResult(const std::string& text)
+{
+    return "Result: " + text;
+}
+
+struct Heard
+{
+    Lines notifications;
+    Lines said;
+};
+
+Heard Listen(const RecordingConsole& console, const RecordingConsole& process, const Result& result)
+{
+    Heard heard;
+    for (const ConsoleCall& call : console.Calls())
+    {
+        if (call.eKind == kCCK_PrintError && call.sText.rfind("Kestrel Error ", 0) == 0)
+            heard.notifications.push_back(call.sText);
+        else
+            heard.said.push_back(std::string(ConsoleCallKindName(call.eKind)) + ": " + call.sText);
+    }
+    for (const ConsoleCall& call : process.Calls())
+        heard.said.push_back(std::string("process ") + ConsoleCallKindName(call.eKind) + ": " +
+                             call.sText);
+    if (!result.IsEmpty())
+        heard.said.push_back(InResult(result.GetText()));
+    return heard;
+}
+
+::testing::AssertionResult LinesMatch(const Lines& said, const Lines& expected)
+{
+    bool match = said.size() == expected.size();
+    for (std::size_t i = 0; match && i < said.size(); ++i)
+    {
+        const std::string& line = expected[i];
+        const bool prefix = !line.empty() && line.back() == '*';
+        match = prefix ? said[i].compare(0, line.size() - 1, line, 0, line.size() - 1) == 0
+                       : said[i] == line;
+    }
+    if (match)
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "got " << ::testing::PrintToString(said)
+                                         << ", expected " << ::testing::PrintToString(expected);
+}
+
+// --- The rows ---------------------------------------------------------------------
+
+using SaidWhen = std::function<Lines(Bench&, const std::string& function)>;
+
+struct Row
+{
+    using Setup = std::function<void(Bench&)>;
+    using Run = std::function<std::string(Bench&)>;
+
+    Row(const char* name, Setup setUp, Run operation, std::string done, std::string failed,
+        std::set<std::string> failing = {}, SaidWhen saying = nullptr,
+        std::set<std::string> rebound = {})
+        : sName(name), setup(std::move(setUp)), run(std::move(operation)), sDone(std::move(done)),
+          sFailed(std::move(failed)), failsOn(std::move(failing)), said(std::move(saying)),
+          rebinds(std::move(rebound))
+    {
+    }
+
+    const char* sName;
+    Setup setup; // may be empty
+    Run run;
+    std::string sDone;   // the result when the operation sees no failure
+    std::string sFailed; // the result when it does
+    // Functions whose failure the operation sees in what they give back (no
+    // handle, a status of 0) or that make it fail further on. A failure
+    // raised before a ksGetError of the operation is seen as well.
+    std::set<std::string> failsOn;
+    SaidWhen said; // the operation's own messages when it sees the failure
+    // Slots that the operation leaves holding its own object on purpose.
+    std::set<std::string> rebinds;
+};
+
+// For operations without a result.
+Row::Run Does(std::function<void(Bench&)> operation)
+{
+    return [operation](Bench& bench)
+    {
+        operation(bench);
+        return std::string("void");
+    };
+}
+
+// Where a failure goes on to make a later call fail, Kestrel reports that
+// one too, after it. Nothing else may fail.
+const std::map<std::pair<std::string, std::string>, std::string> kFollowOns = {
+    // The buffer stays mapped: the new storage is refused, or the copy back
+    // cannot map it again.
+    {{"buffer Resize keeping contents", "ksUnmapBuffer"}, "Kestrel Error 1282: ksBufferData: *"},
+    {{"KSBufferSafeMapping scope", "ksUnmapBuffer"}, "Kestrel Error 1282: ksMapBuffer: *"},
+    {{"KSBufferMappingMultiple scope", "ksUnmapBuffer"}, "Kestrel Error 1282: ksMapBuffer: *"},
+    // Mipmaps are asked of the texture that stayed bound, which has no image.
+    {{"texture GenerateMipMaps", "ksBindTexture"}, "Kestrel Error 1282: ksGenerateMipmap: *"},
+};
+
+bool Sees(const Row& row, const Calls& clean, const std::string& function)
+{
+    if (row.failsOn.count(function) != 0)
+        return true;
+    if (NaturalError(function) == KS_NO_ERROR)
+        return false;
+    const auto first =
+        std::find_if(clean.begin(), clean.end(),
+                     [&](const std::string& call) { return FunctionOf(call) == function; });
+    return std::find_if(first, clean.end(),
+                        [](const std::string& call)
+                        { return FunctionOf(call) == "ksGetError"; }) != clean.end();
+}
+
+SaidWhen Says(Lines lines)
+{
+    return [lines](Bench&, const std::string&) { return lines; };
+}
+
+Lines PrimitiveBindFailed(Bench& bench)
+{
+    return {Error(Format("KSPrimitive::Bind prim %08x\n", unsigned(bench.PrimitiveHandle())))};
+}
+
+SaidWhen SetterFailed(const char* word)
+{
+    return [word](Bench& bench, const std::string&)
+    {
+        return Lines{Error(
+            Format("SetUniform %s 'u' prim %08x\n", word, unsigned(bench.PrimitiveHandle())))};
+    };
+}
+
+// The name is the uniform block target's, whatever target the bind had.
+Lines BufferBindFailed(Bench& bench)
+{
+    const auto handle = static_cast<unsigned>(
+        reinterpret_cast<std::uintptr_t>(bench.buffers.back()->GetKSBuffer()));
+    return {Error(Format("KSBuffer::Bind \"%s\" %08x\n", kUniformBlockSentinel, handle))};
+}
+
+// A good compile leaves no log behind; a faulted one leaves the runtime's.
+std::string LogAfter(const std::string& function, const char* faultedIn)
+{
+    return function == faultedIn ? kInjectedLog : "";
+}
+
+std::vector<Row> ContextRows()
+{
+    const SaidWhen renderFailed = Says({Error("Kestrel error 0x502 occurred.\n")});
+    const Rect2<Vector2i, int> whole{{0, 0}, {kSize, kSize}};
+    return {
+        {"manager CreateKestrelContext",
+         nullptr,
+         [](Bench& b)
+         {
+             b.pMadeContext =
+                 GetMgrKestrel()->CreateKestrelContext(&b.madeConsole, false, true, nullptr);
+             return Made(b.pMadeContext);
+         },
+         "object",
+         "null",
+         {"KestrelCreateContext"}},
+        {"manager SetCurrentKestrelContext",
+         nullptr,
+         [](Bench& b) { return Flag(GetMgrKestrel()->SetCurrentKestrelContext(b.pContext)); },
+         "true",
+         "false",
+         {"KestrelSetCurrentContext"}},
+        {"CreateIKSPrimitive", nullptr,
+         [](Bench& b) { return b.Keep(b.primitives, b.pContext->CreateIKSPrimitive()); }, "object",
+         "object"},
+        {"DestroyIKSPrimitive", [](Bench& b) { b.Primitive(); },
+         [](Bench& b) { return Flag(b.pContext->DestroyIKSPrimitive(Take(b.primitives))); }, "true",
+         "true"},
+        {"CreateIKSShader",
+         nullptr,
+         [](Bench& b)
+         { return b.Keep(b.shaders, b.pContext->CreateIKSShader(IKSShader::kST_Vertex)); },
+         "object",
+         "null",
+         {"ksCreateShader"}},
+        {"DestroyIKSShader of an attached shader", [](Bench& b) { b.Program(false); },
+         [](Bench& b) { return Flag(b.pContext->DestroyIKSShader(Take(b.shaders))); }, "true",
+         "true"},
+        {"CreateIKSProgram",
+         nullptr,
+         [](Bench& b) { return b.Keep(b.programs, b.pContext->CreateIKSProgram()); },
+         "object",
+         "null",
+         {"ksCreateProgram"}},
+        {"DestroyIKSProgram with shaders", [](Bench& b) { b.Program(true); },
+         [](Bench& b) { return Flag(b.pContext->DestroyIKSProgram(Take(b.programs))); }, "true",
+         "true"},
+        {"CreateIKSTexImage2D",
+         nullptr,
+         [](Bench& b) { return b.Keep(b.textures, b.pContext->CreateIKSTexImage2D()); },
+         "object",
+         "null",
+         {"ksGenTextures"}},
+        {"DestroyIKSTexImage2D", [](Bench& b) { b.Texture(); },
+         [](Bench& b) { return Flag(b.pContext->DestroyIKSTexImage2D(Take(b.textures))); }, "true",
+         "true"},
+        {"DestroyIKSFrameBuffer with an attachment", [](Bench& b) { b.FrameBuffer(false); },
+         [](Bench& b)
+         {
+             b.pAttachment = nullptr;
+             return Flag(b.pContext->DestroyIKSFrameBuffer(Take(b.frameBuffers)));
+         },
+         "true", "true"},
+        {"DestroyIKSBuffer", [](Bench& b) { b.Buffer(); },
+         [](Bench& b) { return Flag(b.pContext->DestroyIKSBuffer(Take(b.buffers))); }, "true",
+         "true"},
+        {"RenderFrame",
+         [](Bench& b) { b.FrameBuffer(true); },
+         [](Bench& b) { return Status(b.pContext->RenderFrame()); },
+         "finished",
+         "failed",
+         {},
+         renderFailed},
+        {"RenderRegion with a clear",
+         [](Bench& b) { b.FrameBuffer(true); },
+         [whole](Bench& b) {
+             return Flag(b.pContext->RenderRegion(whole, true, Color3f{0.5f, 0.5f, 0.5f}));
+         },
+         "true",
+         "false",
+         {},
+         renderFailed},
+        {"SetViewport", nullptr,
+         [](Bench& b) { return Flag(b.pContext->SetViewport(0, 0, kSize, kSize)); }, "true",
+         "true"},
+        {"ClearFrameBuffers", [](Bench& b) { b.FrameBuffer(true); },
+         [](Bench& b)
+         { return Flag(b.pContext->ClearFrameBuffers(Color3f{}, 1.0f, KS_COLOR_BUFFER_BIT)); },
+         "true", "true"},
+        // Without its maximum the limit has nothing to stay below.
+        {"SetRayDepthLimit",
+         nullptr,
+         [](Bench& b) { return Flag(b.pContext->SetRayDepthLimit(4)); },
+         "true",
+         "false",
+         {"ksGetIntegerv"}},
+        {"GetKSVersionIsCompatible",
+         nullptr,
+         [](Bench& b)
+         {
+             int major = 0;
+             int minor = 0;
+             return Flag(b.pContext->GetKSVersionIsCompatible(major, minor));
+         },
+         "true",
+         "false",
+         {"ksGetString"}},
+        {"Stop", nullptr, Does([](Bench& b) { b.pContext->Stop(); }), "void", "void"},
+        {"CreateShader",
+         nullptr,
+         [](Bench& b)
+         {
+             const char* sources[] = {kShapeSource};
+             b.pRawShader = b.pContext->CreateShader(KS_VERTEX_SHADER, sources, 1);
+             return Made(b.pRawShader);
+         },
+         "object",
+         "null",
+         {"ksCreateShader", "ksShaderSource", "ksCompileShader", "ksGetShaderiv"},
+         [](Bench&, const std::string& function)
+         {
+             if (function == "ksCreateShader")
+                 return Lines{};
+             // A shader that never got its source has none to show, and
+             // Kestrel's log says why it did not compile.
+             if (function == "ksShaderSource")
+                 return Lines{Error("KS: shader compilation failed...\n"),
+                              Error("KS: error log: *"),
+                              "PrintWarning: KS: ksGetShaderString(KS_SHADER_SOURCE) failure. "
+                              "Returned empty string\n"};
+             return Lines{Error("KS: shader compilation failed...\n"),
+                          Error("KS: error log: " + LogAfter(function, "ksCompileShader") + "\n"),
+                          Detail(std::string("shader source:\n") + kShapeSource + " \n")};
+         }},
+        // A program that lost its shader does not link either.
+        {"CreateProgram",
+         [](Bench& b)
+         {
+             const char* sources[] = {kShapeSource};
+             b.pRawShader = b.pContext->CreateShader(KS_VERTEX_SHADER, sources, 1);
+         },
+         [](Bench& b)
+         {
+             b.pRawProgram = b.Imp()->CreateProgram(b.pRawShader);
+             return Made(b.pRawProgram);
+         },
+         "object",
+         "null",
+         {"ksCreateProgram", "ksAttachShader", "ksLinkProgram", "ksGetProgramiv"},
+         [](Bench&, const std::string& function)
+         {
+             if (function == "ksCreateProgram")
+                 return Lines{};
+             const std::string log = function == "ksAttachShader"
+                                         ? std::string("*")
+                                         : LogAfter(function, "ksLinkProgram") + "\n";
+             return Lines{Error("KS: shader linking failed:\n"), Error("KS: " + log)};
+         }},
+    };
+}
+
+std::vector<Row> ShaderProgramPrimitiveRows()
+{
+    return {
+        {"shader SetName", [](Bench& b) { b.Shader(IKSShader::kST_Vertex, kShapeSource); },
+         [](Bench& b) { return Flag(b.shaders.back()->SetName("sweep")); }, "true", "true"},
+        // The log goes to the caller's Result alone, never to the console.
+        {"shader SetString",
+         [](Bench& b) { b.Shader(IKSShader::kST_Vertex, kShapeSource); },
+         [](Bench& b)
+         {
+             std::string text = kOtherShapeSource;
+             return Flag(b.shaders.back()->SetString(text, &b.result));
+         },
+         "true",
+         "false",
+         {"ksCompileShader", "ksGetShaderiv"},
+         [](Bench&, const std::string& function)
+         {
+             const std::string log = LogAfter(function, "ksCompileShader");
+             return log.empty() ? Lines{} : Lines{InResult(log)};
+         }},
+        {"program AddShader",
+         [](Bench& b)
+         {
+             b.Program(false);
+             b.Shader(IKSShader::kST_Vertex, kOtherShapeSource);
+         },
+         [](Bench& b) { return Flag(b.programs.back()->AddShader(b.shaders.back())); }, "true",
+         "true"},
+        {"program RemoveShader", [](Bench& b) { b.Program(false); },
+         [](Bench& b) { return Flag(b.programs.back()->RemoveShader(b.shaders.back())); }, "true",
+         "true"},
+        {"program Link",
+         [](Bench& b) { b.Program(false); },
+         [](Bench& b) { return Flag(b.programs.back()->Link()); },
+         "true",
+         "false",
+         {"ksLinkProgram", "ksGetProgramiv"},
+         [](Bench&, const std::string& function)
+         {
+             return Lines{Error("KS: program 'sweep' link failed:\n"),
+                          Error("KS: " + LogAfter(function, "ksLinkProgram") + "\n")};
+         }},
+        {"program SetName", [](Bench& b) { b.Program(false); },
+         [](Bench& b) { return Flag(b.programs.back()->SetName("renamed")); }, "true", "true"},
+        // Locations count from 0 in order of declaration.
+        {"program GetLocationUniform",
+         [](Bench& b) { b.Program(true); },
+         [](Bench& b) { return std::to_string(b.programs.back()->GetLocationUniform("radius")); },
+         "1",
+         "-1",
+         {"ksGetUniformLocation"}},
+        {"primitive Bind",
+         [](Bench& b) { b.Primitive(); },
+         [](Bench& b) { return Flag(b.primitives.back()->Bind()); },
+         "true",
+         "false",
+         {},
+         [](Bench& b, const std::string&) { return PrimitiveBindFailed(b); },
+         {"KS_PRIMITIVE_BINDING"}},
+        {"primitive SetName",
+         [](Bench& b) { b.Primitive(); },
+         Does([](Bench& b) { b.primitives.back()->SetName("sweep"); }),
+         "void",
+         "void",
+         {},
+         [](Bench& b, const std::string&) { return PrimitiveBindFailed(b); },
+         {"KS_PRIMITIVE_BINDING"}},
+        {"primitive SetUniform float",
+         [](Bench& b) { b.Primitive(); },
+         [](Bench& b) { return Flag(b.primitives.back()->SetUniform("u", 2, 0.5f)); },
+         "true",
+         "false",
+         {},
+         SetterFailed("float"),
+         {"KS_PRIMITIVE_BINDING"}},
+        {"primitive SetUniform int tuples",
+         [](Bench& b) { b.Primitive(); },
+         [](Bench& b)
+         { return Flag(b.primitives.back()->SetUniform("u", 2, 3, std::uint64_t(2), kInts)); },
+         "true",
+         "false",
+         {},
+         SetterFailed("int[][]"),
+         {"KS_PRIMITIVE_BINDING"}},
+        {"primitive SetUniform mat4[]",
+         [](Bench& b) { b.Primitive(); },
+         [](Bench& b)
+         {
+             const auto* matrix = reinterpret_cast<const Matrix44f*>(kMatrix);
+             return Flag(b.primitives.back()->SetUniform("u", 2, std::uint64_t(1), matrix));
+         },
+         "true",
+         "false",
+         {},
+         SetterFailed("mat4[]"),
+         {"KS_PRIMITIVE_BINDING"}},
+        {"primitive SetUniformBlock",
+         [](Bench& b)
+         {
+             b.Buffer();
+             b.Primitive();
+         },
+         [](Bench& b)
+         { return Flag(b.primitives.back()->SetUniformBlock("u", 0, b.buffers.back())); },
+         "true",
+         "false",
+         {},
+         Says({Error("SetUniformBlock u\n")}),
+         {"KS_PRIMITIVE_BINDING"}},
+        {"AutoBindKSPrimitive scope",
+         [](Bench& b) { b.Primitive(); },
+         Does([](Bench& b) { AutoBindKSPrimitive bound(b.primitives.back()); }),
+         "void",
+         "void",
+         {},
+         [](Bench& b, const std::string&) { return PrimitiveBindFailed(b); }},
+    };
+}
+
+std::vector<Row> BufferTextureRows()
+{
+    return {
+        {"buffer Init",
+         [](Bench& b) { b.buffers.push_back(b.pContext->CreateIKSBuffer()); },
+         [](Bench& b)
+         { return Flag(b.buffers.back()->Init(IKSBuffer::kUsage_DynamicDraw, kBufferBytes)); },
+         "true",
+         "false",
+         {"ksGenBuffers"}},
+        {"buffer Resize", [](Bench& b) { b.Buffer(); },
+         [](Bench& b)
+         { return Flag(b.buffers.back()->Resize(IKSBuffer::kUsage_StreamRead, 96, false)); },
+         "true", "true"},
+        {"buffer Resize keeping contents",
+         [](Bench& b) { b.Buffer(); },
+         [](Bench& b)
+         { return Flag(b.buffers.back()->Resize(IKSBuffer::kUsage_StreamRead, 96, true)); },
+         "true",
+         "false",
+         {"ksMapBuffer"}},
+        {"buffer Bind",
+         [](Bench& b) { b.Buffer(); },
+         [](Bench& b) { return Flag(b.buffers.back()->Bind(KS_UNIFORM_BLOCK_BUFFER)); },
+         "true",
+         "false",
+         {},
+         [](Bench& b, const std::string&) { return BufferBindFailed(b); },
+         {"KS_UNIFORM_BLOCK_BUFFER_BINDING"}},
+        {"buffer Shutdown", [](Bench& b) { b.Buffer(); },
+         Does([](Bench& b) { b.buffers.back()->Shutdown(); }), "void", "void"},
+        {"AutoBindKSBuffer scope",
+         [](Bench& b) { b.Buffer(); },
+         Does([](Bench& b) { AutoBindKSBuffer bound(b.buffers.back(), KS_ARRAY_BUFFER); }),
+         "void",
+         "void",
+         {},
+         [](Bench& b, const std::string&) { return BufferBindFailed(b); }},
+        // A failed bind leaves the sentinel to be mapped instead.
+        {"KSBufferMapping scope",
+         [](Bench& b) { b.Buffer(); },
+         [](Bench& b)
+         {
+             KSBufferMapping mapping(b.buffers.back(), KSBufferMapping::kAccess_ReadWrite);
+             return std::string(mapping.GetMap() != nullptr ? "map" : "null");
+         },
+         "map",
+         "null",
+         {"ksMapBuffer"}},
+        {"KSBufferSafeMapping scope",
+         [](Bench& b) { b.Buffer(); },
+         [](Bench& b)
+         {
+             KSBufferSafeMapping<char> mapping(b.buffers.back(),
+                                               KSBufferMapping::kAccess_ReadWrite);
+             return Copied(mapping.GetMap());
+         },
+         "copy",
+         "null",
+         {"ksMapBuffer"}},
+        {"KSBufferMappingMultiple scope",
+         [](Bench& b)
+         {
+             b.Buffer();
+             b.Buffer();
+         },
+         [](Bench& b)
+         {
+             KSBufferMappingMultiple mapping(b.buffers, KSBufferMapping::kAccess_ReadOnly);
+             return Copied(mapping.GetMap(0)) + " " + Copied(mapping.GetMap(1));
+         },
+         "copy copy",
+         "null copy",
+         {"ksMapBuffer"}},
+        {"texture SetImage", [](Bench& b) { b.Texture(); },
+         [](Bench& b)
+         {
+             return Flag(b.textures.back()->SetImage(kSize, kSize, IKSTexImage::kTF_RGBA32F,
+                                                     KS_CLAMP_TO_EDGE, KS_NEAREST, KS_NEAREST,
+                                                     b.pixels, false));
+         },
+         "true", "true"},
+        {"texture SetImage on client storage", [](Bench& b) { b.Texture(); },
+         [](Bench& b)
+         {
+             return Flag(b.textures.back()->SetImage(kSize, kSize, IKSTexImage::kTF_RGBA32F,
+                                                     KS_CLAMP_TO_EDGE, KS_NEAREST, KS_NEAREST,
+                                                     b.pixels, true));
+         },
+         "true", "true"},
+        {"texture SetWrapMode", [](Bench& b) { b.Texture(); },
+         Does([](Bench& b) { b.textures.back()->SetWrapMode(KS_REPEAT, KS_MIRRORED_REPEAT); }),
+         "void", "void"},
+        {"texture SetMinFilter", [](Bench& b) { b.Texture(); },
+         Does([](Bench& b) { b.textures.back()->SetMinFilter(KS_LINEAR_MIPMAP_LINEAR); }), "void",
+         "void"},
+        {"texture SetMagFilter", [](Bench& b) { b.Texture(); },
+         Does([](Bench& b) { b.textures.back()->SetMagFilter(KS_NEAREST); }), "void", "void"},
+        {"texture GenerateMipMaps",
+         [](Bench& b) { b.Texture(); },
+         [](Bench& b) { return Flag(b.textures.back()->GenerateMipMaps()); },
+         "true",
+         "false",
+         {},
+         nullptr,
+         {"KS_TEXTURE_BINDING_2D"}},
+        {"texture Shutdown", [](Bench& b) { b.Texture(); },
+         Does([](Bench& b) { b.textures.back()->Shutdown(); }), "void", "void"},
+    };
+}
+
+std::vector<Row> FrameBufferRows()
+{
+    return {
+        {"frame buffer Init",
+         [](Bench& b) { b.frameBuffers.push_back(b.pContext->CreateIKSFrameBuffer()); },
+         [](Bench& b) { return Flag(b.frameBuffers.back()->Init(kSize, kSize)); },
+         "true",
+         "false",
+         {"ksGenFramebuffers"}},
+        // Kestrel's errors count while the texture is specified; the
+        // attachment point is set up after that and is not checked.
+        {"frame buffer CreateAttachment",
+         [](Bench& b)
+         {
+             b.frameBuffers.push_back(b.pContext->CreateIKSFrameBuffer());
+             b.frameBuffers.back()->Init(kSize, kSize);
+         },
+         [](Bench& b)
+         {
+             return Made(b.frameBuffers.back()->CreateAttachment(
+                 1, Att::kF_RGBA, Att::kDT_Float, true, Att::kBM_Accumulated, Color4f{}));
+         },
+         "object",
+         "null",
+         {"ksGenTextures"},
+         Says({OnProcessConsole("KSFramebuffer attachment failed to initialize")})},
+        {"frame buffer Bind",
+         [](Bench& b) { b.FrameBuffer(false); },
+         [](Bench& b) { return Flag(b.frameBuffers.back()->Bind()); },
+         "true",
+         "true",
+         {},
+         nullptr,
+         {"KS_FRAMEBUFFER_BINDING"}},
+        {"frame buffer SetFilter", [](Bench& b) { b.FrameBuffer(false); },
+         [](Bench& b)
+         {
+             UnitFilter filter;
+             return Flag(b.frameBuffers.back()->SetFilter(&filter));
+         },
+         "true", "true"},
+        {"frame buffer Clear", [](Bench& b) { b.FrameBuffer(false); },
+         Does([](Bench& b) { b.frameBuffers.back()->Clear(); }), "void", "void"},
+        {"frame buffer ClearAttachment", [](Bench& b) { b.FrameBuffer(false); },
+         Does([](Bench& b) { b.frameBuffers.back()->ClearAttachment(0); }), "void", "void"},
+        {"frame buffer Resize", [](Bench& b) { b.FrameBuffer(false); },
+         [](Bench& b) { return Flag(b.frameBuffers.back()->Resize(2 * kSize, kSize)); }, "true",
+         "true"},
+        {"frame buffer DestroyAttachment", [](Bench& b) { b.FrameBuffer(false); },
+         [](Bench& b)
+         {
+             IKSFrameBufferAttachment* attachment = b.pAttachment;
+             b.pAttachment = nullptr;
+             return Flag(b.frameBuffers.back()->DestroyAttachment(attachment));
+         },
+         "true", "true"},
+        {"frame buffer Shutdown", [](Bench& b) { b.FrameBuffer(false); },
+         Does(
+             [](Bench& b)
+             {
+                 b.pAttachment = nullptr;
+                 b.frameBuffers.back()->Shutdown();
+             }),
+         "void", "void"},
+        {"attachment NotifyPassCompleted", [](Bench& b) { b.FrameBuffer(true); },
+         [](Bench& b) { return Flag(b.pAttachment->NotifyPassCompleted()); }, "true", "true"},
+    };
+}
+
+std::vector<Row> AllRows()
+{
+    std::vector<Row> rows;
+    for (std::vector<Row> part :
+         {ContextRows(), ShaderProgramPrimitiveRows(), BufferTextureRows(), FrameBufferRows()})
+        rows.insert(rows.end(), part.begin(), part.end());
+    return rows;
+}
+
+// The Kestrel context behind a wrapper context, as the render hook names it:
+// the wrapper keeps its handle to itself.
+void* KestrelHandleOf(IKestrelContext* context)
+{
+    std::atomic<void*> handle{nullptr};
+    IKSFrameBuffer* frameBuffer = context->CreateIKSFrameBuffer();
+    if (frameBuffer->Init(1, 1) &&
+        frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode0,
+                                      Color4f{}) != nullptr)
+    {
+        frameBuffer->Bind();
+        Kestrel::Testing::AutoRenderHook hook(
+            [&handle](void* rendered)
+            {
+                handle = rendered;
+                KestrelStopContext(rendered);
+            });
+        context->RenderFrame();
+        ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
+    }
+    context->DestroyIKSFrameBuffer(frameBuffer);
+    return handle;
+}
+
+class FaultSweep : public WrapperFixture
+{
+protected:
+    void SetUp() override
+    {
+        WrapperFixture::SetUp();
+        _pKestrel = KestrelHandleOf(_pContext);
+        ASSERT_NE(_pKestrel, nullptr);
+        _console.Clear();
+    }
+
+    // One run of the row's operation, with `function` failing unless it is
+    // empty; `clean` is the log of a run without a failure. Gives this
+    // run's log.
+    Calls RunCase(const Row& row, const Calls& clean, const std::string& function);
+
+    void* _pKestrel = nullptr;
+    RecordingConsole _process;
+};
+
+Calls FaultSweep::RunCase(const Row& row, const Calls& clean, const std::string& function)
+{
+    const bool faulted = !function.empty();
+    Sentinels sentinels;
+    const ObjectCounts baseline = CountObjects(_pKestrel);
+    const int contexts = CountContexts();
+    Bench bench(_pContext);
+    if (row.setup)
+        row.setup(bench);
+    EXPECT_NO_KS_ERROR() << "in the setup";
+    const Bindings before = ReadBindings();
+    _console.Clear();
+    _process.Clear();
+    bench.result.Clear();
+
+    if (faulted)
+        Kestrel::Testing::InjectFault(function);
+    std::string result;
+    Calls calls;
+    {
+        CallLog log;
+        result = row.run(bench);
+        calls = log.Calls();
+    }
+    EXPECT_EQ(Kestrel::Testing::PendingFaults(), 0) << "the operation did not reach it";
+    Kestrel::Testing::ClearFaults();
+
+    const bool seen = faulted && Sees(row, clean, function);
+    EXPECT_EQ(result, seen ? row.sFailed : row.sDone);
+
+    const Heard heard = Listen(_console, _process, bench.result);
+    const int error = faulted ? NaturalError(function) : KS_NO_ERROR;
+    Lines notified;
+    if (error != KS_NO_ERROR)
+        notified.push_back(
+            Format("Kestrel Error %d: %s: injected fault\n", error, function.c_str()));
+    const auto followOn = kFollowOns.find({row.sName, function});
+    if (followOn != kFollowOns.end())
+        notified.push_back(followOn->second);
+    EXPECT_TRUE(LinesMatch(heard.notifications, notified)) << "notified";
+    EXPECT_TRUE(LinesMatch(heard.said, seen && row.said ? row.said(bench, function) : Lines{}));
+
+    // Whatever an operation borrows it gives back; what a failed binding
+    // query did not report, it cannot give back, and it puts back none.
+    const Bindings after = ReadBindings();
+    Bindings expected = before;
+    for (const std::string& slot : row.rebinds)
+        expected[slot] = after.at(slot);
+    if (faulted && kBindingQueries.count(function) != 0)
+    {
+        const auto query =
+            std::find_if(clean.begin(), clean.end(),
+                         [&](const std::string& call) { return FunctionOf(call) == function; });
+        const std::string slot = FirstArgumentOf(*query);
+        if (row.rebinds.count(slot) == 0)
+            expected[slot] = Unbound(slot);
+    }
+    EXPECT_EQ(after, expected);
+    ksGetError(); // what the failure left pending is the host's to read
+
+    bench.GiveBack();
+    ObjectCounts left = baseline;
+    if (int ObjectCounts::*kind = faulted ? KindDeletedBy(function) : nullptr)
+        ++(left.*kind);
+    const ObjectCounts now = CountObjects(_pKestrel);
+    EXPECT_TRUE(now == left) << CountsText(now) << " after, " << CountsText(left) << " expected";
+    EXPECT_EQ(CountContexts(), contexts);
+    EXPECT_NO_KS_ERROR() << "giving the objects back";
+    return calls;
+}
+
+} // namespace
+
+TEST_F(FaultSweep, EveryFunctionAnOperationReachesFailsInTurn)
+{
+    AutoInstallConsole installed(&_process);
+    Kestrel::Testing::AutoFaults faults;
+    std::size_t pairs = 0;
+    for (const Row& row : AllRows())
+    {
+        SCOPED_TRACE(row.sName);
+        // The clean run first: it must succeed quietly, and its log names the
+        // functions to fail.
+        const Calls clean = RunCase(row, Calls{}, "");
+
+        std::vector<std::string> functions;
+        for (const std::string& call : clean)
+        {
+            const std::string function = FunctionOf(call);
+            // ksGetError is how failures are seen, not one of them.
+            if (function != "ksGetError" &&
+                std::find(functions.begin(), functions.end(), function) == functions.end())
+                functions.push_back(function);
+        }
+        ASSERT_FALSE(functions.empty()) << "the operation reaches no Kestrel function";
+        for (const std::string& function : functions)
+        {
+            SCOPED_TRACE("failing " + function);
+            RunCase(row, clean, function);
+            ++pairs;
+        }
+    }
+    RecordProperty("pairs", static_cast<int>(pairs));
+
+    // Everything was given back all along: the report has nothing to say.
+    _console.Clear();
+    _pManager->DestroyKestrelContext(_pContext);
+    _pContext = nullptr;
+    EXPECT_EQ(_console.CountOf(kCCK_PrintWarning), 0u);
+}

@@ -1,1 +1,290 @@
-// Placeholder: filled by the hardening change.
+// The library's promises across threads, driven hard: a frame stopped from
+// another thread, the context's texture pair used by two threads at once, and
+// an attachment read under its lock while passes complete on another thread.
+// Each must hold under the thread sanitizer too.
+#include "WrapperFixture.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <thread>
+#include <vector>
+
+using namespace WrapperTest;
+using namespace Vireo;
+using Kestrel::Testing::AutoRenderHook;
+using Kestrel::Testing::ReadTexture;
+using Kestrel::Testing::TextureRecord;
+using Att = IKSFrameBufferAttachment;
+
+namespace
+{
+
+// A frame buffer with one attachment, bound, for frames to render into.
+class BoundFrame
+{
+public:
+    BoundFrame(IKestrelContext* context, int size, Att::eBlendMode mode,
+               const Color4f& clearColor = Color4f{})
+        : _pContext(context), _pFrameBuffer(context->CreateIKSFrameBuffer())
+    {
+        _pFrameBuffer->Init(size, size);
+        pAttachment = _pFrameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false, mode,
+                                                      clearColor);
+        _pFrameBuffer->Bind();
+        _pFrameBuffer->Clear();
+    }
+    ~BoundFrame()
+    {
+        ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
+        _pContext->DestroyIKSFrameBuffer(_pFrameBuffer);
+    }
+    BoundFrame(const BoundFrame&) = delete;
+    BoundFrame& operator=(const BoundFrame&) = delete;
+
+    IKSFrameBuffer* FrameBuffer() const { return _pFrameBuffer; }
+
+    IKSFrameBufferAttachment* pAttachment = nullptr;
+
+private:
+    IKestrelContext* _pContext;
+    IKSFrameBuffer* _pFrameBuffer;
+};
+
+_KStexture* BoundTexture()
+{
+    _KStexture* texture = nullptr;
+    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
+    return texture;
+}
+
+TextureRecord Image(_KStexture* texture)
+{
+    TextureRecord record;
+    ReadTexture(texture, 0, &record);
+    return record;
+}
+
+class ThreadStress : public WrapperFixture
+{
+};
+
+} // namespace
+
+// Half of the stops are held to land inside the frame: the frame waits in
+// its hook until the other thread has stopped it. The other half race the
+// frame freely and may come too late; neither kind may fail a frame or
+// carry over to the next one.
+TEST_F(ThreadStress, StopFromAnotherThreadEndsTheFrameOrFindsItDone)
+{
+    BoundFrame frame(_pContext, 32, Att::kBM_Mode0);
+    ASSERT_NE(frame.pAttachment, nullptr);
+    int stopped = 0;
+    for (int i = 0; i < 50; ++i)
+    {
+        SCOPED_TRACE(i);
+        const bool held = i % 2 == 0;
+        // Every future is taken before a second thread can touch its promise.
+        std::promise<void> begun;
+        std::future<void> frameBegun = begun.get_future();
+        std::promise<void> stopSent;
+        std::shared_future<void> stopDone = stopSent.get_future().share();
+        AutoRenderHook hook(
+            [&begun, stopDone, held](void*)
+            {
+                begun.set_value();
+                if (held)
+                    stopDone.wait();
+            });
+        std::thread stopper(
+            [this, &frameBegun, &stopSent]
+            {
+                // Bounded, so that a frame that never begins fails the test
+                // instead of hanging it.
+                frameBegun.wait_for(std::chrono::seconds(5));
+                _pContext->Stop();
+                stopSent.set_value();
+            });
+        const IKestrelContext::KSRenderFrameStatus status = _pContext->RenderFrame();
+        stopper.join();
+        if (held)
+            EXPECT_EQ(status, IKestrelContext::kRFS_Stopped);
+        else
+            EXPECT_NE(status, IKestrelContext::kRFS_Failed);
+        stopped += status == IKestrelContext::kRFS_Stopped ? 1 : 0;
+        EXPECT_NO_KS_ERROR();
+    }
+    EXPECT_GE(stopped, 25);
+    EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{}) << "a stop is not an error";
+    EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Finished) << "no stop carries over";
+}
+
+// Client storage is one setting for all of Kestrel. One thread specifies its
+// texture in client storage, the other its own without, through the
+// context's texture pair and through attachments that resize: if the pair
+// let them interleave, a texture would come out with the other's setting.
+TEST_F(ThreadStress, TexturePairKeepsTwoThreadsApart)
+{
+    constexpr int kRounds = 300;
+    _KStexture* before = nullptr;
+    ksGenTextures(1, &before);
+    ksBindTexture(KS_TEXTURE_2D, before);
+    IKSTexImage2D* client = _pContext->CreateIKSTexImage2D();
+    IKSTexImage2D* copied = _pContext->CreateIKSTexImage2D();
+    IKSFrameBuffer* frameBuffer = _pContext->CreateIKSFrameBuffer();
+    ASSERT_TRUE(frameBuffer->Init(2, 2));
+    IKSFrameBufferAttachment* attachment = frameBuffer->CreateAttachment(
+        0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode2, Color4f{});
+    ASSERT_NE(attachment, nullptr);
+
+    // Both threads start together, so that their rounds overlap.
+    std::atomic<int> ready{0};
+    auto startTogether = [&ready]
+    {
+        ++ready;
+        while (ready.load() < 2)
+            std::this_thread::yield();
+    };
+    std::atomic<int> wrongBinding{0};
+    std::atomic<int> wrongSetting{0};
+    float clientPixels[4 * 4] = {};
+    std::thread first(
+        [&]
+        {
+            startTogether();
+            for (int round = 0; round < kRounds; ++round)
+            {
+                clientPixels[0] = static_cast<float>(round);
+                client->SetImage(2, 2, IKSTexImage::kTF_RGBA32F, KS_REPEAT, KS_NEAREST, KS_NEAREST,
+                                 clientPixels, true);
+                if (!Image(client->GetKSTexture()).clientStorage)
+                    ++wrongSetting;
+                _pContext->BindTexture2D(client->GetKSTexture());
+                if (BoundTexture() != client->GetKSTexture())
+                    ++wrongBinding;
+                ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
+                _pContext->UnbindTexture2D();
+            }
+        });
+    std::thread second(
+        [&]
+        {
+            unsigned char pixels[2 * 2 * 4] = {};
+            startTogether();
+            for (int round = 0; round < kRounds; ++round)
+            {
+                copied->SetImage(2, 2, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
+                                 pixels, false);
+                if (Image(copied->GetKSTexture()).clientStorage)
+                    ++wrongSetting;
+                // Client storage again, from this side: the attachment's.
+                frameBuffer->Resize(2 + round % 2, 2);
+                if (!Image(attachment->GetKSTexture()).clientStorage)
+                    ++wrongSetting;
+                _pContext->BindTexture2D(copied->GetKSTexture());
+                if (BoundTexture() != copied->GetKSTexture())
+                    ++wrongBinding;
+                _pContext->UnbindTexture2D();
+            }
+        });
+    first.join();
+    second.join();
+
+    EXPECT_EQ(wrongBinding.load(), 0) << "a pair was open on both threads at once";
+    EXPECT_EQ(wrongSetting.load(), 0) << "client storage leaked into the other's image";
+    EXPECT_EQ(BoundTexture(), before);
+    const TextureRecord image = Image(client->GetKSTexture());
+    ASSERT_EQ(image.bytes.size(), sizeof(clientPixels));
+    EXPECT_EQ(std::memcmp(image.bytes.data(), clientPixels, sizeof(clientPixels)), 0)
+        << "the client's own memory is its texture";
+    EXPECT_NO_KS_ERROR();
+
+    _pContext->DestroyIKSFrameBuffer(frameBuffer);
+    _pContext->DestroyIKSTexImage2D(client);
+    _pContext->DestroyIKSTexImage2D(copied);
+    ksDeleteTextures(1, &before);
+}
+
+// One thread completes passes: a frame leaves 0.25 everywhere, and the sum
+// of the accumulated attachment grows by 1 - 0.25 under the attachment's
+// lock. The other reads the sum under the same lock and must only ever see
+// it whole: every component alike, a whole number of passes, never fewer
+// than it saw before. Binding the frame buffer, which gives the lock up on
+// the binding thread only, must not hand the reader's hold away.
+TEST_F(ThreadStress, LockedReadsSeeOnlyWholePassesWhilePassesComplete)
+{
+    constexpr int kSize = 16;
+    constexpr int kPasses = 40;
+    constexpr float kLeft = 0.75f; // 1 - 0.25 per pass
+    BoundFrame frame(_pContext, kSize, Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
+    IKSFrameBufferAttachment* attachment = frame.pAttachment;
+    ASSERT_NE(attachment, nullptr);
+    AutoRenderHook hook(
+        [](void* context)
+        {
+            ksClearColor(0.25f, 0.25f, 0.25f, 0.25f);
+            ksClear(KS_COLOR_BUFFER_BIT);
+            KestrelStopContext(context);
+        });
+    auto completePass = [&]
+    {
+        const bool rendered = _pContext->RenderFrame() == IKestrelContext::kRFS_Stopped;
+        const bool locked = attachment->Lock(kInfinite);
+        const bool summed = attachment->NotifyPassCompleted();
+        if (locked)
+            attachment->UnLock();
+        return rendered && locked && summed;
+    };
+    // The sum is undefined until a first pass has made it.
+    ASSERT_TRUE(completePass());
+
+    std::atomic<bool> done{false};
+    std::atomic<int> failedPasses{0};
+    std::thread passes(
+        [&]
+        {
+            for (int pass = 1; pass < kPasses; ++pass)
+            {
+                if (!completePass())
+                    ++failedPasses;
+                if (pass % 4 == 0)
+                    frame.FrameBuffer()->Bind();
+            }
+            done = true;
+        });
+
+    constexpr int kFloats = kSize * kSize * 4;
+    std::vector<float> sum(kFloats);
+    int reads = 0;
+    int lastSeen = 0;
+    bool whole = true;
+    bool monotonic = true;
+    while (!done || reads == 0)
+    {
+        if (!attachment->Lock(1000))
+            continue;
+        std::memcpy(sum.data(), attachment->GetClientBuffer(), sizeof(float) * kFloats);
+        attachment->UnLock();
+        std::this_thread::yield();
+        ++reads;
+        const float passesSeen = sum[0] / kLeft;
+        const int seen = static_cast<int>(passesSeen);
+        for (float value : sum)
+            whole = whole && value == sum[0];
+        whole = whole && passesSeen == static_cast<float>(seen) && seen >= 1 && seen <= kPasses;
+        monotonic = monotonic && seen >= lastSeen;
+        lastSeen = seen;
+    }
+    passes.join();
+
+    EXPECT_EQ(failedPasses.load(), 0);
+    EXPECT_TRUE(whole) << "a read saw a pass half summed";
+    EXPECT_TRUE(monotonic) << "a read saw the sum go back";
+    ASSERT_TRUE(attachment->Lock(0)) << "nobody holds the lock any more";
+    std::memcpy(sum.data(), attachment->GetClientBuffer(), sizeof(float) * kFloats);
+    attachment->UnLock();
+    EXPECT_EQ(sum[0], kPasses * kLeft);
+    EXPECT_EQ(sum[kFloats - 1], kPasses * kLeft);
+    EXPECT_NO_KS_ERROR();
+}
