@@ -24,7 +24,8 @@ class VIREO_EXPORT IKSShader
 {
 public:
     // Index into the table of Kestrel shader kinds; the order is fixed.
-    enum Type
+    // A fixed underlying type: values outside the list are defined, and refused.
+    enum Type : int
     {
         kST_LinkOnce = 0,
         kST_Vertex = 1,

@@ -68,6 +68,10 @@ KSShader::~KSShader()
 
 int KSShader::TypeToKSEnum(IKSShader::Type type)
 {
+    // A type outside the table gives 0, which Kestrel refuses as a kind: the
+    // host sees a failed creation rather than a read past the table.
+    if (type < kST_LinkOnce || type > kST_Kind3)
+        return 0;
     return kShaderKinds[type];
 }
 

@@ -381,6 +381,18 @@ TEST_F(BadInput, BufferUsagesOutsideTheTableReachKestrelAsNone)
     }
 }
 
+TEST_F(BadInput, ShaderTypesOutsideTheTableMakeNoShader)
+{
+    for (const int type : {4, 100, -1, INT_MIN, INT_MAX})
+    {
+        SCOPED_TRACE(::testing::Message() << "type " << type);
+        CallLog log;
+        EXPECT_EQ(_pContext->CreateIKSShader(static_cast<IKSShader::Type>(type)), nullptr);
+        EXPECT_EQ(log.CallsOf("ksCreateShader"), Calls{"ksCreateShader(0)"});
+        EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
+    }
+}
+
 TEST_F(BadInput, BindPointsAndAccessesOutsideTheirTablesUseTheFirstRow)
 {
     IKSBuffer* buffer = _pContext->CreateIKSBuffer();
