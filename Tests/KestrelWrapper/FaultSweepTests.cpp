@@ -987,30 +987,6 @@ std::vector<Row> AllRows()
     return rows;
 }
 
-// The Kestrel context behind a wrapper context, as the render hook names it:
-// the wrapper keeps its handle to itself.
-void* KestrelHandleOf(IKestrelContext* context)
-{
-    std::atomic<void*> handle{nullptr};
-    IKSFrameBuffer* frameBuffer = context->CreateIKSFrameBuffer();
-    if (frameBuffer->Init(1, 1) &&
-        frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode0,
-                                      Color4f{}) != nullptr)
-    {
-        frameBuffer->Bind();
-        Kestrel::Testing::AutoRenderHook hook(
-            [&handle](void* rendered)
-            {
-                handle = rendered;
-                KestrelStopContext(rendered);
-            });
-        context->RenderFrame();
-        ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
-    }
-    context->DestroyIKSFrameBuffer(frameBuffer);
-    return handle;
-}
-
 class FaultSweep : public WrapperFixture
 {
 protected:

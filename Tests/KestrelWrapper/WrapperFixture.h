@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,31 @@ using Vireo::Testing::RecordingConsole;
 inline std::string Text(KSprimitive handle)
 {
     return std::to_string(static_cast<unsigned>(handle));
+}
+
+// The Kestrel context behind a wrapper context, as the render hook names it:
+// the wrapper keeps its handle to itself.
+inline void* KestrelHandleOf(Vireo::IKestrelContext* context)
+{
+    using Att = Vireo::IKSFrameBufferAttachment;
+    std::atomic<void*> handle{nullptr};
+    Vireo::IKSFrameBuffer* frameBuffer = context->CreateIKSFrameBuffer();
+    if (frameBuffer->Init(1, 1) &&
+        frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode0,
+                                      Vireo::Color4f{}) != nullptr)
+    {
+        frameBuffer->Bind();
+        Kestrel::Testing::AutoRenderHook hook(
+            [&handle](void* rendered)
+            {
+                handle = rendered;
+                KestrelStopContext(rendered);
+            });
+        context->RenderFrame();
+        ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
+    }
+    context->DestroyIKSFrameBuffer(frameBuffer);
+    return handle;
 }
 
 class WrapperFixture : public ::testing::Test
