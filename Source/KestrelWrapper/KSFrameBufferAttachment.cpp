@@ -1,5 +1,6 @@
 #include "KestrelWrapper/KSFrameBufferAttachment.h"
 
+#include "KestrelWrapper/AutoContextTexture2D.h"
 #include "KestrelWrapper/IKestrelContext.h"
 
 #include <cstddef>
@@ -300,12 +301,11 @@ void KSFrameBufferAttachment::_SpecifyTexture(int width, int height, eFormat for
                                               eDataType dataType)
 {
     const int ksFormat = kFormatToKSEnum[format];
-    _pContext->BindTexture2D(_pTexture);
+    AutoContextTexture2D binding(_pContext, _pTexture);
     ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1);
     ksTexImage2D(KS_TEXTURE_2D, 0, ksFormat, width, height, 0, ksFormat,
                  kDataTypeToKSEnum[dataType], _pClientBuffer);
     ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0);
-    _pContext->UnbindTexture2D();
 }
 
 // An empty image of Kestrel's own: 0 x 0, no pixels, no client storage.
@@ -315,9 +315,8 @@ void KSFrameBufferAttachment::_DetachStorageFromTexture()
 {
     if (_pTexture == nullptr)
         return;
-    _pContext->BindTexture2D(_pTexture);
+    AutoContextTexture2D binding(_pContext, _pTexture);
     ksTexImage2D(KS_TEXTURE_2D, 0, 0, 0, 0, 0, 0, 0, nullptr);
-    _pContext->UnbindTexture2D();
 }
 
 void KSFrameBufferAttachment::_FreeBuffers()

@@ -1,6 +1,7 @@
 #include "KestrelWrapper/KSTexImage.h"
 
 #include "Foundation/AssertSite.h"
+#include "KestrelWrapper/AutoContextTexture2D.h"
 #include "KestrelWrapper/KestrelContextImp.h"
 #include "KestrelWrapper/ObjectFactory.h"
 
@@ -54,23 +55,6 @@ bool TypeToKSEnum(IKSTexImage::TextureFormat eFormat, int& nType)
 {
     return LookUp<69>(kTypes, eFormat, nType);
 }
-
-// Holds the context's texture pair for a scope: the lock, with the texture
-// bound and the earlier binding put back at the end.
-class AutoContextTexture2D
-{
-public:
-    AutoContextTexture2D(IKestrelContext* context, _KStexture* texture) : _pContext(context)
-    {
-        _pContext->BindTexture2D(texture);
-    }
-    ~AutoContextTexture2D() { _pContext->UnbindTexture2D(); }
-    AutoContextTexture2D(const AutoContextTexture2D&) = delete;
-    AutoContextTexture2D& operator=(const AutoContextTexture2D&) = delete;
-
-private:
-    IKestrelContext* _pContext;
-};
 
 } // namespace
 
