@@ -39,6 +39,18 @@ const Row& RowOf(const Row (&table)[N], int index)
     return index >= 0 && static_cast<std::size_t>(index) < N ? table[index] : table[0];
 }
 
+// A buffer of another context is refused by the bind, and the map then shows
+// whatever this context has at pixel pack, of another size: copy only when
+// the map is of the buffer itself.
+bool MapsBuffer(const KSBufferMapping& mapping, IKSBuffer* buffer)
+{
+    if (mapping.GetMap() == nullptr)
+        return false;
+    _KSbuffer* bound = nullptr;
+    ksGetBuffer(KS_PIXEL_PACK_BUFFER_BINDING, &bound);
+    return bound == buffer->GetKSBuffer();
+}
+
 } // namespace
 
 // --- KSBufferMapping -------------------------------------------------------------
@@ -97,7 +109,7 @@ KSBufferSafeMapping<T>::KSBufferSafeMapping(IKSBuffer* buffer, KSBufferMapping::
 {
     KSBufferMapping mapping(buffer, KSBufferMapping::kAccess_ReadOnly,
                             KSBufferMapping::kBindPoint_PixelPack);
-    if (mapping.GetMap() == nullptr)
+    if (!MapsBuffer(mapping, buffer))
         return;
     const std::size_t nCount = static_cast<std::size_t>(buffer->GetSize()) / sizeof(T);
     _pData = new T[nCount];
@@ -112,7 +124,7 @@ KSBufferSafeMapping<T>::~KSBufferSafeMapping()
     std::unique_ptr<T[]> data(_pData);
     KSBufferMapping mapping(_pBuffer, KSBufferMapping::kAccess_WriteOnly,
                             KSBufferMapping::kBindPoint_PixelPack);
-    if (mapping.GetMap() != nullptr)
+    if (MapsBuffer(mapping, _pBuffer))
         std::memcpy(mapping.GetMap(), data.get(),
                     static_cast<std::size_t>(_pBuffer->GetSize()) / sizeof(T) * sizeof(T));
 }

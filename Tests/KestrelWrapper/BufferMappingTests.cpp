@@ -249,3 +249,43 @@ TEST_F(MappingTest, MultipleMappingCopiesEachListedBufferAndTheLaterCopyWins)
     EXPECT_EQ(log.Calls(), Calls{});
     EXPECT_NO_KS_ERROR();
 }
+
+// Kestrel refuses to bind a buffer of another context, and the map then shows
+// whatever this context has at pixel pack: neither copy may run over it.
+TEST_F(MappingTest, SafeMappingOfAnotherContextsBufferLeavesThisContextsBufferAlone)
+{
+    IKSBuffer* small = Filled({1, 2, 3, 4});
+    ksBindBuffer(KS_PIXEL_PACK_BUFFER, small->GetKSBuffer());
+
+    RecordingConsole otherConsole;
+    Vireo::IKestrelContext* other =
+        _pManager->CreateKestrelContext(&otherConsole, false, true, nullptr);
+    ASSERT_NE(other, nullptr);
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(other));
+    IKSBuffer* foreign = other->CreateIKSBuffer();
+    ASSERT_TRUE(foreign->Init(IKSBuffer::kUsage_DynamicDraw, 256));
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
+
+    {
+        KSBufferSafeMapping<char> mapping(foreign, KSBufferMapping::kAccess_ReadWrite);
+        EXPECT_EQ(mapping.GetMap(), nullptr) << "the copy in reads past this context's buffer";
+    }
+    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE) << "the refused bind";
+
+    // Opened in the buffer's own context, ended in this one.
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(other));
+    auto* late = new KSBufferSafeMapping<char>(foreign, KSBufferMapping::kAccess_ReadWrite);
+    ASSERT_NE(late->GetMap(), nullptr);
+    std::memset(late->GetMap(), 9, 256);
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
+    delete late;
+    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
+    EXPECT_EQ(Contents(small), (Bytes{1, 2, 3, 4})) << "the copy back wrote into it";
+    EXPECT_EQ(BoundAt(KS_PIXEL_PACK_BUFFER_BINDING), small->GetKSBuffer());
+
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(other));
+    EXPECT_TRUE(other->DestroyIKSBuffer(foreign));
+    EXPECT_TRUE(_pManager->DestroyKestrelContext(other));
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
+    EXPECT_NO_KS_ERROR();
+}

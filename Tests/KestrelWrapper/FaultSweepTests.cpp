@@ -857,7 +857,7 @@ std::vector<Row> BufferTextureRows()
          },
          "copy",
          "null",
-         {"ksMapBuffer"}},
+         {"ksMapBuffer", "ksBindBuffer"}},
         {"KSBufferMappingMultiple scope",
          [](Bench& b)
          {
@@ -871,7 +871,7 @@ std::vector<Row> BufferTextureRows()
          },
          "copy copy",
          "null copy",
-         {"ksMapBuffer"}},
+         {"ksMapBuffer", "ksBindBuffer"}},
         {"texture SetImage", [](Bench& b) { b.Texture(); },
          [](Bench& b)
          {
