@@ -269,22 +269,17 @@ bool KSFrameBuffer::_UpdateFilterTable(IKSFrameBufferFilter* filter)
 bool KSFrameBuffer::_UpdateFilter()
 {
     // A table without entries (Kestrel's limit read as 0) goes as the neutral
-    // filter: Kestrel refuses a size of 0 and would read the table by the
-    // size it already holds.
-    if (_pFilterTable != nullptr && _nFilterTableSize != 0)
-    {
-        ksFrameParameter1f(KS_FILTER_SIZE, _fFilterSize);
-        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, static_cast<int>(_nFilterTableSize));
-        ksFrameParameterfv(KS_FILTER_TABLE, _pFilterTable);
-    }
-    else
-    {
-        // The neutral filter: one entry of 1 on a size of 1.
-        const float neutral = 1.0f;
-        ksFrameParameter1f(KS_FILTER_SIZE, 1.0f);
-        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1);
-        ksFrameParameterfv(KS_FILTER_TABLE, &neutral);
-    }
+    // filter, one entry of 1 on a size of 1: Kestrel refuses a size of 0 and
+    // would read the table by the size it already holds.
+    const float neutral = 1.0f;
+    const bool bTable = _pFilterTable != nullptr && _nFilterTableSize != 0;
+    ksFrameParameter1f(KS_FILTER_SIZE, bTable ? _fFilterSize : 1.0f);
+    const unsigned nErrors = Detail::KestrelErrorsOnThisThread();
+    ksFrameParameter1i(KS_FILTER_TABLE_SIZE, bTable ? static_cast<int>(_nFilterTableSize) : 1);
+    // Refused, the size stays what it was, perhaps more than this table
+    // holds: the earlier table stays in force rather than be read past.
+    if (Detail::KestrelErrorsOnThisThread() == nErrors)
+        ksFrameParameterfv(KS_FILTER_TABLE, bTable ? _pFilterTable : &neutral);
     for (KSFrameBufferAttachment* attachment : _listAttachments)
     {
         // Cannot fail: Init lets no blend mode through that Kestrel lacks.

@@ -394,6 +394,39 @@ TEST_F(WrapperFixture, RefusedOrRemovedFilterLeavesTheNeutralOne)
     EXPECT_NO_KS_ERROR();
 }
 
+// Kestrel reads a table by the size it holds: when it refuses a new size,
+// the smaller table that follows must not go to it.
+TEST_F(WrapperFixture, RefusedTableSizeKeepsTheEarlierTableInForce)
+{
+    RecordingFilter wide(4.0f);
+    RecordingFilter narrow(0.5f);
+    for (RecordingFilter* next : {static_cast<RecordingFilter*>(nullptr), &narrow})
+    {
+        SCOPED_TRACE(next == nullptr ? "neutral" : "narrow");
+        KSFrameBuffer frameBuffer(_pContext);
+        ASSERT_TRUE(frameBuffer.Init(2, 2));
+        ASSERT_TRUE(frameBuffer.SetFilter(&wide));
+        EXPECT_NO_KS_ERROR();
+        Kestrel::Testing::AutoFaults faults;
+        Kestrel::Testing::InjectFault("ksFrameParameter1i");
+        CallLog log;
+        EXPECT_TRUE(frameBuffer.SetFilter(next));
+        EXPECT_EQ(log.CallsOf("ksFrameParameterfv"), Calls{});
+        EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION) << "the injected refusal";
+        int held = 0;
+        ksGetIntegerv(KS_FILTER_TABLE_SIZE, &held);
+        EXPECT_EQ(held, 32);
+
+        // Once Kestrel takes sizes again, the next Bind sends the new table.
+        log.Clear();
+        frameBuffer.Bind();
+        EXPECT_EQ(log.CallsOf("ksFrameParameterfv").size(), 1u);
+        ksGetIntegerv(KS_FILTER_TABLE_SIZE, &held);
+        EXPECT_EQ(held, next == nullptr ? 1 : 4);
+        EXPECT_NO_KS_ERROR();
+    }
+}
+
 TEST_F(WrapperFixture, BindAndSetFilterGiveBackOneHoldOfTheCaller)
 {
     KSFrameBuffer frameBuffer(_pContext);
