@@ -21,6 +21,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <vector>
 
 using namespace Kestrel;
 
@@ -42,22 +43,81 @@ constexpr unsigned kAttachmentBits = 0xFFFFu * KS_COLOR_ATTACHMENT0_BIT;
 // than one per core, which would only make the threads take turns.
 int ThreadCount(const ContextSettings& settings)
 {
+    const int cores = std::max(1, tbb::info::default_concurrency());
+    return settings._nRenderThreads > 0 ? std::min(settings._nRenderThreads, cores) : cores;
+}
+
+// Threads of the arena, which builds the scene and, outside the race
+// checker, renders the tiles. TBB and the ray tracing kernels are not built
+// for the race checker, which cannot see how they hand work and memory from
+// thread to thread and would report each hand-over as a race: under it the
+// arena keeps to the calling thread.
+int ArenaThreadCount(const ContextSettings& settings)
+{
 #if defined(KESTREL_RACE_CHECKED)
-    // TBB and the ray tracing kernels are not built for the race checker,
-    // which cannot see how they hand work and memory from thread to thread
-    // and reports each hand-over as a race. Under it a frame keeps to the
-    // calling thread; everything else about it is unchanged.
     (void)settings;
     return 1;
 #else
-    const int cores = std::max(1, tbb::info::default_concurrency());
-    return settings._nRenderThreads > 0 ? std::min(settings._nRenderThreads, cores) : cores;
+    return ThreadCount(settings);
 #endif
 }
 
-// Renders the job's tiles in `arena`. False when a stop came while tiles
-// were left.
-bool RenderTiles(tbb::task_arena& arena, const FrameJob& job,
+// The tile at `tile` of a job `columns` tiles wide.
+void RenderTileAt(const FrameJob& job, long long tile, long long columns, TileStatistics* mine)
+{
+    // Image edges are at most kMaxTextureSize, so these sums fit.
+    const int x0 = job._nX0 + static_cast<int>(tile % columns) * kTileSize;
+    const int y0 = job._nY0 + static_cast<int>(tile / columns) * kTileSize;
+    RenderTile(job, x0, y0, std::min(x0 + kTileSize, job._nX1), std::min(y0 + kTileSize, job._nY1),
+               mine);
+}
+
+#if defined(KESTREL_RACE_CHECKED)
+// Under the race checker the tiles go to threads it sees start and end,
+// each taking the next tile number from a shared counter, so that what the
+// tiles write is checked against each other as in a normal build.
+bool RenderTilesOnPlainThreads(int threads, const FrameJob& job, long long tiles, long long columns,
+                               const std::atomic<bool>& stopRequested, TileStatistics* total)
+{
+    std::atomic<long long> next{0};
+    std::atomic<bool> skipped{false};
+    std::vector<TileStatistics> parts(static_cast<std::size_t>(threads));
+    auto work = [&](std::size_t worker)
+    {
+        for (long long tile = next.fetch_add(1); tile < tiles; tile = next.fetch_add(1))
+        {
+            if (stopRequested.load(std::memory_order_acquire))
+            {
+                skipped.store(true, std::memory_order_relaxed);
+                return;
+            }
+            RenderTileAt(job, tile, columns, &parts[worker]);
+        }
+    };
+    std::vector<std::thread> workers;
+    for (std::size_t worker = 1; worker < parts.size(); ++worker)
+    {
+        try
+        {
+            workers.emplace_back(work, worker);
+        }
+        catch (const std::system_error&)
+        {
+            break; // fewer threads, same tiles
+        }
+    }
+    work(0);
+    for (std::thread& worker : workers)
+        worker.join();
+    for (const TileStatistics& part : parts)
+        *total += part;
+    return !skipped.load();
+}
+#endif
+
+// Renders the job's tiles in `arena`, or under the race checker on `threads`
+// plain threads. False when a stop came while tiles were left.
+bool RenderTiles(tbb::task_arena& arena, int threads, const FrameJob& job,
                  const std::atomic<bool>& stopRequested, TileStatistics* total)
 {
     const long long columns = (job._nX1 - job._nX0 + kTileSize - 1) / kTileSize;
@@ -66,6 +126,11 @@ bool RenderTiles(tbb::task_arena& arena, const FrameJob& job,
     if (tiles == 0 || job._targets.empty())
         return true;
 
+#if defined(KESTREL_RACE_CHECKED)
+    (void)arena;
+    return RenderTilesOnPlainThreads(threads, job, tiles, columns, stopRequested, total);
+#else
+    (void)threads; // the arena's own
     std::atomic<bool> skipped{false};
     tbb::combinable<TileStatistics> statistics;
     arena.execute(
@@ -83,17 +148,14 @@ bool RenderTiles(tbb::task_arena& arena, const FrameJob& job,
                             skipped.store(true, std::memory_order_relaxed);
                             break;
                         }
-                        // Image edges are at most kMaxTextureSize, so these sums fit.
-                        const int x0 = job._nX0 + static_cast<int>(tile % columns) * kTileSize;
-                        const int y0 = job._nY0 + static_cast<int>(tile / columns) * kTileSize;
-                        RenderTile(job, x0, y0, std::min(x0 + kTileSize, job._nX1),
-                                   std::min(y0 + kTileSize, job._nY1), &mine);
+                        RenderTileAt(job, tile, columns, &mine);
                     }
                 },
                 tbb::simple_partitioner());
         });
     statistics.combine_each([total](const TileStatistics& part) { *total += part; });
     return !skipped.load();
+#endif
 }
 
 // The frame as the bound frame buffer and the frame parameters describe it;
@@ -229,7 +291,7 @@ void ksRenderFrame(void)
     std::optional<tbb::task_arena> arena;
     try
     {
-        arena.emplace(ThreadCount(settings));
+        arena.emplace(ArenaThreadCount(settings));
         arena->execute([&] { built = BuildJob(call, &job); });
     }
     catch (const std::bad_alloc&)
@@ -275,7 +337,7 @@ void ksRenderFrame(void)
     const auto tilesStart = std::chrono::steady_clock::now();
     bool finished = !context._bStopRequested.load(std::memory_order_acquire);
     if (finished)
-        finished = RenderTiles(*arena, job, context._bStopRequested, &total);
+        finished = RenderTiles(*arena, ThreadCount(settings), job, context._bStopRequested, &total);
     const double seconds =
         buildSeconds +
         std::chrono::duration<double>(std::chrono::steady_clock::now() - tilesStart).count();
