@@ -90,6 +90,11 @@ KESTREL_EXPORT void InjectFault(const std::string& function, int count = 1,
 // raise `error` (e.g. a ksUniform3fv that stores its value but reports
 // KS_INVALID_OPERATION).
 KESTREL_EXPORT void InjectErrorAfter(const std::string& function, int error, int count = 1);
+// Lets the next `count` calls of `function` through untouched. Faults of a
+// function queue up in the order given, so LetPass("ksBindBuffer", 1) and
+// then InjectFault("ksBindBuffer") fail the second call. Counts as pending
+// until used up.
+KESTREL_EXPORT void LetPass(const std::string& function, int count);
 // Faults injected and not yet used up, summed over functions.
 KESTREL_EXPORT int PendingFaults();
 KESTREL_EXPORT void ClearFaults();

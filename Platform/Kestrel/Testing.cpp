@@ -363,6 +363,12 @@ void InjectErrorAfter(const std::string& function, int error, int count)
     AddFault(function, FaultAction::kFM_ErrorAfter, count, error);
 }
 
+void LetPass(const std::string& function, int count)
+{
+    RequireFunction(function);
+    AddFault(function, FaultAction::kFM_None, count, KS_NO_ERROR);
+}
+
 int PendingFaults()
 {
     std::lock_guard<std::mutex> lock(FaultMutex());

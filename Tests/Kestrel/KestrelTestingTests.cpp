@@ -156,6 +156,20 @@ TEST_F(KestrelFaults, CountsArePerFunctionAndUsedUpInOrder)
     EXPECT_NO_KS_ERROR();
 }
 
+TEST_F(KestrelFaults, LetPassQueuesAFaultBehindGoodCalls)
+{
+    AutoFaults faults;
+    LetPass("ksGenTextures", 2);
+    InjectFault("ksGenTextures", 1, 0);
+    EXPECT_EQ(PendingFaults(), 3);
+    EXPECT_NE(NewTexture(), nullptr);
+    EXPECT_NE(NewTexture(), nullptr);
+    EXPECT_EQ(NewTexture(), nullptr) << "the third call fails";
+    EXPECT_NE(NewTexture(), nullptr);
+    EXPECT_EQ(PendingFaults(), 0);
+    EXPECT_NO_KS_ERROR();
+}
+
 TEST_F(KestrelFaults, AutoFaultsClearsAtScopeEnd)
 {
     {
