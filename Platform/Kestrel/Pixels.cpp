@@ -192,10 +192,25 @@ void FillPixels(unsigned char* data, std::size_t pixelCount, const unsigned char
 {
     if (pixelCount == 0 || pixelBytes == 0)
         return;
+    const std::size_t total = pixelCount * pixelBytes;
+    constexpr std::size_t kRun = 64;
+    if (kRun % pixelBytes == 0)
+    {
+        // One cache line of pixels stored over and over: fixed-size copies
+        // become plain vector stores, which read nothing back from memory.
+        unsigned char line[kRun];
+        for (std::size_t k = 0; k < kRun; k += pixelBytes)
+            std::memcpy(line + k, pixel, pixelBytes);
+        std::size_t done = 0;
+        for (; done + kRun <= total; done += kRun)
+            std::memcpy(data + done, line, kRun);
+        // The rest is whole pixels, and the line starts on a pixel.
+        std::memcpy(data + done, line, total - done);
+        return;
+    }
     std::memcpy(data, pixel, pixelBytes);
     // Double the filled run up to a block that stays in cache, then copy that
     // block along: long copies whose source is never read back from memory.
-    const std::size_t total = pixelCount * pixelBytes;
     const std::size_t block =
         std::min(total, std::max<std::size_t>(1, 4096 / pixelBytes) * pixelBytes);
     std::size_t filled = pixelBytes;

@@ -289,8 +289,10 @@ TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
          {1.0f, 0.0f, 5.0f, -5.0f},
          {2147483647.0, 0, 2147483647.0, -2147483647.0}},
     };
-    constexpr int kWidth = 3;
-    constexpr int kHeight = 2;
+    // 111 pixels: whole runs of filled bytes and a ragged end, for every
+    // pixel size.
+    constexpr int kWidth = 37;
+    constexpr int kHeight = 3;
     for (const Case& c : cases)
     {
         SCOPED_TRACE(c.label);
