@@ -180,17 +180,9 @@ TEST_F(KestrelBuffers, NameIsEmptyUntilSet)
 // ---------------------------------------------------------------------------
 // Textures
 
-class KestrelTextures : public KestrelFixture
+class KestrelTextures : public BoundTextureFixture
 {
 protected:
-    void SetUp() override
-    {
-        KestrelFixture::SetUp();
-        _pTexture = NewTexture();
-        ksBindTexture(KS_TEXTURE_2D, _pTexture);
-        ASSERT_NO_KS_ERROR();
-    }
-
     // Binds a frame buffer with `texture` at attachment 0 and clears it.
     void ClearThrough(_KStexture* texture, float r, float g, float b, float a)
     {
@@ -204,7 +196,6 @@ protected:
         ksClear(KS_COLOR_BUFFER_BIT);
     }
 
-    _KStexture* _pTexture = nullptr;
     _KSframebuffer* _pFramebuffer = nullptr;
 };
 

@@ -238,6 +238,20 @@ protected:
     void* _pContext = nullptr;
     int _nContextsBefore = 0;
 };
+// A fresh texture bound at the 2D target.
+class BoundTextureFixture : public KestrelFixture
+{
+protected:
+    void SetUp() override
+    {
+        KestrelFixture::SetUp();
+        _pTexture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, _pTexture);
+        ASSERT_TRUE(NoKsError());
+    }
+
+    _KStexture* _pTexture = nullptr;
+};
 
 } // namespace KestrelTest
 

@@ -292,25 +292,15 @@ TEST_F(KestrelUniformValues, PrimitiveRecordsNameProgramAndBlocks)
 // ---------------------------------------------------------------------------
 // Texture contents
 
-class KestrelTextureContents : public KestrelFixture
+class KestrelTextureContents : public BoundTextureFixture
 {
 protected:
-    void SetUp() override
-    {
-        KestrelFixture::SetUp();
-        _pTexture = NewTexture();
-        ksBindTexture(KS_TEXTURE_2D, _pTexture);
-        ASSERT_NO_KS_ERROR();
-    }
-
     TextureRecord Level(int level)
     {
         TextureRecord record;
         EXPECT_TRUE(ReadTexture(_pTexture, level, &record)) << "level " << level;
         return record;
     }
-
-    _KStexture* _pTexture = nullptr;
 };
 
 TEST_F(KestrelTextureContents, ImagesAreCopiedUnlessClientStorage)
