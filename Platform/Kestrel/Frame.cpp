@@ -267,8 +267,7 @@ void ksClear(unsigned int mask)
         if (!selected || !texture || !texture->_pImage)
             continue;
         TextureImage& image = *texture->_pImage;
-        const std::size_t pixelBytes =
-            static_cast<std::size_t>(ChannelCount(image._eFormat) * ChannelBytes(image._eType));
+        const std::size_t pixelBytes = PixelBytes(image._eFormat, image._eType);
         if (pixelBytes == 0)
             continue;
         unsigned char pixel[16];

@@ -144,6 +144,12 @@ int ChannelBytes(int type)
     return entry ? entry->_nBytes : 0;
 }
 
+std::size_t PixelBytes(int format, int type)
+{
+    return static_cast<std::size_t>(ChannelCount(format)) *
+           static_cast<std::size_t>(ChannelBytes(type));
+}
+
 bool IsAcceptedImageFormat(int internalFormat, int format, int type)
 {
     if (internalFormat == 0 && format == 0 && type == 0)
@@ -153,7 +159,7 @@ bool IsAcceptedImageFormat(int internalFormat, int format, int type)
 
 bool ImageBytes(int width, int height, int format, int type, std::size_t* bytes)
 {
-    const std::size_t pixel = static_cast<std::size_t>(ChannelCount(format) * ChannelBytes(type));
+    const std::size_t pixel = PixelBytes(format, type);
     const std::size_t w = static_cast<std::size_t>(std::max(width, 0));
     const std::size_t h = static_cast<std::size_t>(std::max(height, 0));
     // Divisions instead of products, so that nothing can wrap.

@@ -12,6 +12,8 @@ namespace Kestrel
 int ChannelCount(int format);
 // Bytes of one channel of a pixel type; 0 for an unknown type.
 int ChannelBytes(int type);
+// Bytes of one pixel, ChannelCount * ChannelBytes; 0 when either is unknown.
+std::size_t PixelBytes(int format, int type);
 
 // ksTexImage2D takes a format equal to its internal format, with one of
 // the six pixel types, or 0 for all three: an image without pixels.

@@ -41,7 +41,7 @@ void WriteSample(const FrameTarget& target, int width, int x, int y, const float
 {
     const TextureImage& image = *target._pImage;
     const int channels = ChannelCount(image._eFormat);
-    const std::size_t pixelBytes = static_cast<std::size_t>(channels * ChannelBytes(image._eType));
+    const std::size_t pixelBytes = PixelBytes(image._eFormat, image._eType);
     unsigned char* pixel =
         image.Data() + (static_cast<std::size_t>(y) * static_cast<std::size_t>(width) +
                         static_cast<std::size_t>(x)) *

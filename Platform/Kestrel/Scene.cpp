@@ -353,8 +353,7 @@ Vec3 TextureSampler::Sample(float u, float v) const
     const int width = image._nWidth;
     const int height = image._nHeight;
     const unsigned char* data = image.Data();
-    const std::size_t pixelBytes =
-        static_cast<std::size_t>(ChannelCount(image._eFormat) * ChannelBytes(image._eType));
+    const std::size_t pixelBytes = PixelBytes(image._eFormat, image._eType);
     if (!data || width <= 0 || height <= 0 || pixelBytes == 0)
         return {};
     auto texel = [&](int x, int y)
