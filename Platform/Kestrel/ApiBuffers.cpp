@@ -76,7 +76,7 @@ void ksGenBuffers(int count, _KSbuffer** buffers)
     {
         auto buffer = std::make_shared<BufferObject>();
         buffer->_nId = NewId();
-        buffer->_nSerial = context.NextSerial(kOK_Buffer);
+        buffer->_nSerial = context.NextSerial(kOK_Buffer, buffer->_nId);
         buffers[i] = HandleOf<_KSbuffer>(buffer->_nId);
         context._buffers.Add(std::move(buffer));
     }
@@ -99,7 +99,6 @@ void ksDeleteBuffers(int count, _KSbuffer** buffers)
         if (!call.CheckDeletable(kOK_Buffer, id))
             continue;
         context._buffers.Remove(id);
-        context.MarkDeleted(kOK_Buffer, id);
         for (Id& bound : context._boundBuffers)
             if (bound == id)
                 bound = 0;

@@ -68,7 +68,7 @@ void ksGenFramebuffers(int count, _KSframebuffer** framebuffers)
     {
         auto framebuffer = std::make_shared<FramebufferObject>();
         framebuffer->_nId = NewId();
-        framebuffer->_nSerial = context.NextSerial(kOK_Framebuffer);
+        framebuffer->_nSerial = context.NextSerial(kOK_Framebuffer, framebuffer->_nId);
         framebuffers[i] = HandleOf<_KSframebuffer>(framebuffer->_nId);
         context._framebuffers.Add(std::move(framebuffer));
     }
@@ -91,7 +91,6 @@ void ksDeleteFramebuffers(int count, _KSframebuffer** framebuffers)
         if (!call.CheckDeletable(kOK_Framebuffer, id))
             continue;
         context._framebuffers.Remove(id);
-        context.MarkDeleted(kOK_Framebuffer, id);
         if (context._nBoundFramebuffer == id)
             context._nBoundFramebuffer = 0;
     }

@@ -230,7 +230,7 @@ void ksGenPrimitives(int count, KSprimitive* primitives)
         }
         auto primitive = std::make_shared<PrimitiveObject>();
         primitive->_nId = number;
-        primitive->_nSerial = context.NextSerial(kOK_Primitive);
+        primitive->_nSerial = context.NextSerial(kOK_Primitive, primitive->_nId);
         context._primitives.Add(std::move(primitive));
         primitives[i] = static_cast<KSprimitive>(number);
     }
@@ -253,7 +253,6 @@ void ksDeletePrimitives(int count, KSprimitive* primitives)
         if (!call.CheckDeletable(kOK_Primitive, number))
             continue;
         context._primitives.Remove(number);
-        context.MarkDeleted(kOK_Primitive, number);
         if (context._nBoundPrimitive == number)
             context._nBoundPrimitive = 0;
     }

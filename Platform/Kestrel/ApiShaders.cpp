@@ -113,7 +113,7 @@ _KSshader* ksCreateShader(int kind)
     Context& context = call.Ctx();
     auto shader = std::make_shared<ShaderObject>();
     shader->_nId = NewId();
-    shader->_nSerial = context.NextSerial(kOK_Shader);
+    shader->_nSerial = context.NextSerial(kOK_Shader, shader->_nId);
     shader->_eKind = kind;
     const Id id = shader->_nId;
     context._shaders.Add(std::move(shader));
@@ -127,7 +127,6 @@ void ksDeleteShader(_KSshader* shader)
         return;
     // Programs that hold the shader keep their reference to it.
     call.Ctx()._shaders.Remove(IdOf(shader));
-    call.Ctx().MarkDeleted(kOK_Shader, IdOf(shader));
 }
 
 void ksShaderSource(_KSshader* shader, long long count, const char** strings, const int* lengths)
@@ -254,7 +253,7 @@ _KSprogram* ksCreateProgram(void)
     Context& context = call.Ctx();
     auto program = std::make_shared<ProgramObject>();
     program->_nId = NewId();
-    program->_nSerial = context.NextSerial(kOK_Program);
+    program->_nSerial = context.NextSerial(kOK_Program, program->_nId);
     const Id id = program->_nId;
     context._programs.Add(std::move(program));
     return HandleOf<_KSprogram>(id);
@@ -268,7 +267,6 @@ void ksDeleteProgram(_KSprogram* program)
     Context& context = call.Ctx();
     const Id id = IdOf(program);
     context._programs.Remove(id);
-    context.MarkDeleted(kOK_Program, id);
     auto drop = [id](PrimitiveObject& primitive)
     {
         if (primitive._nProgram == id)

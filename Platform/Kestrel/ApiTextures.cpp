@@ -70,7 +70,7 @@ void ksGenTextures(int count, _KStexture** textures)
     {
         auto texture = std::make_shared<TextureObject>();
         texture->_nId = NewId();
-        texture->_nSerial = context.NextSerial(kOK_Texture);
+        texture->_nSerial = context.NextSerial(kOK_Texture, texture->_nId);
         textures[i] = HandleOf<_KStexture>(texture->_nId);
         context._textures.Add(std::move(texture));
     }
@@ -93,7 +93,6 @@ void ksDeleteTextures(int count, _KStexture** textures)
         if (!call.CheckDeletable(kOK_Texture, id))
             continue;
         context._textures.Remove(id);
-        context.MarkDeleted(kOK_Texture, id);
         if (context._nBoundTexture == id)
             context._nBoundTexture = 0;
         // Uniforms keep the stale id; readers look textures up by id.

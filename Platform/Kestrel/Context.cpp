@@ -3,8 +3,10 @@
 #include "Instrumentation.h"
 #include "Scene.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 
 namespace Kestrel
 {
@@ -143,14 +145,46 @@ Context::Context(Id id, int serial, const ContextSettings& settings,
     _nRayDepthLimit = settings._nMaxRayDepth < 8 ? settings._nMaxRayDepth : 8;
 }
 
+void Context::IssuedIds::Add(Id id)
+{
+    if (!_runs.empty() && _runs.back().second + 1 == id)
+        _runs.back().second = id;
+    else
+        _runs.emplace_back(id, id);
+}
+
+bool Context::IssuedIds::Contains(Id id) const
+{
+    // The runs are in issue order, so sorted and apart.
+    auto after =
+        std::upper_bound(_runs.begin(), _runs.end(), id,
+                         [](Id value, const std::pair<Id, Id>& run) { return value < run.first; });
+    return after != _runs.begin() && id <= std::prev(after)->second;
+}
+
+int Context::NextSerial(ObjectKind kind, Id id)
+{
+    (kind == kOK_Primitive ? _issuedPrimitives : _issuedIds).Add(id);
+    return ++_nextSerial[kind];
+}
+
 HandleState Context::StateOf(ObjectKind kind, Id id) const
 {
     if (id == 0)
         return kHS_Null;
     if (SerialOf(kind, id) != 0)
         return kHS_Live;
-    auto it = _deleted.find(id);
-    return it != _deleted.end() && it->second == kind ? kHS_Deleted : kHS_Foreign;
+    if (kind == kOK_Primitive)
+        return _issuedPrimitives.Contains(id) ? kHS_Deleted : kHS_Foreign;
+    if (!_issuedIds.Contains(id))
+        return kHS_Foreign;
+    // Issued here: stale, unless it is a live object of another kind.
+    for (ObjectKind other : {kOK_Shader, kOK_Program, kOK_Buffer, kOK_Texture, kOK_Framebuffer})
+    {
+        if (other != kind && SerialOf(other, id) != 0)
+            return kHS_Foreign;
+    }
+    return kHS_Deleted;
 }
 
 int Context::SerialOf(ObjectKind kind, Id id) const
@@ -212,7 +246,8 @@ void Context::ReleaseObjects()
     _textures.Clear();
     _framebuffers.Clear();
     _framePrimitive = PrimitiveObject();
-    _deleted.clear();
+    _issuedIds.Clear();
+    _issuedPrimitives.Clear();
     // A frame still in flight holds its own reference to the scene.
     _pScene.reset();
     _sceneKey.clear();

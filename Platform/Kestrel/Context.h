@@ -15,12 +15,14 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace Kestrel
@@ -173,8 +175,11 @@ public:
     long long _nSceneBuilds = 0;
 
     HandleState StateOf(ObjectKind kind, Id id) const;
-    void MarkDeleted(ObjectKind kind, Id id) { _deleted[id] = kind; }
-    int NextSerial(ObjectKind kind) { return ++_nextSerial[kind]; }
+    // Records `id` as issued by this context for a new object of `kind` and
+    // gives the object's serial.
+    int NextSerial(ObjectKind kind, Id id);
+    // What the records behind StateOf hold: runs of issued ids.
+    std::size_t IssuedRuns() const { return _issuedIds.Runs() + _issuedPrimitives.Runs(); }
     // The serial of a live object, 0 when `id` is not live as `kind`.
     int SerialOf(ObjectKind kind, Id id) const;
     // 0 is the frame primitive; null when the number is not live.
@@ -184,7 +189,25 @@ public:
     void ReleaseObjects();
 
 private:
-    std::unordered_map<Id, ObjectKind> _deleted;
+    // Ids issued here, as runs of consecutive ids: ids only grow, so a run
+    // breaks only where another context took ids in between. A handle that
+    // is not live is stale if it lies in a run and foreign if not, and no
+    // record of each deletion is kept, which would grow for as long as the
+    // context lives.
+    class IssuedIds
+    {
+    public:
+        void Add(Id id);
+        bool Contains(Id id) const;
+        void Clear() { _runs.clear(); }
+        std::size_t Runs() const { return _runs.size(); }
+
+    private:
+        std::vector<std::pair<Id, Id>> _runs; // first, last
+    };
+
+    IssuedIds _issuedIds;        // the one sequence of all handles
+    IssuedIds _issuedPrimitives; // primitive numbers have their own
     std::array<int, kOK_Count> _nextSerial{};
 };
 

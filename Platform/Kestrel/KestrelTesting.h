@@ -158,6 +158,10 @@ struct ObjectCounts
 KESTREL_EXPORT ObjectCounts CountObjects(void* context);
 // Live contexts of the process.
 KESTREL_EXPORT int CountContexts();
+// How many runs of consecutive ids a context keeps to tell a stale handle
+// from a foreign one: its bookkeeping of handles, which must not grow with
+// every object made and deleted. -1 for a context that is not live.
+KESTREL_EXPORT int CountIssuedRuns(void* context);
 
 // Additions: read back what the runtime stored, for checks that the call log
 // cannot make. Each acts on the current context and gives false when there

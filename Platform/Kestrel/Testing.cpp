@@ -436,6 +436,15 @@ std::string Describe(_KSframebuffer* handle)
     return DescribeInCurrent(kOK_Framebuffer, IdOf(handle));
 }
 
+int CountIssuedRuns(void* context)
+{
+    std::shared_ptr<Context> live = Registry::Instance().Find(IdOf(context));
+    if (!live)
+        return -1;
+    std::lock_guard<std::mutex> lock(live->_mutex);
+    return static_cast<int>(live->IssuedRuns());
+}
+
 ObjectCounts CountObjects(void* context)
 {
     ObjectCounts counts;

@@ -11,6 +11,7 @@ namespace KestrelTest
 namespace
 {
 
+using Kestrel::Testing::CountIssuedRuns;
 using Kestrel::Testing::CountObjects;
 using Kestrel::Testing::ObjectCounts;
 
@@ -462,6 +463,56 @@ TEST_F(KestrelHandles, HandlesAreNeverReused)
         EXPECT_EQ(kind.count(0), 0u) << "a creation failed";
     }
     EXPECT_NO_KS_ERROR();
+}
+
+// A context that makes and deletes objects for as long as it lives keeps no
+// record per deletion, and still tells its own stale handles (deleting one
+// is silent) from those of another context (an error).
+TEST_F(KestrelHandles, ChurnKeepsTheBookkeepingSmallAndStaleHandlesKnown)
+{
+    _KSbuffer* first = NewBuffer();
+    KSprimitive firstPrimitive = NewPrimitive();
+    const int runs = CountIssuedRuns(_pContext);
+    ASSERT_GT(runs, 0);
+    for (int i = 0; i < 10000; ++i)
+    {
+        _KSbuffer* buffer = NewBuffer();
+        _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
+        KSprimitive primitive = NewPrimitive();
+        ksDeleteBuffers(1, &buffer);
+        ksDeleteShader(shader);
+        ksDeletePrimitives(1, &primitive);
+    }
+    ASSERT_NO_KS_ERROR();
+    EXPECT_EQ(CountIssuedRuns(_pContext), runs) << "a record for each object";
+
+    // Another context takes ids and numbers in between: one more run of each.
+    void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
+    ASSERT_EQ(KestrelSetCurrentContext(other), 1);
+    _KSbuffer* foreign = NewBuffer();
+    KSprimitive foreignPrimitive = NewPrimitive();
+    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
+    _KSbuffer* late = NewBuffer();
+    KSprimitive latePrimitive = NewPrimitive();
+    EXPECT_EQ(CountIssuedRuns(_pContext), runs + 2);
+
+    for (int round = 0; round < 2; ++round)
+    {
+        SCOPED_TRACE(round == 0 ? "live" : "stale: silent");
+        for (_KSbuffer* buffer : {first, late})
+            ksDeleteBuffers(1, &buffer);
+        for (KSprimitive primitive : {firstPrimitive, latePrimitive})
+            ksDeletePrimitives(1, &primitive);
+        EXPECT_NO_KS_ERROR();
+    }
+    ksBindBuffer(KS_ARRAY_BUFFER, late);
+    EXPECT_KS_ERROR(KS_INVALID_VALUE) << "binding a stale handle";
+    ksDeleteBuffers(1, &foreign);
+    EXPECT_KS_ERROR(KS_INVALID_VALUE) << "another context's buffer";
+    ksDeletePrimitives(1, &foreignPrimitive);
+    EXPECT_KS_ERROR(KS_INVALID_VALUE) << "another context's primitive";
+    EXPECT_EQ(CountIssuedRuns(ForgedHandle<void>()), -1);
+    KestrelDestroyContext(other);
 }
 
 } // namespace
