@@ -104,21 +104,24 @@ struct UniformValue
 enum BuiltIn
 {
     // Shapes and their placement (vertex shaders).
-    kBI_Sphere,         // (vec3 centre, float radius)
-    kBI_Box,            // (vec3 lo, vec3 hi)
-    kBI_Plane,          // (vec3 point, vec3 normal)
-    kBI_Triangles,      // (uniformblock vertices)
-    kBI_Transform,      // (mat4 m)
-                        // Materials (ray shaders).
+    kBI_Sphere,    // (vec3 centre, float radius)
+    kBI_Box,       // (vec3 lo, vec3 hi)
+    kBI_Plane,     // (vec3 point, vec3 normal)
+    kBI_Triangles, // (uniformblock vertices)
+    kBI_Transform, // (mat4 m)
+
+    // Materials (ray shaders).
     kBI_Diffuse,        // (vec3 albedo)
     kBI_DiffuseTexture, // (texture t)
     kBI_Emissive,       // (vec3 radiance)
     kBI_Mirror,         // (vec3 tint)
     kBI_Glass,          // (float ior)
-                        // The frame (frame shaders).
-    kBI_Camera,         // (vec3 eye, vec3 target, vec3 up, float fov_degrees)
-    kBI_Background,     // (vec3 radiance)
-    kBI_Output,         // (int attachment, channel)
+
+    // The frame (frame shaders).
+    kBI_Camera,     // (vec3 eye, vec3 target, vec3 up, float fov_degrees)
+    kBI_Background, // (vec3 radiance)
+    kBI_Output,     // (int attachment, channel)
+
     kBI_Count
 };
 

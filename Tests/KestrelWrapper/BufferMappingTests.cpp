@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
 
 using namespace WrapperTest;
 using Kestrel::Testing::AutoFaults;
@@ -274,11 +275,12 @@ TEST_F(MappingTest, SafeMappingOfAnotherContextsBufferLeavesThisContextsBufferAl
 
     // Opened in the buffer's own context, ended in this one.
     ASSERT_TRUE(_pManager->SetCurrentKestrelContext(other));
-    auto* late = new KSBufferSafeMapping<char>(foreign, KSBufferMapping::kAccess_ReadWrite);
+    auto late =
+        std::make_unique<KSBufferSafeMapping<char>>(foreign, KSBufferMapping::kAccess_ReadWrite);
     ASSERT_NE(late->GetMap(), nullptr);
     std::memset(late->GetMap(), 9, 256);
     ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
-    delete late;
+    late.reset();
     EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
     EXPECT_EQ(Contents(small), (Bytes{1, 2, 3, 4})) << "the copy back wrote into it";
     EXPECT_EQ(BoundAt(KS_PIXEL_PACK_BUFFER_BINDING), small->GetKSBuffer());
