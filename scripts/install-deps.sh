@@ -5,7 +5,10 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ clang libclang-rt-14-dev
           libgtest-dev libgmock-dev libbenchmark-dev libpng-dev
-          libembree-dev libtbb-dev libcli11-dev libtinyexr-dev)
+          libembree-dev libtbb-dev libcli11-dev libtinyexr-dev
+          libtinygltf-dev libtinyobjloader-dev
+          libopenmpi-dev openmpi-bin
+          doxygen dpkg-dev file)
 
 missing=()
 for p in "${packages[@]}"; do
