@@ -1,9 +1,10 @@
-// Value types of the wrapper's interface: vectors, matrices, colours and a
-// rectangle. Each holds nothing but its components, tightly packed, so that
-// an array of them can go to Kestrel as one run of float or int.
-//
-// All are aggregates: `Vector3f v{1.0f, 2.0f, 3.0f}`; default construction
-// gives zeros.
+/// \file
+/// Value types of the wrapper's interface: vectors, matrices, colours and a
+/// rectangle. Each holds nothing but its components, tightly packed, so that
+/// an array of them can go to Kestrel as one run of float or int.
+///
+/// All are aggregates: `Vector3f v{1.0f, 2.0f, 3.0f}`; default construction
+/// gives zeros.
 #ifndef VIREO_FOUNDATION_VALUETYPES_H
 #define VIREO_FOUNDATION_VALUETYPES_H
 
@@ -15,97 +16,114 @@
 namespace Vireo
 {
 
+/// A point or direction in the plane, in floats.
 struct Vector2f
 {
-    float x = 0.0f;
-    float y = 0.0f;
+    float x = 0.0f; ///< Horizontal component.
+    float y = 0.0f; ///< Vertical component.
 
-    // Both components to positive zero.
+    /// Both components to positive zero.
     VIREO_EXPORT void Origin();
+    /// Copies both components of `other`.
     VIREO_EXPORT void Set(const Vector2f& other);
-    // Each to the nearest float: beyond 2^24 the low bits are lost.
+    /// Each to the nearest float: beyond 2^24 the low bits are lost.
     VIREO_EXPORT void Set(int nX, int nY);
+    /// Sets both components.
     VIREO_EXPORT void Set(float fX, float fY);
-    // Narrows each component by itself.
+    /// Narrows each component by itself.
     VIREO_EXPORT void Set(double dX, double dY);
 };
 
+/// A point, direction or colour triple in floats, as shader uniforms take it.
 struct Vector3f
 {
-    float x = 0.0f;
-    float y = 0.0f;
-    float z = 0.0f;
+    float x = 0.0f; ///< First component.
+    float y = 0.0f; ///< Second component.
+    float z = 0.0f; ///< Third component.
 };
 
+/// Four floats, as vec4 uniforms take them.
 struct Vector4f
 {
-    float x = 0.0f;
-    float y = 0.0f;
-    float z = 0.0f;
-    float w = 0.0f;
+    float x = 0.0f; ///< First component.
+    float y = 0.0f; ///< Second component.
+    float z = 0.0f; ///< Third component.
+    float w = 0.0f; ///< Fourth component.
 };
 
+/// Two ints: a pixel position or a size.
 struct Vector2i
 {
-    int x = 0;
-    int y = 0;
+    int x = 0; ///< Horizontal component.
+    int y = 0; ///< Vertical component.
 };
 
+/// Three ints, as ivec3 uniforms take them.
 struct Vector3i
 {
-    int x = 0;
-    int y = 0;
-    int z = 0;
+    int x = 0; ///< First component.
+    int y = 0; ///< Second component.
+    int z = 0; ///< Third component.
 };
 
+/// Four ints, as ivec4 uniforms take them.
 struct Vector4i
 {
-    int x = 0;
-    int y = 0;
-    int z = 0;
-    int w = 0;
+    int x = 0; ///< First component.
+    int y = 0; ///< Second component.
+    int z = 0; ///< Third component.
+    int w = 0; ///< Fourth component.
 };
 
-// m[row][column]; rows are contiguous, row after row.
+/// m[row][column]; rows are contiguous, row after row.
 struct Matrix33f
 {
-    float m[3][3] = {};
+    float m[3][3] = {}; ///< The elements, m[row][column].
 };
 
+/// A 4 x 4 matrix of floats, m[row][column]; rows are contiguous.
 struct Matrix44f
 {
-    float m[4][4] = {};
+    float m[4][4] = {}; ///< The elements, m[row][column].
 };
 
+/// A colour without alpha.
 struct Color3f
 {
-    float r = 0.0f;
-    float g = 0.0f;
-    float b = 0.0f;
+    float r = 0.0f; ///< Red.
+    float g = 0.0f; ///< Green.
+    float b = 0.0f; ///< Blue.
 };
 
+/// A colour with alpha, e.g. the clear value of an attachment.
 struct Color4f
 {
-    float r = 0.0f;
-    float g = 0.0f;
-    float b = 0.0f;
-    float a = 0.0f;
+    float r = 0.0f; ///< Red.
+    float g = 0.0f; ///< Green.
+    float b = 0.0f; ///< Blue.
+    float a = 0.0f; ///< Alpha.
 };
 
-// Stored by two opposite corners, not by corner and size.
+/// Stored by two opposite corners, not by corner and size.
 template <class V, class T>
 struct Rect2
 {
-    V min{};
-    V max{};
+    V min{}; ///< The corner with the smaller coordinates.
+    V max{}; ///< The opposite corner.
 
+    /// Extent along x: max.x - min.x.
     T Width() const { return max.x - min.x; }
+    /// Extent along y: max.y - min.y.
     T Height() const { return max.y - min.y; }
 };
 
+/// A rectangle of pixels, e.g. a viewport or a render region.
 using Rect2i = Rect2<Vector2i, int>;
 
-// Exact, component by component: -0 equals +0 and NaN equals nothing.
+/// ame Comparison
+/// @{
+
+/// Exact, component by component: -0 equals +0 and NaN equals nothing.
 inline bool operator==(const Vector2f& a, const Vector2f& b)
 {
     return a.x == b.x && a.y == b.y;
@@ -164,6 +182,7 @@ inline bool operator==(const Rect2<V, T>& a, const Rect2<V, T>& b)
     return a.min == b.min && a.max == b.max;
 }
 
+/// Defines operator!= of a value type as the negation of its operator==.
 #define VIREO_VALUE_TYPE_NOT_EQUAL(Type)                                                           \
     inline bool operator!=(const Type& a, const Type& b)                                           \
     {                                                                                              \
@@ -185,9 +204,10 @@ inline bool operator!=(const Rect2<V, T>& a, const Rect2<V, T>& b)
 {
     return !(a == b);
 }
+/// @}
 
-// The layout promise: components only, in order, with no padding, and safe
-// to copy as bytes.
+/// The layout promise: components only, in order, with no padding, and safe
+/// to copy as bytes.
 #define VIREO_VALUE_TYPE_LAYOUT(Type, Component, Count)                                            \
     static_assert(sizeof(Type) == (Count) * sizeof(Component), #Type " must be tightly packed");   \
     static_assert(alignof(Type) == alignof(Component), #Type " must align like its components");   \

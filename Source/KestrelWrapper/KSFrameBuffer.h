@@ -1,6 +1,7 @@
-// A Kestrel frame buffer with the attachments it owns and the pixel filter
-// of the host, sampled into a table; and the scoped binding of a frame
-// buffer.
+/// \file
+/// A Kestrel frame buffer with the attachments it owns and the pixel filter
+/// of the host, sampled into a table; and the scoped binding of a frame
+/// buffer.
 #ifndef VIREO_KESTRELWRAPPER_KSFRAMEBUFFER_H
 #define VIREO_KESTRELWRAPPER_KSFRAMEBUFFER_H
 
@@ -17,73 +18,85 @@ namespace Vireo
 
 class IKestrelContext;
 
-// The host's pixel filter. The library calls it only inside
-// KSFrameBuffer::SetFilter, on the calling thread, and keeps no pointer to
-// it afterwards.
+/// The host's pixel filter. The library calls it only inside
+/// KSFrameBuffer::SetFilter, on the calling thread, and keeps no pointer to
+/// it afterwards.
 class VIREO_EXPORT IKSFrameBufferFilter
 {
 public:
     IKSFrameBufferFilter() = default;
+    /// Copies nothing: the interface holds no state.
     IKSFrameBufferFilter(const IKSFrameBufferFilter&) = default;
+    /// Assigns nothing: the interface holds no state.
     IKSFrameBufferFilter& operator=(const IKSFrameBufferFilter&) = default;
 
-    // The extent of the filter; below 0.5 it is refused.
+    /// The extent of the filter; below 0.5 it is refused.
     virtual float GetFilterSize() = 0;
-    // The filter's value at (x, y), both from 0 up to, not including, the
-    // size.
+    /// The filter's value at (x, y), both from 0 up to, not including, the
+    /// size.
     virtual float Sample(float x, float y) = 0;
 
 protected:
     virtual ~IKSFrameBufferFilter() = default;
 };
 
+/// A frame buffer: the size of a frame and its attachments, bound for
+/// rendering. Made by IKestrelContext::CreateIKSFrameBuffer.
 class VIREO_EXPORT IKSFrameBuffer
 {
 public:
     IKSFrameBuffer() = default;
+    /// Copies nothing: the interface holds no state.
     IKSFrameBuffer(const IKSFrameBuffer&) = default;
+    /// Assigns nothing: the interface holds no state.
     IKSFrameBuffer& operator=(const IKSFrameBuffer&) = default;
 
+    /// Gives the frame buffer its size and Kestrel handle.
     virtual bool Init(int width, int height) = 0;
+    /// Gives the attachments and the handle back to Kestrel.
     virtual void Shutdown() = 0;
-    // Every attachment follows; the walk goes on past a failure.
+    /// Every attachment follows; the walk goes on past a failure.
     virtual bool Resize(int width, int height) = 0;
-    // Null removes the filter. Sends the filter and every attachment's
-    // parameters to Kestrel, like Bind, but binds nothing.
+    /// Null removes the filter. Sends the filter and every attachment's
+    /// parameters to Kestrel, like Bind, but binds nothing.
     virtual bool SetFilter(IKSFrameBufferFilter* filter) = 0;
+    /// Clears every attachment to its clear colour.
     virtual void Clear() = 0;
-    // Clears every attachment of that index.
+    /// Clears every attachment of that index.
     virtual void ClearAttachment(int index) = 0;
-    // Leaves this frame buffer bound and sends its filter and attachments
-    // again, for the filter is Kestrel state, not the frame buffer's. Gives
-    // up one hold of each attachment's lock by the calling thread.
+    /// Leaves this frame buffer bound and sends its filter and attachments
+    /// again, for the filter is Kestrel state, not the frame buffer's. Gives
+    /// up one hold of each attachment's lock by the calling thread.
     virtual bool Bind() = 0;
-    // Null, with a message on the process-wide console, when the attachment
-    // cannot be set up. A second attachment at an index takes over its
-    // attachment point; both stay.
+    /// Null, with a message on the process-wide console, when the attachment
+    /// cannot be set up. A second attachment at an index takes over its
+    /// attachment point; both stay.
     virtual IKSFrameBufferAttachment*
     CreateAttachment(int index, IKSFrameBufferAttachment::eFormat format,
                      IKSFrameBufferAttachment::eDataType dataType, bool filterEnabled,
                      IKSFrameBufferAttachment::eBlendMode blendMode, const Color4f& clearColor) = 0;
-    // Only for an attachment of this frame buffer.
+    /// Only for an attachment of this frame buffer.
     virtual bool DestroyAttachment(IKSFrameBufferAttachment* attachment) = 0;
 
 protected:
-    // Frame buffers go back through IKestrelContext::DestroyIKSFrameBuffer.
+    /// Frame buffers go back through IKestrelContext::DestroyIKSFrameBuffer.
     virtual ~IKSFrameBuffer() = default;
 };
 
+/// The library's frame buffer; hosts use it through IKSFrameBuffer.
 class VIREO_EXPORT KSFrameBuffer : public IKSFrameBuffer
 {
 public:
+    /// A frame buffer of `context`, without handle until Init.
     explicit KSFrameBuffer(IKestrelContext* context);
-    // Member-wise: a copy names the same Kestrel frame buffer, attachments
-    // and filter table, and only one of the two may be shut down.
+    /// Member-wise: a copy names the same Kestrel frame buffer, attachments
+    /// and filter table, and only one of the two may be shut down.
     KSFrameBuffer(const KSFrameBuffer&) = default;
+    /// Member-wise assignment.
     KSFrameBuffer& operator=(const KSFrameBuffer&) = default;
     ~KSFrameBuffer() override;
 
-    // A frame buffer already made refuses a second Init.
+    /// A frame buffer already made refuses a second Init.
     bool Init(int width, int height) override;
     void Shutdown() override;
     bool Resize(int width, int height) override;
@@ -98,11 +111,15 @@ public:
                                                const Color4f& clearColor) override;
     bool DestroyAttachment(IKSFrameBufferAttachment* attachment) override;
 
+    /// The Kestrel handle.
     _KSframebuffer* GetKSFrameBuffer() const { return _handle; }
     // The sampled filter: n x n floats row after row, the entry of row r and
     // column c sampled at (c, r) times size / n. Null without a filter.
+    /// The sampled pixel filter, row after row; null without a filter.
     const float* GetFilterTable() const { return _pFilterTable; }
+    /// Samples per side of the filter table.
     std::uint64_t GetFilterTableSize() const { return _nFilterTableSize; }
+    /// Width of the pixel filter, in pixels.
     float GetFilterSize() const { return _fFilterSize; }
 
 private:
@@ -124,11 +141,12 @@ private:
     float* _pFilterTable = nullptr;
 };
 
-// Binds a frame buffer for a scope and binds back what was bound before,
-// also when the scope is left by an exception. Scopes nest.
+/// Binds a frame buffer for a scope and binds back what was bound before,
+/// also when the scope is left by an exception. Scopes nest.
 class VIREO_EXPORT AutoBindKSFrameBuffer
 {
 public:
+    /// Saves the bound frame buffer and binds `frameBuffer`.
     explicit AutoBindKSFrameBuffer(_KSframebuffer* frameBuffer);
     ~AutoBindKSFrameBuffer();
     AutoBindKSFrameBuffer(const AutoBindKSFrameBuffer&) = delete;

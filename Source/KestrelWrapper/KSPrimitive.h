@@ -1,4 +1,5 @@
-// The wrapper of one Kestrel primitive, and the scoped binding of one.
+/// \file
+/// The wrapper of one Kestrel primitive, and the scoped binding of one.
 #ifndef VIREO_KESTRELWRAPPER_KSPRIMITIVE_H
 #define VIREO_KESTRELWRAPPER_KSPRIMITIVE_H
 
@@ -9,21 +10,23 @@ namespace Vireo
 
 class IMgrConsole;
 
+/// The library's primitive; hosts use it through IKSPrimitive.
 class VIREO_EXPORT KSPrimitive : public IKSPrimitive
 {
 public:
     KSPrimitive() = default;
-    // Member-wise: a copy names the same Kestrel primitive, and only one of
-    // the two may give it back.
+    /// Member-wise: a copy names the same Kestrel primitive, and only one of
+    /// the two may give it back.
     KSPrimitive(const KSPrimitive&) = default;
+    /// Member-wise assignment.
     KSPrimitive& operator=(const KSPrimitive&) = default;
     ~KSPrimitive() override;
 
-    // Makes the Kestrel primitive. Always true: the call is not examined.
+    /// Makes the Kestrel primitive. Always true: the call is not examined.
     bool Init(IKestrelContext* context);
-    // The same without a Kestrel primitive: the context's null primitive.
+    /// The same without a Kestrel primitive: the context's null primitive.
     bool InitNull(IKestrelContext* context);
-    // Gives the Kestrel primitive back and forgets the context; repeatable.
+    /// Gives the Kestrel primitive back and forgets the context; repeatable.
     void Shutdown();
 
     void SetName(const std::string& name) override;
@@ -81,8 +84,8 @@ private:
     std::string _sName;
     bool _bTrace = false;
 
-    // Traces every setter but the single-int one when set. The library never
-    // writes it; hosts and tests do.
+    /// Traces every setter but the single-int one when set. The library never
+    /// writes it; hosts and tests do.
     static bool s_bTrace;
     friend struct KSPrimitiveTraceSwitch;
 };
@@ -94,13 +97,15 @@ struct VIREO_EXPORT KSPrimitiveTraceSwitch
     static bool Get();
 };
 
-// Binds a primitive for a scope and puts back what was bound before.
+/// Binds a primitive for a scope and puts back what was bound before.
 class VIREO_EXPORT AutoBindKSPrimitive
 {
 public:
+    /// Saves the bound primitive and binds `primitive`.
     explicit AutoBindKSPrimitive(IKSPrimitive* primitive);
     ~AutoBindKSPrimitive();
     AutoBindKSPrimitive(const AutoBindKSPrimitive&) = delete;
+    /// Takes over what `other` will put back.
     AutoBindKSPrimitive& operator=(const AutoBindKSPrimitive& other);
 
 private:

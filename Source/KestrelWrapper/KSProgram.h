@@ -1,5 +1,6 @@
-// The wrapper of one Kestrel program: the shaders attached to it, its link,
-// and the listeners told of each link and of its end.
+/// \file
+/// The wrapper of one Kestrel program: the shaders attached to it, its link,
+/// and the listeners told of each link and of its end.
 #ifndef VIREO_KESTRELWRAPPER_KSPROGRAM_H
 #define VIREO_KESTRELWRAPPER_KSPROGRAM_H
 
@@ -14,23 +15,24 @@ namespace Vireo
 
 class IMgrConsole;
 
-// Holds its shaders without owning them and sits on each one's delete list,
-// so that a shader and a program may die in either order.
+/// Holds its shaders without owning them and sits on each one's delete list,
+/// so that a shader and a program may die in either order.
 class VIREO_EXPORT KSProgram : public IKSProgram
 {
 public:
-    // No Kestrel call.
+    /// No Kestrel call.
     explicit KSProgram(IMgrConsole* console);
-    // Member-wise: a copy holds the same Kestrel program, and only one of the
-    // two may give it back. The shaders do not learn of the copy.
+    /// Member-wise: a copy holds the same Kestrel program, and only one of the
+    /// two may give it back. The shaders do not learn of the copy.
     KSProgram(const KSProgram&) = default;
+    /// Member-wise assignment.
     KSProgram& operator=(const KSProgram&) = default;
     ~KSProgram() override;
 
-    // Makes the Kestrel program; false when Kestrel gives none.
+    /// Makes the Kestrel program; false when Kestrel gives none.
     bool Init();
-    // Tells the delete listeners, deletes the program and leaves every
-    // shader's delete list; repeatable. Always true.
+    /// Tells the delete listeners, deletes the program and leaves every
+    /// shader's delete list; repeatable. Always true.
     bool Shutdown();
 
     bool AddListenerDelete(fastdelegate::FastDelegate1<IKSProgram*, bool>& listener) override;
@@ -49,17 +51,18 @@ public:
     _KSprogram* GetKSProgram() override;
 
 protected:
+    /// Links the attached shaders and tells the link listeners.
     bool _Link();
-    // On each attached shader's delete list: forgets and detaches the shader
-    // while its handle is still valid. Always true.
+    /// On each attached shader's delete list: forgets and detaches the shader
+    /// while its handle is still valid. Always true.
     bool _OnDeleteShader(IKSShader* shader);
-    // The link log, with the program's name, on the console.
+    /// The link log, with the program's name, on the console.
     bool _PrintErrors();
 
 private:
-    // Built afresh at each use; every build compares the same.
+    /// Built afresh at each use; every build compares the same.
     fastdelegate::FastDelegate1<IKSShader*, bool> _ShaderDeleteListener();
-    // Takes `shader` out of the array; false when it was not there.
+    /// Takes `shader` out of the array; false when it was not there.
     bool _Forget(IKSShader* shader);
 
     IMgrConsole* _pConsole;

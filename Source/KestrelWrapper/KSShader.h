@@ -1,5 +1,6 @@
-// The wrapper of one Kestrel shader: its name, its source and compile, and
-// the listeners told of its changes and of its end.
+/// \file
+/// The wrapper of one Kestrel shader: its name, its source and compile, and
+/// the listeners told of its changes and of its end.
 #ifndef VIREO_KESTRELWRAPPER_KSSHADER_H
 #define VIREO_KESTRELWRAPPER_KSSHADER_H
 
@@ -13,10 +14,11 @@ namespace Vireo
 
 class IMgrConsole;
 
+/// The library's shader; hosts use it through IKSShader.
 class VIREO_EXPORT KSShader : public IKSShader
 {
 public:
-    // When a compile prints the shader's source.
+    /// When a compile prints the shader's source.
     enum Trace : int
     {
         kTrace_None = 0,
@@ -24,17 +26,18 @@ public:
         kTrace_Always = 2,
     };
 
-    // In release mode the source is never printed. No Kestrel call.
+    /// In release mode the source is never printed. No Kestrel call.
     KSShader(IMgrConsole* console, bool releaseMode);
-    // Member-wise: a copy holds the same Kestrel shader, and only one of the
-    // two may give it back.
+    /// Member-wise: a copy holds the same Kestrel shader, and only one of the
+    /// two may give it back.
     KSShader(const KSShader&) = default;
+    /// Member-wise assignment.
     KSShader& operator=(const KSShader&) = default;
     ~KSShader() override;
 
-    // Makes the Kestrel shader of the kind; false when Kestrel gives none.
+    /// Makes the Kestrel shader of the kind; false when Kestrel gives none.
     bool Init(IKSShader::Type type);
-    // Tells the delete listeners, then gives the handle back; repeatable.
+    /// Tells the delete listeners, then gives the handle back; repeatable.
     void Shutdown();
 
     bool AddListenerDelete(fastdelegate::FastDelegate1<IKSShader*, bool>& listener) override;
@@ -48,9 +51,11 @@ public:
     Type GetType() override;
 
 protected:
+    /// Compiles the current source; the log goes to `result`, if given.
     bool _Compile(Result* result);
-    // Adds the compile log to `result`, if given.
+    /// Adds the compile log to `result`, if given.
     bool _PrintErrors(Result* result);
+    /// Adds the source with line numbers to `result`, if given.
     bool _PrintSource(Result* result);
 
 private:
@@ -64,7 +69,7 @@ private:
     ListenerList<fastdelegate::FastDelegate0<bool>> _setListenerChange;
     bool _bReleaseMode;
 
-    // Read by every compile; the library never writes it, hosts and tests do.
+    /// Read by every compile; the library never writes it, hosts and tests do.
     static Trace _eTrace;
     friend struct KSShaderTraceSwitch;
 };

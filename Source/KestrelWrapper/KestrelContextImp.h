@@ -1,4 +1,5 @@
-// The one implementation of IKestrelContext.
+/// \file
+/// The one implementation of IKestrelContext.
 #ifndef VIREO_KESTRELWRAPPER_KESTRELCONTEXTIMP_H
 #define VIREO_KESTRELWRAPPER_KESTRELCONTEXTIMP_H
 
@@ -8,12 +9,13 @@
 namespace Vireo
 {
 
+/// The library's context; hosts use it through IKestrelContext.
 class VIREO_EXPORT KestrelContextImp : public IKestrelContext
 {
 public:
-    // Note the flag order: the reverse of the manager's operations.
+    /// Note the flag order: the reverse of the manager's operations.
     KestrelContextImp(IMgrConsole* console, bool printLeakReport, bool releaseMode);
-    // Adopts `existingContext`, which this object never destroys.
+    /// Adopts `existingContext`, which this object never destroys.
     KestrelContextImp(void* existingContext, IMgrConsole* console, bool printLeakReport,
                       bool releaseMode);
     ~KestrelContextImp() override;
@@ -66,21 +68,28 @@ public:
     bool GetKSIsFilteredAccumulatesEnabled() override;
     bool GetKSVersionIsCompatible(int& major, int& minor) override;
 
-    // Second phase: true when a Kestrel context exists afterwards. With
-    // `recreate` it tears down first.
+    /// Second phase: true when a Kestrel context exists afterwards. With
+    /// `recreate` it tears down first.
     virtual bool CreateKestrelContext(bool recreate, const long long* attributes);
-    // Teardown; the object stays usable for a further CreateKestrelContext.
+    /// Teardown; the object stays usable for a further CreateKestrelContext.
     virtual void DestroyKestrelContext();
+    /// Makes the Kestrel context current.
     virtual bool MakeKestrelContextActive();
-    // Entry for Kestrel's notifications; `message` may be null.
+    /// Entry for Kestrel's notifications; `message` may be null.
     virtual void KestrelNotification(int code, const char* message);
+    /// Links a program of one shader; null on failure.
     virtual _KSprogram* CreateProgram(_KSshader* shader);
+    /// Links a program of two shaders; null on failure.
     virtual _KSprogram* CreateProgram(_KSshader* first, _KSshader* second);
+    /// Deletes a program of the raw path.
     virtual bool DestroyProgram(_KSprogram* program);
 
 protected:
+    /// Compiles a shader; the log goes to the console.
     bool _CompileShaderObject(_KSshader* shader);
+    /// Links a program; the log goes to the console.
     bool _LinkShaderProgram(_KSprogram* program);
+    /// Prints the objects still alive, by kind.
     void _PrintLeakReport();
 
 private:
@@ -109,10 +118,10 @@ private:
 namespace Detail
 {
 
-// How many Kestrel errors have been notified on the calling thread so far.
-// Kestrel notifies before the failing call returns, so comparing the count
-// around a call tells whether that call was refused, without ksGetError,
-// which would take the error away from the host. Not exported.
+/// How many Kestrel errors have been notified on the calling thread so far.
+/// Kestrel notifies before the failing call returns, so comparing the count
+/// around a call tells whether that call was refused, without ksGetError,
+/// which would take the error away from the host. Not exported.
 unsigned KestrelErrorsOnThisThread();
 
 } // namespace Detail

@@ -1,4 +1,5 @@
-// The singleton manager behind IMgrKestrel.
+/// \file
+/// The singleton manager behind IMgrKestrel.
 #ifndef VIREO_KESTRELWRAPPER_MGRKESTREL_H
 #define VIREO_KESTRELWRAPPER_MGRKESTREL_H
 
@@ -7,10 +8,11 @@
 namespace Vireo
 {
 
+/// The library's manager; hosts use it through IMgrKestrel.
 class VIREO_EXPORT MgrKestrel : public IMgrKestrel
 {
 public:
-    // The singleton; never null. Its first call must not race with another.
+    /// The singleton; never null. Its first call must not race with another.
     static MgrKestrel* Instance();
 
     IKestrelContext* CreateKestrelContext(void* existingContext, IMgrConsole* console,
@@ -27,7 +29,7 @@ private:
     MgrKestrel() = default;
     static MgrKestrel* _Create();
 
-    // Not owning: the pointer that the caller gave.
+    /// Not owning: the pointer that the caller gave.
     IKestrelContext* _pCurrentContext = nullptr;
 
     static MgrKestrel* _pInstance;

@@ -1,11 +1,12 @@
-// VireoKestrelWrapper: everything a host needs, in one include.
-//
-//   Vireo::IMgrKestrel* manager = Vireo::GetMgrKestrel();
-//   Vireo::IKestrelContext* context =
-//       manager->CreateKestrelContext(console, false, true, nullptr);
-//   manager->SetCurrentKestrelContext(context);
-//   ... create objects through the context, render, give them back ...
-//   manager->DestroyKestrelContext(context);
+/// \file
+/// VireoKestrelWrapper: everything a host needs, in one include.
+///
+///   Vireo::IMgrKestrel* manager = Vireo::GetMgrKestrel();
+///   Vireo::IKestrelContext* context =
+///       manager->CreateKestrelContext(console, false, true, nullptr);
+///   manager->SetCurrentKestrelContext(context);
+///   ... create objects through the context, render, give them back ...
+///   manager->DestroyKestrelContext(context);
 #ifndef VIREO_KESTRELWRAPPER_VIREOKESTRELWRAPPER_H
 #define VIREO_KESTRELWRAPPER_VIREOKESTRELWRAPPER_H
 
