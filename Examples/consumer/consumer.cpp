@@ -1,5 +1,6 @@
 // Renders one emissive sphere into a 64 x 64 attachment and checks that the
-// centre is lit and a corner shows the background. Exits non-zero otherwise.
+// centre shows the lamp and a corner the blue background. Exits non-zero
+// otherwise.
 #include <KestrelWrapper/VireoKestrelWrapper.h>
 #include <VireoVersion.h>
 
@@ -17,7 +18,7 @@ const char* const kSphereSource = "sphere(vec3(0.0, 0.0, 0.0), 1.0);\n";
 const char* const kLampSource = "emissive(vec3(4.0, 4.0, 4.0));\n";
 const char* const kFrameSource = "camera(vec3(0.0, 0.0, 4.0), vec3(0.0, 0.0, 0.0),"
                                  " vec3(0.0, 1.0, 0.0), 40.0);\n"
-                                 "background(vec3(0.0, 0.0, 0.0));\n"
+                                 "background(vec3(0.0, 0.0, 0.5));\n"
                                  "output(0, radiance);\n";
 
 IKSProgram* Program(IKestrelContext* context, IKSShader::Type firstType, const char* first,
@@ -64,11 +65,14 @@ bool Render(IKestrelContext* context)
     if (context->RenderFrame() != IKestrelContext::kRFS_Finished || !radiance->Lock(kInfinite))
         return false;
     const auto* pixels = reinterpret_cast<const float*>(radiance->GetClientBuffer());
-    const float centre = pixels[((kSize / 2) * kSize + kSize / 2) * 4];
-    const float corner = pixels[0];
+    const float* centre = pixels + ((kSize / 2) * kSize + kSize / 2) * 4;
+    const float* corner = pixels;
+    const bool lit = centre[0] > 1.0f && centre[2] > 1.0f;
+    const bool background = corner[0] == 0.0f && corner[2] == 0.5f;
+    std::printf("Vireo %s: centre %.3f %.3f %.3f, corner %.3f %.3f %.3f\n", VIREO_VERSION_STRING,
+                centre[0], centre[1], centre[2], corner[0], corner[1], corner[2]);
     radiance->UnLock();
-    std::printf("Vireo %s: centre %.3f, corner %.3f\n", VIREO_VERSION_STRING, centre, corner);
-    return centre > 1.0f && corner == 0.0f;
+    return lit && background;
 }
 
 } // namespace
