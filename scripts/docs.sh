@@ -13,5 +13,8 @@ cmake --build --preset default --target VireoKestrelWrapper
 rm -rf build/docs
 cmake --install build/default --prefix build/docs/prefix --component Development
 cmake --install build/default --prefix build/docs/prefix --component Testing
+VIREO_VERSION=$(sed -n 's/^#define VIREO_VERSION_STRING "\(.*\)"$/\1/p' \
+    build/docs/prefix/include/Vireo/VireoVersion.h)
+export VIREO_VERSION
 doxygen docs/Doxyfile
 echo "API reference: build/docs/html/index.html"
