@@ -108,6 +108,7 @@ enum BuiltIn
     kBI_Box,       // (vec3 lo, vec3 hi)
     kBI_Plane,     // (vec3 point, vec3 normal)
     kBI_Triangles, // (uniformblock vertices)
+    kBI_Mesh,      // (uniformblock b, int vertex_count, int triangle_count)
     kBI_Transform, // (mat4 m)
 
     // Materials (ray shaders).
@@ -116,6 +117,9 @@ enum BuiltIn
     kBI_Emissive,       // (vec3 radiance)
     kBI_Mirror,         // (vec3 tint)
     kBI_Glass,          // (float ior)
+               // (vec3 base_colour, float metallic, float roughness, vec3 emission,
+               //  texture base_colour_map, texture metallic_roughness_map, texture emission_map)
+    kBI_MetallicRoughness,
 
     // The frame (frame shaders).
     kBI_Camera,     // (vec3 eye, vec3 target, vec3 up, float fov_degrees)
