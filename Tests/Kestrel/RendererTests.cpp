@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -638,6 +639,142 @@ TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
             EXPECT_LE(value, std::max(a, b) + 1e-5) << x;
         }
     }
+}
+
+// ---------------------------------------------------------------------------
+// Indexed meshes
+
+const char* const kIndexedMesh =
+    "uniformblock mesh;\nuniform int vertices;\nuniform int triangles;\n"
+    "uniform mat4 placement = mat4(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, "
+    "0, 0, 0, 0, 1);\n"
+    "mesh(mesh, vertices, triangles);\ntransform(placement);\n";
+
+// The quad x, y in [-1, 1] at z = -3, facing +z, as vertices 0..3 from the
+// bottom left counter-clockwise and triangles (0 1 2) (lower right) and
+// (0 2 3) (upper left); u along x, v along y, each from 0 to 1.
+struct Quad
+{
+    std::vector<float> vertices = {-1, -1, -3, 0, 0, 1, 0, 0, 1,  -1, -3, 0, 0, 1, 1, 0,
+                                   1,  1,  -3, 0, 0, 1, 1, 1, -1, 1,  -3, 0, 0, 1, 0, 1};
+    std::vector<std::uint32_t> indices = {0, 1, 2, 0, 2, 3};
+    int vertexCount = 4;
+    int triangleCount = 2;
+
+    std::vector<float> Bytes() const
+    {
+        std::vector<float> floats = vertices;
+        floats.resize(vertices.size() + indices.size());
+        std::memcpy(floats.data() + vertices.size(), indices.data(), indices.size() * 4);
+        return floats;
+    }
+};
+
+// The quad fills the middle of a 16 x 16 picture seen from the origin.
+_KSbuffer* DrawQuad(Renderer& r, const Quad& quad, const char* material, const char* outputs)
+{
+    r.Fresh();
+    r.Targets(1, 16, 16);
+    r.UseFrame(r.Program({{kFrame, FrameSource(outputs)}}));
+    r.Set("fov", {40});
+    r.Primitive(r.Program({{kVertex, kIndexedMesh}, {kRay, material}}));
+    _KSbuffer* buffer = r.Mesh(quad.Bytes());
+    ksUniform1i(ksGetUniformLocation(r._pProgram, "vertices"), quad.vertexCount);
+    ksUniform1i(ksGetUniformLocation(r._pProgram, "triangles"), quad.triangleCount);
+    return buffer;
+}
+
+TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
+{
+    // Texel rows in memory: red, blue, then green, white. v = 0 reads the
+    // first row, which must land at the bottom of the picture (row 0).
+    const float texels[12] = {1, 0, 0, 0, 0, 1, 0, 1, 0, 1, 1, 1};
+    Quad quad;
+    DrawQuad(*this, quad, kTextured, "output(0, albedo);\n");
+    _KStexture* texture = NewTexture();
+    ksBindTexture(KS_TEXTURE_2D, texture);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 2, 2, 0, KS_RGB, KS_FLOAT, texels);
+    ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_MAG_FILTER, KS_NEAREST);
+    ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
+    Render();
+    const std::array<float, 3> expected[2][2] = {{{1, 0, 0}, {0, 0, 1}}, {{0, 1, 0}, {1, 1, 1}}};
+    for (int y : {0, 1})
+        for (int x : {0, 1})
+            for (int k = 0; k < 3; ++k)
+                EXPECT_EQ(At(0, 4 + 7 * x, 4 + 7 * y)[k], expected[y][x][k]) << x << y << k;
+
+    // Normals leaning out to -x and +x at the left and right edges: the
+    // normal channel follows their interpolation; zero normals mean flat.
+    const float s = std::sqrt(0.5f);
+    for (bool leaning : {true, false})
+    {
+        SCOPED_TRACE(leaning ? "leaning" : "zero");
+        for (int v = 0; v < 4; ++v)
+        {
+            const float side = quad.vertices[8 * v] < 0 ? -1.0f : 1.0f;
+            quad.vertices[8 * v + 3] = leaning ? side * s : 0;
+            quad.vertices[8 * v + 5] = leaning ? s : 0;
+        }
+        DrawQuad(*this, quad, kDiffuse, "output(0, normal);\n");
+        Render();
+        // Pixel column 12 sees x near 3 tan(20) (12.5 / 8 - 1) = 0.614.
+        const double x = 0.614;
+        EXPECT_NEAR(At(0, 12, 8)[0], leaning ? x / std::sqrt(x * x + 1) : 0.0, 0.05);
+        EXPECT_NEAR(At(0, 3, 8)[0], leaning ? -x / std::sqrt(x * x + 1) : 0.0, 0.05);
+    }
+}
+
+TEST_F(Renderer, IndexedMeshLeavesOutWhatItCannotRead)
+{
+    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+    struct Case
+    {
+        const char* label;
+        std::function<void(Quad&)> spoil;
+        bool lowerRight, upperLeft; // which triangle is drawn
+    };
+    const Case cases[] = {
+        {"whole", [](Quad&) {}, true, true},
+        {"index out of range", [](Quad& q) { q.indices[5] = 4; }, true, false},
+        {"huge index", [](Quad& q) { q.indices[0] = 0xffffffffu; }, false, true},
+        {"NaN position", [&](Quad& q) { q.vertices[8 * 3 + 1] = kNaN; }, true, false},
+        {"NaN normal is no position", [&](Quad& q) { q.vertices[8 * 3 + 4] = kNaN; }, true, true},
+        {"fewer triangles than the buffer holds", [](Quad& q) { q.triangleCount = 1; }, true,
+         false},
+        {"buffer shorter than the counts", [](Quad& q) { q.indices.pop_back(); }, false, false},
+        {"more triangles than the buffer", [](Quad& q) { q.triangleCount = 3; }, false, false},
+        {"negative count", [](Quad& q) { q.vertexCount = -4; }, false, false},
+        {"no triangle left", [](Quad& q) { q.indices = {9, 9, 9, 9, 9, 9}; }, false, false},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        Quad quad;
+        c.spoil(quad);
+        DrawQuad(*this, quad, kDiffuse, "output(0, depth);\n");
+        Render();
+        EXPECT_EQ(At(0, 11, 4)[0] > 0.0f, c.lowerRight);
+        EXPECT_EQ(At(0, 4, 11)[0] > 0.0f, c.upperLeft);
+    }
+}
+
+TEST_F(Renderer, OneBufferPlacedByTwoPrimitives)
+{
+    _KSbuffer* buffer = DrawQuad(*this, Quad(), kDiffuse, "output(0, depth);\n");
+    // The same buffer a quarter the size, at z = -0.75, in the lower left.
+    Primitive(_pProgram);
+    ksUniformBlockBuffer(ksGetUniformBlockIndex(_pProgram, "mesh"), buffer);
+    ksUniform1i(ksGetUniformLocation(_pProgram, "vertices"), 4);
+    ksUniform1i(ksGetUniformLocation(_pProgram, "triangles"), 2);
+    SetMatrix("placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.3f, 0}));
+    Render();
+    EXPECT_NEAR(At(0, 14, 14)[0], 3.25, 0.05) << "the first";
+    EXPECT_NEAR(At(0, 4, 4)[0], 0.77, 0.01) << "the second";
+    // New storage too short for the counts: both go.
+    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
+    Render();
+    EXPECT_EQ(At(0, 14, 14)[0], 0.0f);
+    EXPECT_EQ(At(0, 4, 4)[0], 0.0f);
 }
 
 // ---------------------------------------------------------------------------
