@@ -64,8 +64,11 @@ VireoRender::ImportedMesh DisplacedSphere(int rows)
             const float vertex[8] = {static_cast<float>(radius * n[0]),
                                      static_cast<float>(radius * n[1]),
                                      static_cast<float>(radius * n[2]),
-                                     0, 0, 0, // the runtime takes the triangle's own normal
-                                     static_cast<float>(c) / columns, static_cast<float>(r) / rows};
+                                     0,
+                                     0,
+                                     0, // the runtime takes the triangle's own normal
+                                     static_cast<float>(c) / columns,
+                                     static_cast<float>(r) / rows};
             mesh.vertices.insert(mesh.vertices.end(), vertex, vertex + 8);
         }
     for (int r = 0; r < rows; ++r)
@@ -73,8 +76,8 @@ VireoRender::ImportedMesh DisplacedSphere(int rows)
         {
             const auto at = [columns](int row, int column)
             { return static_cast<std::uint32_t>(row * (columns + 1) + column); };
-            const std::uint32_t quad[6] = {at(r, c),     at(r + 1, c), at(r + 1, c + 1),
-                                           at(r, c),     at(r + 1, c + 1), at(r, c + 1)};
+            const std::uint32_t quad[6] = {at(r, c), at(r + 1, c),     at(r + 1, c + 1),
+                                           at(r, c), at(r + 1, c + 1), at(r, c + 1)};
             mesh.indices.insert(mesh.indices.end(), quad, quad + 6);
         }
     return mesh;
@@ -97,7 +100,8 @@ bool WriteGlb(const VireoRender::ImportedMesh& mesh, const std::string& path)
     indices.byteOffset = vertexBytes;
     indices.byteLength = indexBytes;
     model.bufferViews = {vertices, indices};
-    const auto accessor = [](int view, std::size_t offset, int type, int component, std::size_t count)
+    const auto accessor =
+        [](int view, std::size_t offset, int type, int component, std::size_t count)
     {
         tinygltf::Accessor a;
         a.bufferView = view;
@@ -140,11 +144,11 @@ bool WriteGlb(const VireoRender::ImportedMesh& mesh, const std::string& path)
 
 struct Figures
 {
-    double load = 0;     // file read, parsed and checked
-    double wrapper = 0;  // programs, buffer, primitive through the wrapper
-    double build = 0;    // first frame's scene build (runtime) or rtcCommitScene (bare)
-    double frame = 0;    // the whole first frame, wall clock
-    double resident = 0; // growth of the resident set over the build
+    double load = 0;      // file read, parsed and checked
+    double wrapper = 0;   // programs, buffer, primitive through the wrapper
+    double build = 0;     // first frame's scene build (runtime) or rtcCommitScene (bare)
+    double frame = 0;     // the whole first frame, wall clock
+    double resident = 0;  // growth of the resident set over the build
     double monitored = 0; // bytes Embree reports through its memory monitor (bare only)
     double buffers = 0;   // bytes of Embree's vertex and index buffers (bare only)
     std::size_t triangles = 0;
@@ -240,8 +244,8 @@ Figures Bare(int rows)
     Figures figures;
     RTCDevice device = rtcNewDevice(nullptr);
     rtcSetDeviceMemoryMonitorFunction(device, Monitor, nullptr);
-    const auto commit = [device](const VireoRender::ImportedMesh& mesh, double* seconds,
-                                 double* buffers)
+    const auto commit =
+        [device](const VireoRender::ImportedMesh& mesh, double* seconds, double* buffers)
     {
         RTCScene scene = rtcNewScene(device);
         rtcSetSceneFlags(scene, RTC_SCENE_FLAG_ROBUST);
@@ -346,10 +350,11 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "import-scale: cannot write %s\n", path.c_str());
             return 1;
         }
-        std::printf("displaced sphere: %zu triangles, %zu vertices, %.1f MB of binary glTF\n",
-                    mesh.TriangleCount(), mesh.VertexCount(),
-                    static_cast<double>(std::ifstream(path, std::ios::ate | std::ios::binary).tellg()) /
-                        1e6);
+        std::printf(
+            "displaced sphere: %zu triangles, %zu vertices, %.1f MB of binary glTF\n",
+            mesh.TriangleCount(), mesh.VertexCount(),
+            static_cast<double>(std::ifstream(path, std::ios::ate | std::ios::binary).tellg()) /
+                1e6);
     }
     std::vector<Figures> runtime, bare;
     for (int r = 0; r < repetitions; ++r)
@@ -368,7 +373,8 @@ int main(int argc, char** argv)
         return Median(values);
     };
     const double triangles = static_cast<double>(runtime[0].triangles);
-    const double build = median(runtime, &Figures::build), bareBuild = median(bare, &Figures::build);
+    const double build = median(runtime, &Figures::build),
+                 bareBuild = median(bare, &Figures::build);
     const double resident = median(runtime, &Figures::resident);
     const double bareResident = median(bare, &Figures::resident);
     const double bvh = median(bare, &Figures::monitored);

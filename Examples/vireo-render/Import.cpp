@@ -88,8 +88,8 @@ bool Detail::DecodeImage(const unsigned char* bytes, std::size_t size, ImportedI
     tinygltf::Image decoded;
     std::string warning;
     if (size == 0 || size > 0x7fffffff ||
-        !tinygltf::LoadImageData(&decoded, 0, error, &warning, 0, 0, bytes,
-                                 static_cast<int>(size), nullptr))
+        !tinygltf::LoadImageData(&decoded, 0, error, &warning, 0, 0, bytes, static_cast<int>(size),
+                                 nullptr))
         return false;
     // tinygltf's decoder gives RGBA, 8 or 16 bits a channel.
     const std::size_t pixels = static_cast<std::size_t>(decoded.width) * decoded.height;
@@ -155,7 +155,8 @@ void Detail::FrameBounds(SceneDescription* scene)
             {
                 const float x = mesh.vertices[index * 8 + static_cast<std::size_t>(c)];
                 b[static_cast<std::size_t>(c)] = std::min(b[static_cast<std::size_t>(c)], x);
-                b[static_cast<std::size_t>(c + 3)] = std::max(b[static_cast<std::size_t>(c + 3)], x);
+                b[static_cast<std::size_t>(c + 3)] =
+                    std::max(b[static_cast<std::size_t>(c + 3)], x);
             }
     }
     for (const ImportedInstance& instance : scene->instances)
@@ -165,7 +166,8 @@ void Detail::FrameBounds(SceneDescription* scene)
             continue;
         for (int corner = 0; corner < 8; ++corner)
         {
-            const float p[3] = {b[corner & 1 ? 3 : 0], b[corner & 2 ? 4 : 1], b[corner & 4 ? 5 : 2]};
+            const float p[3] = {b[corner & 1 ? 3 : 0], b[corner & 2 ? 4 : 1],
+                                b[corner & 4 ? 5 : 2]};
             for (int r = 0; r < 3; ++r)
             {
                 const float* row = instance.placement.m[r];
@@ -187,11 +189,10 @@ void Detail::FrameBounds(SceneDescription* scene)
         return;
     }
     const Vector3f centre{(lo[0] + hi[0]) / 2, (lo[1] + hi[1]) / 2, (lo[2] + hi[2]) / 2};
-    const float radius =
-        std::max(0.5f * std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) +
-                                  (hi[1] - lo[1]) * (hi[1] - lo[1]) +
-                                  (hi[2] - lo[2]) * (hi[2] - lo[2])),
-                 1e-3f);
+    const float radius = std::max(0.5f * std::sqrt((hi[0] - lo[0]) * (hi[0] - lo[0]) +
+                                                   (hi[1] - lo[1]) * (hi[1] - lo[1]) +
+                                                   (hi[2] - lo[2]) * (hi[2] - lo[2])),
+                                  1e-3f);
     // Back far enough that the bounding sphere fits the vertical field.
     const float distance = radius / std::sin(camera.fov * 0.5f * 3.14159265f / 180.0f);
     camera.target = centre;
@@ -208,7 +209,8 @@ bool LoadScene(const ImportOptions& options, SceneDescription* scene, std::strin
     if (!std::ifstream(options.path, std::ios::binary))
         why = "cannot be opened";
     else if (extension == "gltf" || extension == "glb")
-        loaded = Detail::LoadGltfFile(options.path, extension == "glb", options.camera, scene, &why);
+        loaded =
+            Detail::LoadGltfFile(options.path, extension == "glb", options.camera, scene, &why);
     else if (extension == "obj")
     {
         loaded = Detail::LoadObjFile(options.path, scene, &why);
@@ -305,16 +307,16 @@ bool ImportedScene::Build(const SceneDescription& scene, const std::string& envi
     if (&scene != &_description)
         _description = scene;
     IKSShader* mesh = _Shader(IKSShader::kST_Vertex, kMeshSource, error);
-    IKSShader* metal = mesh ? _Shader(IKSShader::kST_Kind2, kMetallicRoughnessSource, error) : nullptr;
+    IKSShader* metal =
+        mesh ? _Shader(IKSShader::kST_Kind2, kMetallicRoughnessSource, error) : nullptr;
     IKSShader* glass = metal ? _Shader(IKSShader::kST_Kind2, kGlassSource, error) : nullptr;
     IKSShader* light = glass ? _Shader(IKSShader::kST_Kind2, kEmissiveSource, error) : nullptr;
     IKSShader* frame = light ? _Shader(IKSShader::kST_Kind3, kFrameSource, error) : nullptr;
     IKSProgram* programs[3] = {};
-    programs[ImportedMaterial::kMK_MetallicRoughness] = frame ? _Program(mesh, metal, error) : nullptr;
-    programs[ImportedMaterial::kMK_Glass] =
-        programs[0] ? _Program(mesh, glass, error) : nullptr;
-    programs[ImportedMaterial::kMK_Emissive] =
-        programs[1] ? _Program(mesh, light, error) : nullptr;
+    programs[ImportedMaterial::kMK_MetallicRoughness] =
+        frame ? _Program(mesh, metal, error) : nullptr;
+    programs[ImportedMaterial::kMK_Glass] = programs[0] ? _Program(mesh, glass, error) : nullptr;
+    programs[ImportedMaterial::kMK_Emissive] = programs[1] ? _Program(mesh, light, error) : nullptr;
     IKSProgram* view = programs[2] ? _Program(frame, nullptr, error) : nullptr;
     if (view == nullptr)
         return false;
@@ -330,8 +332,8 @@ bool ImportedScene::Build(const SceneDescription& scene, const std::string& envi
         }
         _textures.push_back(texture);
         if (!texture->SetImage(image.width, image.height, IKSTexImage::kTF_RGBA8, KS_REPEAT,
-                               KS_LINEAR, KS_LINEAR,
-                               const_cast<unsigned char*>(image.rgba.data()), false))
+                               KS_LINEAR, KS_LINEAR, const_cast<unsigned char*>(image.rgba.data()),
+                               false))
         {
             *error = "a texture was refused";
             return false;
@@ -369,9 +371,7 @@ bool ImportedScene::Build(const SceneDescription& scene, const std::string& envi
     }
 
     const auto texture = [this](int image)
-    {
-        return image >= 0 ? _textures[static_cast<std::size_t>(image)]->GetKSTexture() : nullptr;
-    };
+    { return image >= 0 ? _textures[static_cast<std::size_t>(image)]->GetKSTexture() : nullptr; };
     for (std::size_t i = 0; i < _description.instances.size(); ++i)
     {
         const ImportedInstance& instance = _description.instances[i];
@@ -401,27 +401,27 @@ bool ImportedScene::Build(const SceneDescription& scene, const std::string& envi
         primitive->SetUniform("placement", at("placement"), std::uint64_t(1), &instance.placement);
         switch (material.kind)
         {
-            case ImportedMaterial::kMK_Glass:
-                primitive->SetUniform("ior", at("ior"), material.ior);
-                break;
-            case ImportedMaterial::kMK_Emissive:
-                primitive->SetUniform("radiance", at("radiance"), material.emission);
-                break;
-            case ImportedMaterial::kMK_MetallicRoughness:
-                primitive->SetUniform("base_colour", at("base_colour"), material.baseColour);
-                primitive->SetUniform("metallic", at("metallic"), material.metallic);
-                primitive->SetUniform("roughness", at("roughness"), material.roughness);
-                primitive->SetUniform("emission", at("emission"), material.emission);
-                if (material.baseColourMap >= 0)
-                    primitive->SetUniform("base_colour_map", at("base_colour_map"),
-                                          texture(material.baseColourMap));
-                if (material.metallicRoughnessMap >= 0)
-                    primitive->SetUniform("metallic_roughness_map", at("metallic_roughness_map"),
-                                          texture(material.metallicRoughnessMap));
-                if (material.emissionMap >= 0)
-                    primitive->SetUniform("emission_map", at("emission_map"),
-                                          texture(material.emissionMap));
-                break;
+        case ImportedMaterial::kMK_Glass:
+            primitive->SetUniform("ior", at("ior"), material.ior);
+            break;
+        case ImportedMaterial::kMK_Emissive:
+            primitive->SetUniform("radiance", at("radiance"), material.emission);
+            break;
+        case ImportedMaterial::kMK_MetallicRoughness:
+            primitive->SetUniform("base_colour", at("base_colour"), material.baseColour);
+            primitive->SetUniform("metallic", at("metallic"), material.metallic);
+            primitive->SetUniform("roughness", at("roughness"), material.roughness);
+            primitive->SetUniform("emission", at("emission"), material.emission);
+            if (material.baseColourMap >= 0)
+                primitive->SetUniform("base_colour_map", at("base_colour_map"),
+                                      texture(material.baseColourMap));
+            if (material.metallicRoughnessMap >= 0)
+                primitive->SetUniform("metallic_roughness_map", at("metallic_roughness_map"),
+                                      texture(material.metallicRoughnessMap));
+            if (material.emissionMap >= 0)
+                primitive->SetUniform("emission_map", at("emission_map"),
+                                      texture(material.emissionMap));
+            break;
         }
     }
 

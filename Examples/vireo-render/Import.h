@@ -8,7 +8,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -80,8 +79,8 @@ struct SceneDescription
     std::vector<ImportedImage> images;
     std::vector<ImportedMaterial> materials;
     std::vector<ImportedInstance> instances;
-    ImportedCamera camera;       // from the file, or framing the bounds
-    bool framed = false;         // the camera frames the bounds
+    ImportedCamera camera;          // from the file, or framing the bounds
+    bool framed = false;            // the camera frames the bounds
     std::vector<std::string> notes; // what the file has and the import leaves out
 };
 

@@ -40,20 +40,20 @@ struct AccessorView
         const unsigned char* at = data + i * stride;
         switch (componentType)
         {
-            case TINYGLTF_COMPONENT_TYPE_FLOAT:
-            {
-                float f;
-                std::memcpy(&f, at + 4 * c, 4);
-                return f;
-            }
-            case TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE:
-                return at[c] / 255.0f;
-            default: // unsigned short, the only other kind View lets through
-            {
-                std::uint16_t s;
-                std::memcpy(&s, at + 2 * c, 2);
-                return s / 65535.0f;
-            }
+        case TINYGLTF_COMPONENT_TYPE_FLOAT:
+        {
+            float f;
+            std::memcpy(&f, at + 4 * c, 4);
+            return f;
+        }
+        case TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE:
+            return at[c] / 255.0f;
+        default: // unsigned short, the only other kind View lets through
+        {
+            std::uint16_t s;
+            std::memcpy(&s, at + 2 * c, 2);
+            return s / 65535.0f;
+        }
         }
     }
 
@@ -78,15 +78,15 @@ int ComponentSize(int type)
 {
     switch (type)
     {
-        case TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE:
-            return 1;
-        case TINYGLTF_COMPONENT_TYPE_UNSIGNED_SHORT:
-            return 2;
-        case TINYGLTF_COMPONENT_TYPE_UNSIGNED_INT:
-        case TINYGLTF_COMPONENT_TYPE_FLOAT:
-            return 4;
-        default:
-            return 0;
+    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_BYTE:
+        return 1;
+    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_SHORT:
+        return 2;
+    case TINYGLTF_COMPONENT_TYPE_UNSIGNED_INT:
+    case TINYGLTF_COMPONENT_TYPE_FLOAT:
+        return 4;
+    default:
+        return 0;
     }
 }
 
@@ -149,9 +149,10 @@ Matrix44f Local(const tinygltf::Node& node)
     if (node.rotation.size() == 4)
         std::copy(node.rotation.begin(), node.rotation.end(), q);
     const double x = q[0], y = q[1], z = q[2], w = q[3];
-    const double rotation[3][3] = {{1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
-                                   {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
-                                   {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
+    const double rotation[3][3] = {
+        {1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)},
+        {2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)},
+        {2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)}};
     for (int r = 0; r < 3; ++r)
         for (int c = 0; c < 3; ++c)
         {
@@ -200,7 +201,7 @@ bool GltfReader::_View(int index, int components, std::initializer_list<int> typ
         *error = name + " is sparse, which is not supported";
         return false;
     }
-    const int wanted = components == 1 ? TINYGLTF_TYPE_SCALAR
+    const int wanted = components == 1   ? TINYGLTF_TYPE_SCALAR
                        : components == 2 ? TINYGLTF_TYPE_VEC2
                                          : TINYGLTF_TYPE_VEC3;
     bool typeKnown = false;
@@ -231,14 +232,13 @@ bool GltfReader::_View(int index, int components, std::initializer_list<int> typ
         static_cast<std::size_t>(ComponentSize(accessor.componentType)) * components;
     const std::size_t stride = bufferView.byteStride != 0 ? bufferView.byteStride : element;
     // Every size below is bounded before it is multiplied, so nothing wraps.
-    const bool fits = bufferView.byteOffset <= buffer.size() &&
-                      bufferView.byteLength <= buffer.size() - bufferView.byteOffset &&
-                      stride >= element && stride <= 256 &&
-                      accessor.byteOffset <= bufferView.byteLength &&
-                      accessor.count <= bufferView.byteLength &&
-                      (accessor.count == 0 || accessor.byteOffset + stride * (accessor.count - 1) +
-                                                      element <=
-                                                  bufferView.byteLength);
+    const bool fits =
+        bufferView.byteOffset <= buffer.size() &&
+        bufferView.byteLength <= buffer.size() - bufferView.byteOffset && stride >= element &&
+        stride <= 256 && accessor.byteOffset <= bufferView.byteLength &&
+        accessor.count <= bufferView.byteLength &&
+        (accessor.count == 0 ||
+         accessor.byteOffset + stride * (accessor.count - 1) + element <= bufferView.byteLength);
     if (!fits)
     {
         *error = name + " reads outside its buffer";
@@ -381,9 +381,8 @@ bool GltfReader::_Texture(const tinygltf::TextureInfo& info, int* image, std::st
     const tinygltf::Image& from = _model.images[static_cast<std::size_t>(source)];
     const int channels = from.component;
     const int bytes = from.bits == 16 ? 2 : 1;
-    const std::size_t pixels = from.width > 0 && from.height > 0
-                                   ? static_cast<std::size_t>(from.width) * from.height
-                                   : 0;
+    const std::size_t pixels =
+        from.width > 0 && from.height > 0 ? static_cast<std::size_t>(from.width) * from.height : 0;
     if (pixels == 0 || channels < 1 || channels > 4 || (from.bits != 8 && from.bits != 16) ||
         from.image.size() != pixels * channels * bytes)
     {
@@ -567,8 +566,8 @@ bool GltfReader::Read(int camera, std::string* error)
         return false;
     }
 
-    if (!_model.lights.empty() || std::count(_model.extensionsUsed.begin(),
-                                              _model.extensionsUsed.end(), kLights) != 0)
+    if (!_model.lights.empty() ||
+        std::count(_model.extensionsUsed.begin(), _model.extensionsUsed.end(), kLights) != 0)
         _pScene->notes.push_back(std::to_string(_model.lights.size()) +
                                  " punctual light(s) left out: punctual lights are not supported");
     const CameraNode* chosen = nullptr;
@@ -659,7 +658,7 @@ bool ReadModel(const tinygltf::Model& model, int camera, SceneDescription* scene
 } // namespace
 
 bool Detail::LoadGltfFile(const std::string& path, bool binary, int camera, SceneDescription* scene,
-                  std::string* error)
+                          std::string* error)
 {
     tinygltf::TinyGLTF loader;
     loader.SetImageLoader(Decode, nullptr);

@@ -113,8 +113,8 @@ bool ObjConverter::_Material(int index, int* material, std::string* error)
         out.metallic = finite(from.metallic, 0);
         // Pr when given; otherwise the Phong exponent's equivalent roughness.
         const float shininess = std::max(finite(from.shininess, 0), 0.0f);
-        out.roughness = from.roughness > 0 ? finite(from.roughness, 1)
-                                           : std::sqrt(2.0f / (shininess + 2.0f));
+        out.roughness =
+            from.roughness > 0 ? finite(from.roughness, 1) : std::sqrt(2.0f / (shininess + 2.0f));
         if (!_Image(from.diffuse_texname, &out.baseColourMap, error) ||
             !_Image(from.emissive_texname, &out.emissionMap, error))
         {
@@ -223,7 +223,8 @@ bool ObjConverter::Convert(std::string* error)
                 *error = "group '" + shape.name + "': " + *error;
                 return false;
             }
-        if (!faces.indices.empty() && (!shape.lines.indices.empty() || !shape.points.indices.empty()))
+        if (!faces.indices.empty() &&
+            (!shape.lines.indices.empty() || !shape.points.indices.empty()))
             _pScene->notes.push_back("group '" + shape.name + "': lines and points left out");
     }
     if (_pScene->instances.empty())

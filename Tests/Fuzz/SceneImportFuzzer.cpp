@@ -31,12 +31,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const std::string text(reinterpret_cast<const char*>(data + 1), size - 1);
         const std::size_t split = text.find('\0');
         loaded = VireoRender::LoadObjFromMemory(
-            text.substr(0, split), split == std::string::npos ? "" : text.substr(split + 1),
-            &scene, &error);
+            text.substr(0, split), split == std::string::npos ? "" : text.substr(split + 1), &scene,
+            &error);
     }
     else
-        loaded = VireoRender::LoadGltfFromMemory(data + 1, size - 1, format == 1, -1, &scene,
-                                                 &error);
+        loaded =
+            VireoRender::LoadGltfFromMemory(data + 1, size - 1, format == 1, -1, &scene, &error);
     if (!loaded)
     {
         if (error.empty() || error.find('\n') != std::string::npos)

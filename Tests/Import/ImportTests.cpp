@@ -60,14 +60,17 @@ std::string Gltf(const std::string& parts, const std::string& buffer = Buffer(0,
                  const std::string& primitive = R"("attributes": {"POSITION": 0}, "indices": 1)")
 {
     return R"({"asset": {"version": "2.0"},
- "buffers": [)" + buffer + R"(],
+ "buffers": [)" +
+           buffer + R"(],
  "bufferViews": [{"buffer": 0, "byteOffset": 0, "byteLength": 36},
                  {"buffer": 0, "byteOffset": 36, "byteLength": 6}],
  "accessors": [{"bufferView": 0, "componentType": 5126, "count": 3, "type": "VEC3"},
                {"bufferView": 1, "componentType": 5123, "count": 3, "type": "SCALAR"}],
- "meshes": [{"primitives": [{)" + primitive + R"(, "material": 0}]},
+ "meshes": [{"primitives": [{)" +
+           primitive + R"(, "material": 0}]},
             {"primitives": [{"attributes": {"POSITION": 0}, "indices": 1, "material": 1}]}],
-)" + parts + "}";
+)" + parts +
+           "}";
 }
 
 const std::string kMaterials = R"("materials": [
@@ -76,8 +79,8 @@ const std::string kMaterials = R"("materials": [
   {"extensions": {"KHR_materials_transmission": {"transmissionFactor": 1},
                   "KHR_materials_ior": {"ior": 1.25}}}])";
 
-const std::string kPng1x1 =
-    "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mP8z8BQDwAEhQGAhKmMIQAAAABJRU5ErkJggg==";
+const std::string kPng1x1 = "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mP8z8BQDwAEhQ"
+                            "GAhKmMIQAAAABJRU5ErkJggg==";
 
 using K = ImportedMaterial::Kind;
 const K kMR = ImportedMaterial::kMK_MetallicRoughness;
@@ -91,21 +94,32 @@ struct Case
     std::string text;
     const char* error; // a part of the one-line error, or null when it loads
     std::size_t instances, meshes, images;
-    std::vector<K> kinds;                 // per instance
-    float x1;                             // instance 1's translation x (row 0, column 3)
-    Vireo::Vector3f eye;                  // the camera's eye
+    std::vector<K> kinds; // per instance
+    float x1;             // instance 1's translation x (row 0, column 3)
+    Vireo::Vector3f eye;  // the camera's eye
 };
 
+// clang-format off: one row a file reads best as the table it is.
 std::vector<Case> Cases()
 {
+    const std::string one = R"("nodes": [{"mesh": 0}], )" + kMaterials;
     return {
         // A parent scaled by 2 with two children, one translated: one mesh, shared.
-        {"shared mesh, nested transforms", "nested.gltf",
+        {"shared mesh, nested transforms",
+         "nested.gltf",
          Gltf(R"("nodes": [{"scale": [2, 2, 2], "children": [1, 2]}, {"mesh": 0},
                            {"mesh": 0, "translation": [3, 0, 0]}],
-                 "scenes": [{"nodes": [0]}], )" + kMaterials),
-         nullptr, 2, 1, 0, {kMR, kMR}, 6.0f, {}},
-        {"materials and the chosen camera", "camera.gltf",
+                 "scenes": [{"nodes": [0]}], )" +
+              kMaterials),
+         nullptr,
+         2,
+         1,
+         0,
+         {kMR, kMR},
+         6.0f,
+         {}},
+        {"materials and the chosen camera",
+         "camera.gltf",
          Gltf(R"("nodes": [{"mesh": 0}, {"mesh": 1, "translation": [-1, 0, 0]},
                            {"camera": 0, "translation": [0, 0, 9]},
                            {"camera": 1, "translation": [0, 2, 5]}],
@@ -113,66 +127,165 @@ std::vector<Case> Cases()
                              {"type": "perspective", "perspective": {"yfov": 0.7, "znear": 0.1}}],
                  "scene": 0, "scenes": [{"nodes": [0, 1, 2, 3]}], )" +
               kMaterials),
-         nullptr, 2, 1, 0, {kMR, kGlass}, -1.0f, {0, 2, 5}},
-        {"an emissive surface with strength, a texture twice", "light.gltf",
+         nullptr,
+         2,
+         1,
+         0,
+         {kMR, kGlass},
+         -1.0f,
+         {0, 2, 5}},
+        {"an emissive surface with strength, a texture twice",
+         "light.gltf",
          Gltf(R"("nodes": [{"mesh": 0}, {"mesh": 1, "translation": [4, 0, 0]}],
-                 "images": [{"uri": "data:image/png;base64,)" + kPng1x1 + R"("}],
+                 "images": [{"uri": "data:image/png;base64,)" +
+              kPng1x1 + R"("}],
                  "textures": [{"source": 0}, {"source": 0}],
                  "materials": [{"emissiveFactor": [1, 0.5, 0.25], "extensions":
                                 {"KHR_materials_emissive_strength": {"emissiveStrength": 4}}},
                                {"pbrMetallicRoughness": {"baseColorTexture": {"index": 0},
                                 "metallicRoughnessTexture": {"index": 1}}}])"),
-         nullptr, 2, 1, 1, {kLight, kMR}, 4.0f, {}},
-        {"lines", "lines.gltf",
-         Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials, Buffer(0, 2),
-              R"("attributes": {"POSITION": 0}, "indices": 1, "mode": 1)"),
-         "not made of triangles", 0, 0, 0, {}, 0, {}},
-        {"index out of range", "range.gltf",
-         Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials, Buffer(0, 7)), "out of range", 0, 0, 0,
-         {}, 0, {}},
-        {"NaN position", "nan.gltf", Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials, Buffer(NAN, 2)),
-         "not a finite number", 0, 0, 0, {}, 0, {}},
-        {"missing accessor", "noaccessor.gltf",
-         Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials, Buffer(0, 2),
+         nullptr,
+         2,
+         1,
+         1,
+         {kLight, kMR},
+         4.0f,
+         {}},
+        {"lines",
+         "lines.gltf",
+         Gltf(one, Buffer(0, 2), R"("attributes": {"POSITION": 0}, "indices": 1, "mode": 1)"),
+         "not made of triangles",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"index out of range",
+         "range.gltf",
+         Gltf(one, Buffer(0, 7)),
+         "out of range",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"NaN position",
+         "nan.gltf",
+         Gltf(one, Buffer(NAN, 2)),
+         "not a finite number",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"missing accessor",
+         "noaccessor.gltf",
+         Gltf(one, Buffer(0, 2),
               R"("attributes": {"POSITION": 0, "NORMAL": 0, "TEXCOORD_0": 2}, "indices": 1)"),
-         "accessor 2 does not exist", 0, 0, 0, {}, 0, {}},
-        {"accessor past its view", "past.gltf",
-         Replace(Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials), R"("count": 3, "type": "SCALAR")",
-                 R"("count": 4, "type": "SCALAR")"),
-         "accessor 1 reads outside its buffer", 0, 0, 0, {}, 0, {}},
-        {"sparse", "sparse.gltf",
-         Replace(Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials), R"("type": "VEC3"})",
+         "accessor 2 does not exist",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"accessor past its view",
+         "past.gltf",
+         Replace(Gltf(one), R"("count": 3, "type": "SCALAR")", R"("count": 4, "type": "SCALAR")"),
+         "accessor 1 reads outside its buffer",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"sparse",
+         "sparse.gltf",
+         Replace(Gltf(one), R"("type": "VEC3"})",
                  R"("type": "VEC3", "sparse": {"count": 1, "values": {"bufferView": 0},
                     "indices": {"bufferView": 1, "componentType": 5123}}})"),
-         "sparse", 0, 0, 0, {}, 0, {}},
-        {"draco", "draco.gltf",
-         Gltf(R"("extensionsRequired": ["KHR_draco_mesh_compression"], "nodes": [{"mesh": 0}], )" +
-              kMaterials),
-         "draco", 0, 0, 0, {}, 0, {}},
-        {"undecodable image", "image.gltf",
+         "sparse",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"draco",
+         "draco.gltf",
+         Gltf(R"("extensionsRequired": ["KHR_draco_mesh_compression"], )" + one),
+         "draco",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"undecodable image",
+         "image.gltf",
          Gltf(R"("nodes": [{"mesh": 0}], "images": [{"uri": "data:image/png;base64,iVBORw0KGgo="}],
                  "textures": [{"source": 0}],
                  "materials": [{"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}}}, {}])"),
-         "image 0", 0, 0, 0, {}, 0, {}},
-        {"node cycle", "cycle.gltf",
+         "image 0",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"node cycle",
+         "cycle.gltf",
          Gltf(R"("nodes": [{"mesh": 0, "children": [1]}, {"children": [0]}],
-                 "scenes": [{"nodes": [0]}], )" + kMaterials),
-         "twice", 0, 0, 0, {}, 0, {}},
-        {"truncated", "cut.gltf", Gltf(R"("nodes": [{"mesh": 0}], )" + kMaterials).substr(0, 300),
-         "", 0, 0, 0, {}, 0, {}},
+                 "scenes": [{"nodes": [0]}], )" +
+              kMaterials),
+         "twice",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"truncated", "cut.gltf", Gltf(one).substr(0, 300), "", 0, 0, 0, {}, 0, {}},
         {"missing", "absent.gltf", "", "cannot be opened", 0, 0, 0, {}, 0, {}},
         // OBJ: two groups, three materials; the glass group's face is a quad.
-        {"groups and materials", "groups.obj",
+        {"groups and materials",
+         "groups.obj",
          "mtllib groups.mtl\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvt 0.25 0.75\n"
          "g a\nusemtl red\nf 1/1 2/1 3/1\nusemtl lamp\nf 1 3 4\ng b\nusemtl clear\nf 1 2 3 4\n",
-         nullptr, 3, 3, 0, {kMR, kLight, kGlass}, 0.0f, {}},
-        {"face out of range", "range.obj", "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2 9\n",
-         "out of range", 0, 0, 0, {}, 0, {}},
-        {"missing map", "nomap.obj", "mtllib nomap.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nusemtl m\nf 1 2 3\n",
-         "texture absent.png cannot be read", 0, 0, 0, {}, 0, {}},
+         nullptr,
+         3,
+         3,
+         0,
+         {kMR, kLight, kGlass},
+         0.0f,
+         {}},
+        {"face out of range",
+         "range.obj",
+         "v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 3\nf 1 2 9\n",
+         "out of range",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
+        {"missing map",
+         "nomap.obj",
+         "mtllib nomap.mtl\nv 0 0 0\nv 1 0 0\nv 0 1 0\nusemtl m\nf 1 2 3\n",
+         "texture absent.png cannot be read",
+         0,
+         0,
+         0,
+         {},
+         0,
+         {}},
         {"not a model", "model.stl", "solid", "not a .gltf, .glb or .obj", 0, 0, 0, {}, 0, {}},
     };
 }
+// clang-format on
 
 class Import : public ::testing::Test
 {
@@ -306,12 +419,14 @@ protected:
 TEST_F(ImportRender, BuildsOnePrimitivePerInstanceAndSharesTheRest)
 {
     ImportOptions options;
-    options.path = ::testing::TempDir() + "vireo-import-shared-" + std::to_string(getpid()) + ".gltf";
+    options.path =
+        ::testing::TempDir() + "vireo-import-shared-" + std::to_string(getpid()) + ".gltf";
     std::string error;
     {
         std::ofstream(options.path)
             << Gltf(R"("nodes": [{"mesh": 0}, {"mesh": 1, "translation": [4, 0, 0]}],
-                 "images": [{"uri": "data:image/png;base64,)" + kPng1x1 + R"("}],
+                 "images": [{"uri": "data:image/png;base64,)" +
+                    kPng1x1 + R"("}],
                  "textures": [{"source": 0}],
                  "materials": [{"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}}},
                                {"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}}}])");
