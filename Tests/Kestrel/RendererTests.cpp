@@ -726,6 +726,122 @@ TEST_F(Renderer, MetallicRoughnessReflectsWhatItsModelSays)
             }
 }
 
+// Each map scales its factor: base colour by RGB, roughness by green,
+// metallic by blue, emission by RGB and only in front.
+TEST_F(Renderer, MetallicRoughnessMapsScaleTheirFactors)
+{
+    struct Case
+    {
+        const char* label;
+        const char* map;
+        std::array<float, 3> texel;
+        const char* output;
+        bool front;
+        std::array<double, 3> expected;
+    };
+    const double rough = HeadOnAlbedo(1, 0), smoother = HeadOnAlbedo(0.5, 1);
+    const Case cases[] = {
+        {"base colour", "base_map", {1, 0.5f, 0.25f}, "albedo", true, {0.5, 0.5, 0.25}},
+        {"emission", "emission_map", {1, 0.5f, 0.25f}, "radiance", true, {2, 1, 0.5}},
+        {"no emission behind", "emission_map", {1, 1, 1}, "radiance", false, {0, 0, 0}},
+        {"metal in blue", "mr_map", {1, 1, 0}, "radiance", true, {rough, rough, rough}},
+        {"roughness in green",
+         "mr_map",
+         {0, 0.5f, 1},
+         "radiance",
+         true,
+         {smoother, smoother, smoother}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        Fresh();
+        Targets(1, 16, 16);
+        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        const bool furnace = std::string(c.map) == "mr_map";
+        ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, furnace ? 1 : 0);
+        UseFrame(Program({{kFrame, FrameSource(std::string("output(0, ") + c.output + ");\n")}}));
+        Set("eye", {0, 5, 0});
+        Set("target", {0, 0, 0});
+        Set("up", {0, 0, -1});
+        Set("fov", {0.5f});
+        Set("sky", {furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f});
+        _KStexture* texture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, texture);
+        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, c.texel.data());
+        Primitive(Program({{kVertex, kPlane}, {kRay, kMetallicRoughness}}));
+        Set("normal", {0, c.front ? 1.0f : -1.0f, 0});
+        // The furnace cases need a white base and no emission.
+        Set("base", {furnace ? 1.0f : 0.5f, 1, 1});
+        Set("emission", {furnace ? 0.0f : 2.0f, furnace ? 0.0f : 2.0f, furnace ? 0.0f : 2.0f});
+        Set("metallic", {1});
+        ksUniformt(ksGetUniformLocation(_pProgram, c.map), texture);
+        constexpr int kFrames = 16;
+        for (int frame = 0; frame < kFrames; ++frame)
+            Render();
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(Mean(0, 0, 0, 16, 16, k) / kFrames, c.expected[static_cast<std::size_t>(k)],
+                        furnace ? 0.015 : 1e-5);
+    }
+}
+
+// Factors and texels out of range, NaN included, give neither NaN nor
+// negative light, whichever way a path goes.
+TEST_F(Renderer, MetallicRoughnessStaysFiniteAndPositive)
+{
+    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+    struct Case
+    {
+        float roughness, metallic;
+        std::array<float, 3> texel; // of all three maps
+    };
+    const Case cases[] = {
+        {0, 0, {1, 1, 1}},
+        {0, 1, {1, 1, 1}},
+        {-1, 2, {1, 1, 1}},
+        {kNaN, kNaN, {1, 1, 1}},
+        {1, 0.5f, {kNaN, -5, 1e30f}},
+        {0.5f, 1, {-1, kNaN, 0}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.roughness << " " << c.metallic << " " << c.texel[0]);
+        Fresh();
+        Targets(2, 16, 16);
+        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, albedo);\n")}}));
+        Set("sky", {0.5f, 0.5f, 0.5f});
+        Set("eye", {0, 1, 3});
+        _KStexture* texture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, texture);
+        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, c.texel.data());
+        for (const char* shape : {kSphere, kPlane})
+        {
+            Primitive(Program({{kVertex, shape}, {kRay, kMetallicRoughness}}));
+            Set(shape == kSphere ? "centre" : "normal", {0, 1, 0});
+            Set("roughness", {c.roughness});
+            Set("metallic", {c.metallic});
+            Set("emission", {1, -1, 0.5f});
+            for (const char* map : {"base_map", "mr_map", "emission_map"})
+                ksUniformt(ksGetUniformLocation(_pProgram, map), texture);
+        }
+        Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
+        Set("centre", {2, 3, 0});
+        Set("radiance", {5, 5, 5});
+        for (int frame = 0; frame < 4; ++frame)
+        {
+            Render();
+            for (int i = 0; i < 16 * 16 * 4; ++i)
+                for (int target : {0, 1})
+                {
+                    const float value =
+                        _images[static_cast<std::size_t>(target)][static_cast<std::size_t>(i)];
+                    ASSERT_TRUE(value >= 0.0f && std::isfinite(value))
+                        << target << " " << i << " " << value;
+                }
+        }
+    }
+}
+
 // A rough metal ball lit by a small far lamp: its highlight lies where the
 // ball's normal halves the directions to the eye and to the lamp.
 TEST_F(Renderer, MetalHighlightSitsAtTheHalfVector)
