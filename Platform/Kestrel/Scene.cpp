@@ -545,8 +545,10 @@ void Scene::_HitInstance(const Shape& shape, unsigned primitive, float u, float 
     std::uint32_t corners[3];
     mesh.Corners(mesh.Triangle(primitive), corners);
     float vertices[3][8];
+    // The indices were checked at the build, but a host may write into a
+    // mapped buffer while a frame still reads it: never read past it.
     for (int k = 0; k < 3; ++k)
-        mesh.Vertex(corners[k], vertices[k]);
+        mesh.Vertex(std::min(corners[k], mesh._nVertices - 1), vertices[k]);
     auto position = [&](int k) { return Vec3(vertices[k][0], vertices[k][1], vertices[k][2]); };
     auto normal = [&](int k) { return Vec3(vertices[k][3], vertices[k][4], vertices[k][5]); };
     const Vec3 p0 = position(0);
