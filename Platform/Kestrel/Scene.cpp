@@ -361,6 +361,15 @@ TextureSampler SamplerOf(const Context& context, Id id)
     return sampler;
 }
 
+// Negative and NaN components as 0: a surface neither takes light away
+// nor spoils a picture.
+Vec3 NonNegative(const Vec3& v)
+{
+    auto clean = [](float x)
+    { return x > 0.0f ? std::min(x, std::numeric_limits<float>::max()) : 0.0f; };
+    return {clean(v.x), clean(v.y), clean(v.z)};
+}
+
 // A map's texel, or 1 where there is no map.
 Vec3 MapOr1(const TextureSampler& map, float u, float v)
 {
@@ -536,8 +545,10 @@ void Scene::_HitInstance(const Shape& shape, unsigned primitive, float u, float 
     std::uint32_t corners[3];
     mesh.Corners(mesh.Triangle(primitive), corners);
     float vertices[3][8];
+    // The indices were checked at the build, but a host may write into a
+    // mapped buffer while a frame still reads it: never read past it.
     for (int k = 0; k < 3; ++k)
-        mesh.Vertex(corners[k], vertices[k]);
+        mesh.Vertex(std::min(corners[k], mesh._nVertices - 1), vertices[k]);
     auto position = [&](int k) { return Vec3(vertices[k][0], vertices[k][1], vertices[k][2]); };
     auto normal = [&](int k) { return Vec3(vertices[k][3], vertices[k][4], vertices[k][5]); };
     const Vec3 p0 = position(0);
@@ -620,7 +631,9 @@ Vec3 Scene::AlbedoAt(const Material& material, const SurfaceHit& hit) const
 SurfaceLayers Scene::LayersAt(const Material& material, const SurfaceHit& hit) const
 {
     SurfaceLayers layers;
-    layers._base = material._color * MapOr1(material._texture, hit._fU, hit._fV);
+    // A base colour above 1 would make light.
+    layers._base =
+        Min(NonNegative(material._color * MapOr1(material._texture, hit._fU, hit._fV)), Vec3(1.0f));
     // Roughness in green, metal in blue, as the usual packed maps have them.
     const Vec3 packed = MapOr1(material._metallicRoughnessMap, hit._fU, hit._fV);
     layers._fMetallic = std::clamp(material._fMetallic * packed.z, 0.0f, 1.0f);
@@ -639,7 +652,7 @@ Vec3 Scene::EmissionAt(const Material& material, const SurfaceHit& hit, const Ve
     if (material._eKind != kMK_MetallicRoughness || !(Dot(direction, hit._normal) < 0.0f) ||
         !(MaxComponent(material._emission) > 0.0f))
         return {};
-    return material._emission * MapOr1(material._emissionMap, hit._fU, hit._fV);
+    return NonNegative(material._emission * MapOr1(material._emissionMap, hit._fU, hit._fV));
 }
 
 bool Scene::IsSampledEmitter(int shape) const
