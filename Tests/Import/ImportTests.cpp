@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -188,6 +189,7 @@ protected:
             if (std::string(c.file) != "absent.gltf")
                 std::ofstream(directory + c.file) << c.text;
     }
+    static void TearDownTestSuite() { std::filesystem::remove_all(Directory()); }
     // One directory per process: ctest runs the tests side by side.
     static std::string Directory()
     {
