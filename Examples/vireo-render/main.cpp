@@ -8,6 +8,7 @@
 // to an attachment in blend mode 1, whose sum the wrapper keeps. Ctrl-C
 // stops the frame in flight; what has been accumulated is still written.
 #include "ImageOutput.h"
+#include "Import.h"
 #include "Progress.h"
 #include "Scene.h"
 
@@ -40,6 +41,7 @@ struct Options
     std::string output = "vireo-render.png";
     std::string exr;
     std::string visibility;
+    VireoRender::ImportOptions import; // a model file instead of a built-in scene
 };
 
 // A Gaussian of standard deviation 0.5 pixel over a 2 × 2 pixel square; the
@@ -156,17 +158,23 @@ int Render(const Options& options, InterruptWatcher& watcher)
         return 1;
     }
     std::printf("%s, %dx%d, %d passes, scene '%s'\n", context->GetKSVersionString(), options.width,
-                options.height, options.passes, options.scene.c_str());
+                options.height, options.passes,
+                options.import.path.empty() ? options.scene.c_str() : options.import.path.c_str());
 
     int status = 0;
     {
         VireoRender::Scene scene(context);
+        VireoRender::ImportedScene imported(context);
         std::string error;
         IKSFrameBuffer* frameBuffer = context->CreateIKSFrameBuffer();
         IKSFrameBufferAttachment* radiance = nullptr;
         IKSFrameBufferAttachment* visibility = nullptr;
         GaussianFilter filter;
-        if (!scene.Build(options.scene, &error))
+        const bool built = options.import.path.empty() ? scene.Build(options.scene, &error)
+                                                       : imported.Build(options.import, &error);
+        for (const std::string& note : imported.Description().notes)
+            std::printf("%s: %s\n", options.import.path.c_str(), note.c_str());
+        if (!built)
         {
             std::fprintf(stderr, "vireo-render: %s\n", error.c_str());
             status = 1;
@@ -265,6 +273,13 @@ int main(int argc, char** argv)
     app.add_option("--visibility", options.visibility, "PNG file of the summed visibility");
     app.add_option("--exposure", options.exposure, "exposure before tone mapping")
         ->check(CLI::PositiveNumber)
+        ->capture_default_str();
+    app.add_option("model", options.import.path, "a .gltf, .glb or .obj file to render");
+    app.add_option("--camera", options.import.camera, "the glTF camera to look through")
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("--environment", options.import.environment,
+                   "the sky of a model: uniform or none")
+        ->check(CLI::IsMember({"uniform", "none"}))
         ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     if (!ParseSize(size, &options.width, &options.height))

@@ -3,6 +3,7 @@
 #include "Pixels.h"
 
 #include <cstring>
+#include <new>
 
 namespace Kestrel
 {
@@ -22,7 +23,14 @@ bool Storage::Allocate(std::size_t size, const void* copy)
         return false;
     if (copy && size != 0)
         std::memcpy(data, copy, size);
-    _pData.reset(data);
+    try
+    {
+        _pData.reset(data, Free());
+    }
+    catch (const std::bad_alloc&)
+    {
+        return false; // the deleter has freed the bytes
+    }
     _nSize = size;
     return true;
 }

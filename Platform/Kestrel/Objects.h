@@ -60,13 +60,16 @@ public:
     bool Allocate(std::size_t size, const void* copy);
     unsigned char* Data() const { return _pData.get(); }
     std::size_t Size() const { return _nSize; }
+    // The bytes, kept alive by whoever holds this: a scene reads a buffer in
+    // place and must outlive new storage that replaces it.
+    std::shared_ptr<const unsigned char> Share() const { return _pData; }
 
 private:
     struct Free
     {
         void operator()(unsigned char* p) const { std::free(p); }
     };
-    std::unique_ptr<unsigned char, Free> _pData;
+    std::shared_ptr<unsigned char> _pData;
     std::size_t _nSize = 0;
 };
 
@@ -108,6 +111,7 @@ enum BuiltIn
     kBI_Box,       // (vec3 lo, vec3 hi)
     kBI_Plane,     // (vec3 point, vec3 normal)
     kBI_Triangles, // (uniformblock vertices)
+    kBI_Mesh,      // (uniformblock b, int vertex_count, int triangle_count)
     kBI_Transform, // (mat4 m)
 
     // Materials (ray shaders).
@@ -116,6 +120,9 @@ enum BuiltIn
     kBI_Emissive,       // (vec3 radiance)
     kBI_Mirror,         // (vec3 tint)
     kBI_Glass,          // (float ior)
+                        // (vec3 base_colour, float metallic, float roughness, vec3 emission,
+               //  texture base_colour_map, texture metallic_roughness_map, texture emission_map)
+    kBI_MetallicRoughness,
 
     // The frame (frame shaders).
     kBI_Camera,     // (vec3 eye, vec3 target, vec3 up, float fov_degrees)

@@ -28,13 +28,13 @@ RTCDevice SharedDevice()
 bool IsShape(BuiltIn builtIn)
 {
     return builtIn == kBI_Sphere || builtIn == kBI_Box || builtIn == kBI_Plane ||
-           builtIn == kBI_Triangles;
+           builtIn == kBI_Triangles || builtIn == kBI_Mesh;
 }
 
 bool IsMaterial(BuiltIn builtIn)
 {
     return builtIn == kBI_Diffuse || builtIn == kBI_DiffuseTexture || builtIn == kBI_Emissive ||
-           builtIn == kBI_Mirror || builtIn == kBI_Glass;
+           builtIn == kBI_Mirror || builtIn == kBI_Glass || builtIn == kBI_MetallicRoughness;
 }
 
 // The first statement that `pick` accepts, or null.
@@ -187,17 +187,22 @@ std::vector<std::uint64_t> SceneKey(const Context& context)
         const ArgumentReader reader(*primitive, program->_linked);
         for (const Statement& statement : program->_linked._statements)
         {
-            if (statement._eBuiltIn == kBI_Triangles)
+            if (statement._eBuiltIn == kBI_Triangles || statement._eBuiltIn == kBI_Mesh)
             {
                 const Id id = reader.Block(statement, 0);
                 const BufferObject* buffer = context._buffers.Find(id);
                 key.insert(key.end(), {id, buffer ? buffer->_nRevision : kMissing});
             }
-            else if (statement._eBuiltIn == kBI_DiffuseTexture)
+            else if (statement._eBuiltIn == kBI_DiffuseTexture ||
+                     statement._eBuiltIn == kBI_MetallicRoughness)
             {
-                const Id id = reader.Handle(statement, 0);
-                const TextureObject* texture = context._textures.Find(id);
-                key.insert(key.end(), {id, texture ? texture->_nRevision : kMissing});
+                const std::size_t first = statement._eBuiltIn == kBI_DiffuseTexture ? 0 : 4;
+                for (std::size_t i = first; i < statement._arguments.size(); ++i)
+                {
+                    const Id id = reader.Handle(statement, i);
+                    const TextureObject* texture = context._textures.Find(id);
+                    key.insert(key.end(), {id, texture ? texture->_nRevision : kMissing});
+                }
             }
         }
     }
@@ -340,6 +345,37 @@ int WrapTexel(int i, int size, int mode)
     }
 }
 
+// The sampler of a material's texture: no image unless the id names a live
+// texture with pixels.
+TextureSampler SamplerOf(const Context& context, Id id)
+{
+    TextureSampler sampler;
+    const TextureObject* texture = context._textures.Find(id);
+    if (texture && texture->_pImage && texture->_pImage->Bytes() != 0)
+    {
+        sampler._pImage = texture->_pImage;
+        sampler._eWrapS = texture->_eWrapS;
+        sampler._eWrapT = texture->_eWrapT;
+        sampler._bNearest = texture->_eMagFilter == KS_NEAREST;
+    }
+    return sampler;
+}
+
+// Negative and NaN components as 0: a surface neither takes light away
+// nor spoils a picture.
+Vec3 NonNegative(const Vec3& v)
+{
+    auto clean = [](float x)
+    { return x > 0.0f ? std::min(x, std::numeric_limits<float>::max()) : 0.0f; };
+    return {clean(v.x), clean(v.y), clean(v.z)};
+}
+
+// A map's texel, or 1 where there is no map.
+Vec3 MapOr1(const TextureSampler& map, float u, float v)
+{
+    return map._pImage ? map.Sample(u, v) : Vec3(1.0f);
+}
+
 } // namespace
 
 // ---------------------------------------------------------------------------
@@ -422,7 +458,10 @@ bool Scene::Intersect(const Vec3& origin, const Vec3& direction, float maxDistan
     float nearest = maxDistance;
     if (query.hit.geomID != RTC_INVALID_GEOMETRY_ID)
     {
-        shape = static_cast<int>(query.hit.geomID);
+        // A hit inside an instance names the instance's geometry id.
+        shape =
+            static_cast<int>(query.hit.instID[0] != RTC_INVALID_GEOMETRY_ID ? query.hit.instID[0]
+                                                                            : query.hit.geomID);
         nearest = query.ray.tfar;
     }
     // Planes are unbounded, which a hierarchy of boxes cannot hold; there
@@ -486,10 +525,64 @@ bool Scene::Intersect(const Vec3& origin, const Vec3& direction, float maxDistan
         hit->_fV = Dot(relative, plane._bitangent);
         break;
     }
+    case kSK_Instance:
+        _HitInstance(found, primitive, query.hit.u, query.hit.v, hit);
+        break;
     }
-    if (Dot(hit->_normal, hit->_normal) == 0.0f)
+    if (!(Dot(hit->_normal, hit->_normal) > 0.0f) || !IsFinite(hit->_normal))
         hit->_normal = -direction;
+    if (found._eKind != kSK_Instance || !(Dot(hit->_shading, hit->_shading) > 0.0f) ||
+        !IsFinite(hit->_shading))
+        hit->_shading = hit->_normal;
     return true;
+}
+
+void Scene::_HitInstance(const Shape& shape, unsigned primitive, float u, float v,
+                         SurfaceHit* hit) const
+{
+    const Instance& instance = _instances[static_cast<std::size_t>(shape._nIndex)];
+    const IndexedMesh& mesh = *_indexedMeshes[static_cast<std::size_t>(instance._nMesh)];
+    std::uint32_t corners[3];
+    mesh.Corners(mesh.Triangle(primitive), corners);
+    float vertices[3][8];
+    // The indices were checked at the build, but a host may write into a
+    // mapped buffer while a frame still reads it: never read past it.
+    for (int k = 0; k < 3; ++k)
+        mesh.Vertex(std::min(corners[k], mesh._nVertices - 1), vertices[k]);
+    auto position = [&](int k) { return Vec3(vertices[k][0], vertices[k][1], vertices[k][2]); };
+    auto normal = [&](int k) { return Vec3(vertices[k][3], vertices[k][4], vertices[k][5]); };
+    const Vec3 p0 = position(0);
+    // Normals go to the world by the inverse transposed, which keeps the
+    // winding's side outward under a mirroring placement too.
+    hit->_normal =
+        Normalize(instance._toObject.TransposedVector(Cross(position(1) - p0, position(2) - p0)));
+    const float b1 = u, b2 = v, b0 = 1.0f - b1 - b2;
+    const Vec3 n0 = normal(0), n1 = normal(1), n2 = normal(2);
+    // A corner without a normal leaves the triangle flat.
+    if (Dot(n0, n0) > 0.0f && Dot(n1, n1) > 0.0f && Dot(n2, n2) > 0.0f)
+        hit->_shading = Normalize(instance._toObject.TransposedVector(n0 * b0 + n1 * b1 + n2 * b2));
+    hit->_fU = b0 * vertices[0][6] + b1 * vertices[1][6] + b2 * vertices[2][6];
+    hit->_fV = b0 * vertices[0][7] + b1 * vertices[1][7] + b2 * vertices[2][7];
+}
+
+Scene::IndexedMesh::~IndexedMesh()
+{
+    if (_pScene)
+        rtcReleaseScene(_pScene);
+}
+
+void Scene::IndexedMesh::Corners(std::uint32_t triangle, std::uint32_t indices[3]) const
+{
+    std::memcpy(indices,
+                _pStorage.get() + std::size_t(_nVertices) * 8 * sizeof(float) +
+                    std::size_t(triangle) * 3 * sizeof(std::uint32_t),
+                3 * sizeof(std::uint32_t));
+}
+
+void Scene::IndexedMesh::Vertex(std::uint32_t index, float values[8]) const
+{
+    std::memcpy(values, _pStorage.get() + std::size_t(index) * 8 * sizeof(float),
+                8 * sizeof(float));
 }
 
 bool Scene::Occluded(const Vec3& origin, const Vec3& direction, float maxDistance) const
@@ -530,12 +623,84 @@ const Material& Scene::MaterialOf(const SurfaceHit& hit) const
 
 Vec3 Scene::AlbedoAt(const Material& material, const SurfaceHit& hit) const
 {
+    if (material._eKind == kMK_MetallicRoughness)
+        return LayersAt(material, hit)._base;
     return material._bTextured ? material._texture.Sample(hit._fU, hit._fV) : material._color;
+}
+
+SurfaceLayers Scene::LayersAt(const Material& material, const SurfaceHit& hit) const
+{
+    SurfaceLayers layers;
+    // A base colour above 1 would make light.
+    layers._base =
+        Min(NonNegative(material._color * MapOr1(material._texture, hit._fU, hit._fV)), Vec3(1.0f));
+    // Roughness in green, metal in blue, as the usual packed maps have them.
+    const Vec3 packed = MapOr1(material._metallicRoughnessMap, hit._fU, hit._fV);
+    layers._fMetallic = std::clamp(material._fMetallic * packed.z, 0.0f, 1.0f);
+    layers._fRoughness = std::clamp(material._fRoughness * packed.y, 0.0f, 1.0f);
+    if (!std::isfinite(layers._fMetallic))
+        layers._fMetallic = 0.0f;
+    if (!std::isfinite(layers._fRoughness))
+        layers._fRoughness = 1.0f;
+    return layers;
+}
+
+Vec3 Scene::EmissionAt(const Material& material, const SurfaceHit& hit, const Vec3& direction) const
+{
+    if (material._eKind == kMK_Emissive)
+        return material._color;
+    if (material._eKind != kMK_MetallicRoughness || !(Dot(direction, hit._normal) < 0.0f) ||
+        !(MaxComponent(material._emission) > 0.0f))
+        return {};
+    return NonNegative(material._emission * MapOr1(material._emissionMap, hit._fU, hit._fV));
 }
 
 bool Scene::IsSampledEmitter(int shape) const
 {
     return _shapes[static_cast<std::size_t>(shape)]._bSampledEmitter;
+}
+
+const Scene::Light* Scene::_LightOf(int shape) const
+{
+    if (shape < 0 || static_cast<std::size_t>(shape) >= _lightOfShape.size())
+        return nullptr;
+    const int light = _lightOfShape[static_cast<std::size_t>(shape)];
+    return light < 0 ? nullptr : &_lights[static_cast<std::size_t>(light)];
+}
+
+float Scene::_ConePdf(const Vec3& point, const Vec3& centre, float radius)
+{
+    const Vec3 toCentre = centre - point;
+    const float d2 = Dot(toCentre, toCentre);
+    const float r2 = radius * radius;
+    if (d2 <= r2)
+        return 1.0f / (4.0f * kPi);
+    const float sin2 = r2 / d2;
+    const float oneMinusCos = sin2 / (1.0f + std::sqrt(std::max(0.0f, 1.0f - sin2)));
+    return oneMinusCos > 0.0f ? 1.0f / (2.0f * kPi * oneMinusCos) : 0.0f;
+}
+
+float Scene::LightPdf(const Vec3& point, const Vec3& direction, const SurfaceHit& hit) const
+{
+    const Light* light = _LightOf(hit._nShape);
+    if (!light)
+        return 0.0f;
+    const float choice = 1.0f / static_cast<float>(_lights.size());
+    switch (light->_eKind)
+    {
+    case kLK_Sphere:
+    case kLK_Stretched:
+        return choice * _ConePdf(point, light->_centre, light->_fRadius);
+    case kLK_Triangles:
+    {
+        const float cosine = std::fabs(Dot(hit._normal, direction));
+        if (cosine < 1e-6f)
+            return 0.0f;
+        return choice * hit._fDistance * hit._fDistance / (cosine * light->_fArea);
+    }
+    default: // planes
+        return choice * std::fabs(Dot(hit._normal, direction)) / kPi;
+    }
 }
 
 bool Scene::SampleLight(const Vec3& point, float u0, float u1, float u2, float u3,
@@ -549,36 +714,54 @@ bool Scene::SampleLight(const Vec3& point, float u0, float u1, float u2, float u
     const Light& light = _lights[chosen];
     const float choice = 1.0f / static_cast<float>(count);
     sample->_radiance = light._radiance;
-    if (light._bSphere)
+    switch (light._eKind)
+    {
+    case kLK_Sphere:
+    case kLK_Stretched:
     {
         const Vec3 toCentre = light._centre - point;
         const float d2 = Dot(toCentre, toCentre);
         const float r2 = light._fRadius * light._fRadius;
+        const bool inside = d2 <= r2;
+        if (inside)
+            // From inside, every direction meets the sphere.
+            sample->_direction = UniformSphere(u1, u2);
+        else
+        {
+            const float sin2 = r2 / d2;
+            const float oneMinusCos = sin2 / (1.0f + std::sqrt(std::max(0.0f, 1.0f - sin2)));
+            if (!(oneMinusCos > 0.0f))
+                return false;
+            Vec3 t, b;
+            const Vec3 axis = toCentre / std::sqrt(d2);
+            OrthonormalBasis(axis, &t, &b);
+            const Vec3 local = UniformCone(u1, u2, oneMinusCos);
+            sample->_direction = Normalize(t * local.x + b * local.y + axis * local.z);
+        }
+        sample->_fPdf = choice * _ConePdf(point, light._centre, light._fRadius);
+        float near = 0.0f, far = 0.0f;
+        if (light._eKind == kLK_Stretched)
+        {
+            // Directions towards the bounding sphere that miss the shape
+            // within it bring nothing.
+            const Sphere& shape = _spheres[static_cast<std::size_t>(light._nIndex)];
+            if (!SphereRoots(shape, point, sample->_direction, &near, &far) || !(far > 0.0f))
+                return false;
+            sample->_fDistance = near > 0.0f ? near : far;
+            if (light._bOneSided && near <= 0.0f)
+                return false; // the inside of a surface that emits outwards
+            return true;
+        }
         Sphere sphere;
         sphere._centre = light._centre;
         sphere._fRadius = light._fRadius;
-        float near = 0.0f, far = 0.0f;
-        if (d2 <= r2)
+        if (inside)
         {
-            // From inside, every direction meets the sphere.
-            sample->_direction = UniformSphere(u1, u2);
-            sample->_fPdf = choice / (4.0f * kPi);
-            if (!SphereRoots(sphere, point, sample->_direction, &near, &far))
+            if (light._bOneSided || !SphereRoots(sphere, point, sample->_direction, &near, &far))
                 return false;
             sample->_fDistance = far;
             return far > 0.0f;
         }
-        const float distance = std::sqrt(d2);
-        const Vec3 axis = toCentre / distance;
-        const float sin2 = r2 / d2;
-        const float oneMinusCos = sin2 / (1.0f + std::sqrt(std::max(0.0f, 1.0f - sin2)));
-        if (!(oneMinusCos > 0.0f))
-            return false;
-        Vec3 t, b;
-        OrthonormalBasis(axis, &t, &b);
-        const Vec3 local = UniformCone(u1, u2, oneMinusCos);
-        sample->_direction = Normalize(t * local.x + b * local.y + axis * local.z);
-        sample->_fPdf = choice / (2.0f * kPi * oneMinusCos);
         // Directions at the cone's rim may just miss in float; they graze
         // the sphere at the point of closest approach.
         sample->_fDistance =
@@ -586,6 +769,28 @@ bool Scene::SampleLight(const Vec3& point, float u0, float u1, float u2, float u
                 ? near
                 : Dot(toCentre, sample->_direction);
         return sample->_fDistance > 0.0f;
+    }
+    case kLK_Plane:
+    {
+        const Plane& plane = _planes[static_cast<std::size_t>(light._nIndex)];
+        const float height = Dot(point - plane._point, plane._normal);
+        if (height == 0.0f || (light._bOneSided && height < 0.0f))
+            return false;
+        // Seen from off it, the plane fills the half of all directions on
+        // its side: drawn by their cosine towards it.
+        const Vec3 towards = height > 0.0f ? -plane._normal : plane._normal;
+        Vec3 t, b;
+        OrthonormalBasis(towards, &t, &b);
+        const Vec3 local = CosineHemisphere(u1, u2);
+        if (local.z < 1e-6f)
+            return false;
+        sample->_direction = Normalize(t * local.x + b * local.y + towards * local.z);
+        sample->_fDistance = std::fabs(height) / local.z;
+        sample->_fPdf = choice * local.z / kPi;
+        return std::isfinite(sample->_fDistance);
+    }
+    default:
+        break;
     }
     const std::size_t index = SearchCumulative(light._cumulativeArea, u1);
     const LightTriangle& triangle = _lightTriangles[light._nFirstTriangle + index];
@@ -599,8 +804,11 @@ bool Scene::SampleLight(const Vec3& point, float u0, float u1, float u2, float u
         return false;
     sample->_direction = offset / distance;
     sample->_fDistance = distance;
-    // Emitters shine from both sides.
-    const float cosine = std::fabs(Dot(triangle._normal, sample->_direction));
+    const float facing = Dot(triangle._normal, sample->_direction);
+    // Emitters shine from both sides, metallic-roughness ones from the front.
+    if (light._bOneSided && facing >= 0.0f)
+        return false;
+    const float cosine = std::fabs(facing);
     if (cosine < 1e-6f)
         return false;
     sample->_fPdf = choice * distance * distance / (cosine * light._fArea);
@@ -613,7 +821,11 @@ bool Scene::SampleLight(const Vec3& point, float u0, float u1, float u2, float u
 class SceneBuilder
 {
 public:
-    explicit SceneBuilder(const Context& context) : _context(context) {}
+    // `previous` lends the indexed meshes that did not change.
+    SceneBuilder(const Context& context, const Scene* previous)
+        : _context(context), _pPrevious(previous)
+    {
+    }
 
     std::shared_ptr<Scene> Build(std::string* error);
 
@@ -629,10 +841,16 @@ private:
     void _AddTriangles(const ArgumentReader& reader, const Statement& statement,
                        const Affine& placement, int material);
     void _AddMesh(Scene::Mesh mesh, const Affine& placement, int material);
+    void _AddIndexedMesh(const ArgumentReader& reader, const Statement& statement,
+                         const Affine& placement, int material);
+    int _IndexedMesh(const BufferObject& buffer, std::uint32_t vertices, std::uint32_t triangles);
     void _AddLights();
+    void _AddLightTriangles(const Scene::Shape& shape, Scene::Light* light);
+    bool _CommitIndexedMesh(RTCDevice device, Scene::IndexedMesh& mesh);
     bool _Commit(std::string* error);
 
     const Context& _context;
+    const Scene* _pPrevious;
     std::shared_ptr<Scene> _pScene;
 };
 
@@ -666,18 +884,19 @@ Material SceneBuilder::_Material(const ArgumentReader& reader, const Statement* 
         material._color = Finite(reader.Vector(*statement, 0));
         break;
     case kBI_DiffuseTexture:
-    {
         material._bTextured = true;
-        const TextureObject* texture = _context._textures.Find(reader.Handle(*statement, 0));
-        if (texture && texture->_pImage && texture->_pImage->Bytes() != 0)
-        {
-            material._texture._pImage = texture->_pImage;
-            material._texture._eWrapS = texture->_eWrapS;
-            material._texture._eWrapT = texture->_eWrapT;
-            material._texture._bNearest = texture->_eMagFilter == KS_NEAREST;
-        }
+        material._texture = SamplerOf(_context, reader.Handle(*statement, 0));
         break;
-    }
+    case kBI_MetallicRoughness:
+        material._eKind = kMK_MetallicRoughness;
+        material._color = Finite(reader.Vector(*statement, 0));
+        material._fMetallic = reader.Float(*statement, 1);
+        material._fRoughness = reader.Float(*statement, 2);
+        material._emission = Finite(reader.Vector(*statement, 3));
+        material._texture = SamplerOf(_context, reader.Handle(*statement, 4));
+        material._metallicRoughnessMap = SamplerOf(_context, reader.Handle(*statement, 5));
+        material._emissionMap = SamplerOf(_context, reader.Handle(*statement, 6));
+        break;
     case kBI_Emissive:
         material._eKind = kMK_Emissive;
         material._color = Finite(reader.Vector(*statement, 0));
@@ -721,6 +940,9 @@ void SceneBuilder::_AddPrimitive(const PrimitiveObject& primitive, const LinkedP
         break;
     case kBI_Plane:
         _AddPlane(reader, *shape, placement, material);
+        break;
+    case kBI_Mesh:
+        _AddIndexedMesh(reader, *shape, placement, material);
         break;
     default:
         _AddTriangles(reader, *shape, placement, material);
@@ -840,6 +1062,98 @@ void SceneBuilder::_AddTriangles(const ArgumentReader& reader, const Statement& 
     _AddMesh(std::move(mesh), placement, material);
 }
 
+void SceneBuilder::_AddIndexedMesh(const ArgumentReader& reader, const Statement& statement,
+                                   const Affine& placement, int material)
+{
+    const BufferObject* buffer = _context._buffers.Find(reader.Block(statement, 0));
+    const int vertices = reader.Int(statement, 1);
+    const int triangles = reader.Int(statement, 2);
+    if (!buffer || !buffer->_storage.Data() || vertices <= 0 || triangles <= 0)
+        return;
+    // Counts that the buffer cannot hold give nothing, rather than a read
+    // past its end.
+    const std::size_t bytes = std::size_t(vertices) * 8 * sizeof(float) +
+                              std::size_t(triangles) * 3 * sizeof(std::uint32_t);
+    if (buffer->_storage.Size() < bytes)
+        return;
+    Scene::Instance instance;
+    instance._toWorld = placement;
+    // Normals need the inverse; a flattening placement has none.
+    if (!placement.Invert(&instance._toObject))
+        return;
+    instance._nMesh = _IndexedMesh(*buffer, static_cast<std::uint32_t>(vertices),
+                                   static_cast<std::uint32_t>(triangles));
+    if (instance._nMesh < 0)
+        return;
+    Scene::Shape shape;
+    shape._eKind = Scene::kSK_Instance;
+    shape._nIndex = static_cast<int>(_pScene->_instances.size());
+    shape._nMaterial = material;
+    _pScene->_instances.push_back(instance);
+    _pScene->_shapes.push_back(shape);
+}
+
+// The scene's mesh of these counts in this buffer: one already made for
+// another primitive, or by the previous scene from the same storage, or a
+// new one. -1 when no triangle is left.
+int SceneBuilder::_IndexedMesh(const BufferObject& buffer, std::uint32_t vertices,
+                               std::uint32_t triangles)
+{
+    auto same = [&](const Scene::IndexedMesh& mesh)
+    {
+        return mesh._nBuffer == buffer._nId && mesh._nRevision == buffer._nRevision &&
+               mesh._pStorage.get() == buffer._storage.Data() && mesh._nVertices == vertices &&
+               mesh._nTriangles == triangles;
+    };
+    std::vector<std::shared_ptr<Scene::IndexedMesh>>& meshes = _pScene->_indexedMeshes;
+    for (std::size_t i = 0; i < meshes.size(); ++i)
+        if (same(*meshes[i]))
+            return static_cast<int>(i);
+    if (_pPrevious)
+        for (const std::shared_ptr<Scene::IndexedMesh>& mesh : _pPrevious->_indexedMeshes)
+            if (same(*mesh))
+            {
+                meshes.push_back(mesh);
+                return static_cast<int>(meshes.size() - 1);
+            }
+    auto mesh = std::make_shared<Scene::IndexedMesh>();
+    mesh->_pStorage = buffer._storage.Share();
+    mesh->_nBuffer = buffer._nId;
+    mesh->_nRevision = buffer._nRevision;
+    mesh->_nVertices = vertices;
+    mesh->_nTriangles = triangles;
+    // The kernels need indices in range and finite corners; the triangles
+    // without them are left out, and only then are the kept ones listed.
+    std::vector<char> finite(vertices);
+    for (std::uint32_t i = 0; i < vertices; ++i)
+    {
+        float values[8];
+        mesh->Vertex(i, values);
+        finite[i] =
+            std::isfinite(values[0]) && std::isfinite(values[1]) && std::isfinite(values[2]);
+    }
+    bool all = true;
+    for (std::uint32_t t = 0; t < triangles; ++t)
+    {
+        std::uint32_t corners[3];
+        mesh->Corners(t, corners);
+        const bool good = corners[0] < vertices && corners[1] < vertices && corners[2] < vertices &&
+                          finite[corners[0]] && finite[corners[1]] && finite[corners[2]];
+        if (good && !all)
+            mesh->_kept.push_back(t);
+        else if (!good && all)
+        {
+            all = false;
+            for (std::uint32_t k = 0; k < t; ++k)
+                mesh->_kept.push_back(k);
+        }
+    }
+    if (!all && mesh->_kept.empty())
+        return -1;
+    meshes.push_back(std::move(mesh));
+    return static_cast<int>(meshes.size() - 1);
+}
+
 void SceneBuilder::_AddMesh(Scene::Mesh mesh, const Affine& placement, int material)
 {
     if (mesh._positions.empty())
@@ -867,19 +1181,26 @@ void SceneBuilder::_AddMesh(Scene::Mesh mesh, const Affine& placement, int mater
 void SceneBuilder::_AddLights()
 {
     Scene& scene = *_pScene;
+    scene._lightOfShape.assign(scene._shapes.size(), -1);
     for (std::size_t s = 0; s < scene._shapes.size(); ++s)
     {
         Scene::Shape& shape = scene._shapes[s];
         const Material& material = scene._materials[static_cast<std::size_t>(shape._nMaterial)];
-        if (material._eKind != kMK_Emissive || !(MaxComponent(material._color) > 0.0f))
-            continue;
         Scene::Light light;
         light._nShape = static_cast<int>(s);
-        light._radiance = material._color;
+        if (material._eKind == kMK_Emissive)
+            light._radiance = material._color;
+        else if (material._eKind == kMK_MetallicRoughness && !material._emissionMap._pImage)
+        {
+            // An emission map varies over the surface, which the samples
+            // do not follow: such surfaces are found by hitting.
+            light._radiance = material._emission;
+            light._bOneSided = true;
+        }
+        if (!(MaxComponent(light._radiance) > 0.0f))
+            continue;
         if (shape._eKind == Scene::kSK_Sphere)
         {
-            // Sampled by its cone of directions, which needs a round sphere:
-            // one that the placement only turns, moves and scales evenly.
             const Scene::Sphere& sphere = scene._spheres[static_cast<std::size_t>(shape._nIndex)];
             const Vec3 x = sphere._toWorld.Vector(Vec3(1, 0, 0));
             const Vec3 y = sphere._toWorld.Vector(Vec3(0, 1, 0));
@@ -891,46 +1212,142 @@ void SceneBuilder::_AddLights()
                                std::fabs(Dot(x, y)) <= tolerance &&
                                std::fabs(Dot(y, z)) <= tolerance &&
                                std::fabs(Dot(z, x)) <= tolerance;
-            if (!round)
-                continue;
-            light._bSphere = true;
             light._centre = sphere._toWorld.Point(sphere._centre);
-            light._fRadius = sphere._fRadius * scale;
-        }
-        else if (shape._eKind == Scene::kSK_Mesh)
-        {
-            // Sampled by area over its triangles.
-            const Scene::Mesh& mesh = scene._meshes[static_cast<std::size_t>(shape._nIndex)];
-            light._bSphere = false;
-            light._nFirstTriangle = scene._lightTriangles.size();
-            double area = 0.0;
-            for (std::size_t i = 0; i + 2 < mesh._positions.size(); i += 3)
+            if (round)
             {
-                Scene::LightTriangle triangle;
-                triangle._p0 = mesh._positions[i];
-                triangle._p1 = mesh._positions[i + 1];
-                triangle._p2 = mesh._positions[i + 2];
-                const Vec3 normal = Cross(triangle._p1 - triangle._p0, triangle._p2 - triangle._p0);
-                triangle._normal = Normalize(normal);
-                area += 0.5 * Length(normal);
-                scene._lightTriangles.push_back(triangle);
-                light._cumulativeArea.push_back(static_cast<float>(area));
+                // Sampled by its cone of directions.
+                light._eKind = Scene::kLK_Sphere;
+                light._fRadius = sphere._fRadius * scale;
             }
-            if (!(area > 0.0) || !std::isfinite(area))
+            else
             {
-                scene._lightTriangles.resize(light._nFirstTriangle);
+                // By the cone of a sphere around it: the matrix's Frobenius
+                // norm bounds how far it stretches.
+                light._eKind = Scene::kLK_Stretched;
+                light._nIndex = shape._nIndex;
+                light._fRadius =
+                    sphere._fRadius * std::sqrt(Dot(x, x) + Dot(y, y) + Dot(z, z)) * 1.0001f;
+            }
+            if (!(light._fRadius > 0.0f) || !std::isfinite(light._fRadius))
                 continue;
-            }
-            for (float& cumulative : light._cumulativeArea)
-                cumulative = static_cast<float>(cumulative / area);
-            light._cumulativeArea.back() = 1.0f;
-            light._fArea = static_cast<float>(area);
+        }
+        else if (shape._eKind == Scene::kSK_Plane)
+        {
+            light._eKind = Scene::kLK_Plane;
+            light._nIndex = shape._nIndex;
         }
         else
-            continue; // planes have no area to sample: paths find them by hitting
+        {
+            _AddLightTriangles(shape, &light);
+            if (!(light._fArea > 0.0f))
+                continue;
+        }
         shape._bSampledEmitter = true;
+        scene._lightOfShape[s] = static_cast<int>(scene._lights.size());
         scene._lights.push_back(std::move(light));
     }
+}
+
+// A mesh emitter, sampled by area over its triangles in world space.
+void SceneBuilder::_AddLightTriangles(const Scene::Shape& shape, Scene::Light* light)
+{
+    Scene& scene = *_pScene;
+    light->_eKind = Scene::kLK_Triangles;
+    light->_nFirstTriangle = scene._lightTriangles.size();
+    double area = 0.0;
+    auto add = [&](const Vec3& p0, const Vec3& p1, const Vec3& p2, const Vec3& normal)
+    {
+        Scene::LightTriangle triangle;
+        triangle._p0 = p0;
+        triangle._p1 = p1;
+        triangle._p2 = p2;
+        triangle._normal = Normalize(normal);
+        area += 0.5 * Length(Cross(p1 - p0, p2 - p0));
+        scene._lightTriangles.push_back(triangle);
+        light->_cumulativeArea.push_back(static_cast<float>(area));
+    };
+    if (shape._eKind == Scene::kSK_Mesh)
+    {
+        const Scene::Mesh& mesh = scene._meshes[static_cast<std::size_t>(shape._nIndex)];
+        for (std::size_t i = 0; i + 2 < mesh._positions.size(); i += 3)
+        {
+            const Vec3& p0 = mesh._positions[i];
+            const Vec3& p1 = mesh._positions[i + 1];
+            const Vec3& p2 = mesh._positions[i + 2];
+            add(p0, p1, p2, Cross(p1 - p0, p2 - p0));
+        }
+    }
+    else
+    {
+        const Scene::Instance& instance = scene._instances[static_cast<std::size_t>(shape._nIndex)];
+        const Scene::IndexedMesh& mesh =
+            *scene._indexedMeshes[static_cast<std::size_t>(instance._nMesh)];
+        for (std::uint32_t k = 0; k < mesh.KeptCount(); ++k)
+        {
+            std::uint32_t corners[3];
+            mesh.Corners(mesh.Triangle(k), corners);
+            Vec3 p[3];
+            for (int c = 0; c < 3; ++c)
+            {
+                float values[8];
+                mesh.Vertex(corners[c], values);
+                p[c] = Vec3(values[0], values[1], values[2]);
+            }
+            add(instance._toWorld.Point(p[0]), instance._toWorld.Point(p[1]),
+                instance._toWorld.Point(p[2]),
+                instance._toObject.TransposedVector(Cross(p[1] - p[0], p[2] - p[0])));
+        }
+    }
+    if (!(area > 0.0) || !std::isfinite(area))
+    {
+        scene._lightTriangles.resize(light->_nFirstTriangle);
+        return;
+    }
+    for (float& cumulative : light->_cumulativeArea)
+        cumulative = static_cast<float>(cumulative / area);
+    light->_cumulativeArea.back() = 1.0f;
+    light->_fArea = static_cast<float>(area);
+}
+
+// One scene of the kernels for an indexed mesh, reading the buffer's
+// vertices in place (8 floats apart) and its indices too when all are kept.
+bool SceneBuilder::_CommitIndexedMesh(RTCDevice device, Scene::IndexedMesh& mesh)
+{
+    mesh._pScene = rtcNewScene(device);
+    if (!mesh._pScene)
+        return false;
+    rtcSetSceneFlags(mesh._pScene, RTC_SCENE_FLAG_ROBUST);
+    RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
+    if (!geometry)
+        return false;
+    unsigned char* bytes = const_cast<unsigned char*>(mesh._pStorage.get());
+    constexpr std::size_t kVertexBytes = 8 * sizeof(float);
+    constexpr std::size_t kTriangleBytes = 3 * sizeof(std::uint32_t);
+    // The kernels read 16 bytes per vertex: the normal after the position
+    // pads even the last one.
+    rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_VERTEX, 0, RTC_FORMAT_FLOAT3, bytes, 0,
+                               kVertexBytes, mesh._nVertices);
+    bool good = true;
+    if (mesh._kept.empty())
+        rtcSetSharedGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3, bytes,
+                                   kVertexBytes * mesh._nVertices, kTriangleBytes,
+                                   mesh._nTriangles);
+    else if (auto* indices = static_cast<std::uint32_t*>(
+                 rtcSetNewGeometryBuffer(geometry, RTC_BUFFER_TYPE_INDEX, 0, RTC_FORMAT_UINT3,
+                                         kTriangleBytes, mesh._kept.size())))
+        for (std::size_t k = 0; k < mesh._kept.size(); ++k)
+            mesh.Corners(mesh._kept[k], indices + 3 * k);
+    else
+        good = false;
+    if (good)
+    {
+        rtcCommitGeometry(geometry);
+        rtcAttachGeometryByID(mesh._pScene, geometry, 0);
+    }
+    rtcReleaseGeometry(geometry);
+    if (good)
+        rtcCommitScene(mesh._pScene);
+    return good;
 }
 
 bool SceneBuilder::_Commit(std::string* error)
@@ -952,6 +1369,9 @@ bool SceneBuilder::_Commit(std::string* error)
     // not slip between its triangles.
     rtcSetSceneFlags(scene._pScene, RTC_SCENE_FLAG_ROBUST);
     bool complete = true;
+    for (const std::shared_ptr<Scene::IndexedMesh>& mesh : scene._indexedMeshes)
+        if (!mesh->_pScene && !(complete = _CommitIndexedMesh(device, *mesh)))
+            break;
     for (std::size_t s = 0; s < scene._shapes.size() && complete; ++s)
     {
         const Scene::Shape& shape = scene._shapes[s];
@@ -997,6 +1417,19 @@ bool SceneBuilder::_Commit(std::string* error)
                 indices[i] = static_cast<unsigned>(i);
             }
         }
+        else if (shape._eKind == Scene::kSK_Instance)
+        {
+            const Scene::Instance& instance =
+                scene._instances[static_cast<std::size_t>(shape._nIndex)];
+            geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_INSTANCE);
+            complete = geometry != nullptr;
+            if (!complete)
+                break;
+            rtcSetGeometryInstancedScene(
+                geometry, scene._indexedMeshes[static_cast<std::size_t>(instance._nMesh)]->_pScene);
+            rtcSetGeometryTransform(geometry, 0, RTC_FORMAT_FLOAT3X4_ROW_MAJOR,
+                                    &instance._toWorld.m[0][0]);
+        }
         else
             continue;
         rtcCommitGeometry(geometry);
@@ -1018,8 +1451,10 @@ std::shared_ptr<const Scene> AcquireScene(Context& context, std::string* error)
     std::vector<std::uint64_t> key = SceneKey(context);
     if (context._pScene && key == context._sceneKey)
         return context._pScene;
-    context._pScene.reset();
-    std::shared_ptr<Scene> scene = SceneBuilder(context).Build(error);
+    // The old scene lends its unchanged meshes, then goes.
+    std::shared_ptr<const Scene> previous = std::move(context._pScene);
+    std::shared_ptr<Scene> scene = SceneBuilder(context, previous.get()).Build(error);
+    previous.reset();
     if (!scene)
         return nullptr;
     context._pScene = scene;

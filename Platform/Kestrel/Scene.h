@@ -43,22 +43,38 @@ enum MaterialKind
     kMK_Emissive,
     kMK_Mirror,
     kMK_Glass,
+    kMK_MetallicRoughness,
 };
 
 struct Material
 {
     MaterialKind _eKind = kMK_Diffuse;
-    Vec3 _color{0.8f}; // albedo, radiance or tint
+    Vec3 _color{0.8f}; // albedo, radiance, tint or base colour
     float _fIor = 1.5f;
     bool _bTextured = false; // diffuse, albedo from _texture
-    TextureSampler _texture;
+    TextureSampler _texture; // metallic-roughness: the base colour map
+    // Metallic-roughness only; a map without an image counts as 1.
+    float _fMetallic = 0.0f;
+    float _fRoughness = 1.0f;
+    Vec3 _emission;
+    TextureSampler _metallicRoughnessMap;
+    TextureSampler _emissionMap;
+};
+
+// A metallic-roughness surface at one point, its maps applied.
+struct SurfaceLayers
+{
+    Vec3 _base;
+    float _fMetallic = 0.0f;
+    float _fRoughness = 1.0f;
 };
 
 struct SurfaceHit
 {
     float _fDistance = 0.0f;
     Vec3 _position;
-    Vec3 _normal; // unit, the shape's outward side (for meshes: by winding)
+    Vec3 _normal;  // unit, the shape's outward side (for meshes: by winding)
+    Vec3 _shading; // unit, the normal to shade with: interpolated on indexed meshes
     float _fU = 0.0f;
     float _fV = 0.0f;
     int _nShape = -1;
@@ -90,6 +106,9 @@ public:
 
     const Material& MaterialOf(const SurfaceHit& hit) const;
     Vec3 AlbedoAt(const Material& material, const SurfaceHit& hit) const;
+    SurfaceLayers LayersAt(const Material& material, const SurfaceHit& hit) const;
+    // The radiance the surface emits back along a ray of `direction`.
+    Vec3 EmissionAt(const Material& material, const SurfaceHit& hit, const Vec3& direction) const;
 
     bool HasLights() const { return !_lights.empty(); }
     // True when direct lighting samples this shape's emission, so that a
@@ -98,6 +117,9 @@ public:
     // Four draws: the emitter, then a point on it.
     bool SampleLight(const Vec3& point, float u0, float u1, float u2, float u3,
                      LightSample* sample) const;
+    // The density per solid angle with which SampleLight, from `point`,
+    // gives the direction of a ray that hit the sampled emitter `hit`.
+    float LightPdf(const Vec3& point, const Vec3& direction, const SurfaceHit& hit) const;
 
     int ShapeCount() const { return static_cast<int>(_shapes.size()); }
 
@@ -109,6 +131,7 @@ private:
         kSK_Sphere,
         kSK_Mesh,
         kSK_Plane,
+        kSK_Instance, // of an indexed mesh
     };
     struct Shape
     {
@@ -135,6 +158,42 @@ private:
         std::vector<Vec3> _positions; // world space, three per triangle
         std::vector<float> _uvs;      // two per vertex, or empty: barycentric
     };
+    // An indexed mesh read in place from a buffer's storage, as one scene
+    // of the kernels that instances place: a buffer shared by several
+    // primitives is built once.
+    struct IndexedMesh
+    {
+        IndexedMesh() = default;
+        IndexedMesh(const IndexedMesh&) = delete;
+        IndexedMesh& operator=(const IndexedMesh&) = delete;
+        ~IndexedMesh();
+
+        std::shared_ptr<const unsigned char> _pStorage; // keeps the bytes alive
+        std::uint64_t _nBuffer = 0, _nRevision = 0;     // what it was read from
+        std::uint32_t _nVertices = 0, _nTriangles = 0;
+        // The kernels' primitive -> triangle of the buffer; empty when every
+        // triangle is kept and the kernels read the indices in place.
+        std::vector<std::uint32_t> _kept;
+        RTCScene _pScene = nullptr;
+
+        std::uint32_t KeptCount() const
+        {
+            return _kept.empty() ? _nTriangles : static_cast<std::uint32_t>(_kept.size());
+        }
+        std::uint32_t Triangle(std::uint32_t primitive) const
+        {
+            return _kept.empty() ? primitive : _kept[primitive];
+        }
+        void Corners(std::uint32_t triangle, std::uint32_t indices[3]) const;
+        // 8 floats: position, normal, texture coordinate.
+        void Vertex(std::uint32_t index, float values[8]) const;
+    };
+    struct Instance
+    {
+        int _nMesh = 0;
+        Affine _toWorld;
+        Affine _toObject;
+    };
     struct Plane
     {
         Vec3 _point;
@@ -142,13 +201,22 @@ private:
         Vec3 _tangent;
         Vec3 _bitangent;
     };
+    enum LightKind
+    {
+        kLK_Sphere,    // round: by its cone of directions
+        kLK_Stretched, // by the cone of a sphere around it
+        kLK_Triangles, // by area
+        kLK_Plane,     // by the cosine towards it
+    };
     struct Light
     {
         int _nShape = 0;
         Vec3 _radiance;
-        bool _bSphere = true;
-        Vec3 _centre; // spheres, world space
+        LightKind _eKind = kLK_Sphere;
+        bool _bOneSided = false; // emits only on the side its normal faces
+        Vec3 _centre;            // spheres, world space; stretched: of the bounding sphere
         float _fRadius = 0.0f;
+        int _nIndex = 0;                 // stretched spheres and planes: into their list
         std::size_t _nFirstTriangle = 0; // meshes: into _lightTriangles
         std::vector<float> _cumulativeArea;
         float _fArea = 0.0f;
@@ -160,6 +228,11 @@ private:
     };
 
     void _Finish(const Vec3& origin, const Vec3& direction, SurfaceHit* hit) const;
+    void _HitInstance(const Shape& shape, unsigned primitive, float u, float v,
+                      SurfaceHit* hit) const;
+    // The density of the cone towards a sphere (or of all directions from inside).
+    static float _ConePdf(const Vec3& point, const Vec3& centre, float radius);
+    const Light* _LightOf(int shape) const;
 
     RTCScene _pScene = nullptr;
     std::vector<Shape> _shapes; // a shape's index is its geometry id
@@ -167,8 +240,11 @@ private:
     std::vector<Sphere> _spheres;
     std::vector<Mesh> _meshes;
     std::vector<Plane> _planes;
+    std::vector<std::shared_ptr<IndexedMesh>> _indexedMeshes; // shared with later scenes
+    std::vector<Instance> _instances;
     std::vector<int> _planeShapes;
     std::vector<Light> _lights;
+    std::vector<int> _lightOfShape; // -1: not sampled
     std::vector<LightTriangle> _lightTriangles;
 };
 

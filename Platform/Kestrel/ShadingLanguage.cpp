@@ -149,7 +149,7 @@ enum Role
 const char* const kRoleNames[kRO_Count] = {"",         "shape",  "transform",
                                            "material", "camera", "background"};
 
-constexpr int kMaxParameters = 4;
+constexpr int kMaxParameters = 7;
 
 struct BuiltInInfo
 {
@@ -167,6 +167,12 @@ constexpr BuiltInInfo kBuiltIns[kBI_Count] = {
     {kBI_Box, "box", KS_VERTEX_SHADER, kRO_Shape, 2, {Value(kUT_Vec3), Value(kUT_Vec3)}},
     {kBI_Plane, "plane", KS_VERTEX_SHADER, kRO_Shape, 2, {Value(kUT_Vec3), Value(kUT_Vec3)}},
     {kBI_Triangles, "triangles", KS_VERTEX_SHADER, kRO_Shape, 1, {kBlockParameter}},
+    {kBI_Mesh,
+     "mesh",
+     KS_VERTEX_SHADER,
+     kRO_Shape,
+     3,
+     {kBlockParameter, Value(kUT_Int), Value(kUT_Int)}},
     {kBI_Transform, "transform", KS_VERTEX_SHADER, kRO_Transform, 1, {Value(kUT_Mat4)}},
     {kBI_Diffuse, "diffuse", KS_SHADER_KIND_2, kRO_Material, 1, {Value(kUT_Vec3)}},
     {kBI_DiffuseTexture,
@@ -178,6 +184,13 @@ constexpr BuiltInInfo kBuiltIns[kBI_Count] = {
     {kBI_Emissive, "emissive", KS_SHADER_KIND_2, kRO_Material, 1, {Value(kUT_Vec3)}},
     {kBI_Mirror, "mirror", KS_SHADER_KIND_2, kRO_Material, 1, {Value(kUT_Vec3)}},
     {kBI_Glass, "glass", KS_SHADER_KIND_2, kRO_Material, 1, {Value(kUT_Float)}},
+    {kBI_MetallicRoughness,
+     "metallic_roughness",
+     KS_SHADER_KIND_2,
+     kRO_Material,
+     7,
+     {Value(kUT_Vec3), Value(kUT_Float), Value(kUT_Float), Value(kUT_Vec3), Value(kUT_Texture),
+      Value(kUT_Texture), Value(kUT_Texture)}},
     {kBI_Camera,
      "camera",
      KS_SHADER_KIND_3,

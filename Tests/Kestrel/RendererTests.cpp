@@ -9,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <string>
 #include <utility>
 #include <vector>
@@ -33,6 +34,11 @@ const char* const kPlane = "uniform vec3 point;\nuniform vec3 normal;\nplane(poi
 const char* const kMesh = "uniformblock mesh;\ntriangles(mesh);\n";
 const char* const kPlacedMesh = "uniformblock mesh;\nuniform mat4 placement;\n"
                                 "triangles(mesh);\ntransform(placement);\n";
+const char* const kIndexedMesh =
+    "uniformblock mesh;\nuniform int vertices;\nuniform int triangles;\n"
+    "uniform mat4 placement = mat4(1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, "
+    "0, 0, 0, 0, 1);\n"
+    "mesh(mesh, vertices, triangles);\ntransform(placement);\n";
 const char* const kDiffuse = "uniform vec3 albedo = vec3(0.8, 0.8, 0.8);\ndiffuse(albedo);\n";
 const char* const kEmissive = "uniform vec3 radiance;\nemissive(radiance);\n";
 const char* const kMirror = "uniform vec3 tint;\nmirror(tint);\n";
@@ -516,15 +522,38 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
              r.Set("centre", {2, 1.5f, 0});
          },
          sphere, 0.02},
-        // Not quite round, so not sampled: paths must find it by hitting.
-        {"stretched sphere, found by hitting", kPlacedSphere,
+        // Not quite round: sampled by the cone of a sphere around it.
+        {"stretched sphere, sampled and hit", kPlacedSphere,
          [](Renderer& r)
          {
              r.Set("centre", {0, 0, 0});
              r.SetMatrix("placement", Placement({1, 1.001f, 1}, {2, 1.5f, 0}));
          },
-         sphere, 0.08},
+         sphere, 0.02},
+        // Above the camera, filling the floor's sky: irradiance pi L.
+        {"infinite plane, sampled and hit", kPlane,
+         [](Renderer& r)
+         {
+             r.Set("point", {0, 6, 0});
+             r.Set("normal", {0, 1, 0});
+         },
+         albedo * radiance, 0.02},
         {"triangle, sampled by area", kMesh, [&](Renderer& r) { r.Mesh(triangleFloats); },
+         albedo / kPi * radiance * ProjectedSolidAngle(point, up, triangle), 0.03},
+        {"indexed triangle, sampled by area", kIndexedMesh,
+         [&](Renderer& r)
+         {
+             std::vector<float> floats;
+             for (const Vec& v : triangle)
+                 floats.insert(floats.end(),
+                               {float(v[0]), float(v[1]), float(v[2]), 0, 0, 0, 0, 0});
+             const std::uint32_t indices[3] = {0, 1, 2};
+             floats.resize(27);
+             std::memcpy(&floats[24], indices, sizeof indices);
+             r.Mesh(floats);
+             ksUniform1i(ksGetUniformLocation(r._pProgram, "vertices"), 3);
+             ksUniform1i(ksGetUniformLocation(r._pProgram, "triangles"), 1);
+         },
          albedo / kPi * radiance * ProjectedSolidAngle(point, up, triangle), 0.03},
         {"box, sampled by area", kBox,
          [](Renderer& r)
@@ -638,6 +667,372 @@ TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
             EXPECT_LE(value, std::max(a, b) + 1e-5) << x;
         }
     }
+}
+
+// ---------------------------------------------------------------------------
+// Metallic-roughness
+
+const char* const kMetallicRoughness =
+    "uniform vec3 base = vec3(1, 1, 1);\nuniform float metallic;\nuniform float roughness = 1;\n"
+    "uniform vec3 emission;\nuniform texture base_map;\nuniform texture mr_map;\n"
+    "uniform texture emission_map;\n"
+    "metallic_roughness(base, metallic, roughness, emission, base_map, mr_map, emission_map);\n";
+
+// What a white metallic-roughness surface seen head-on reflects of an even
+// sky, by quadrature over the angle of incidence: GGX with height-correlated
+// Smith shadowing (which, seen head-on, is G1 of the light alone), Schlick's
+// Fresnel, and the Lambertian base under the dielectric's (1 - F).
+double HeadOnAlbedo(double roughness, double metallic)
+{
+    const double a2 = std::pow(roughness, 4.0);
+    constexpr int kSteps = 20000;
+    double sum = 0.0;
+    for (int i = 0; i < kSteps; ++i)
+    {
+        const double theta = (i + 0.5) / kSteps * kPi / 2, c = std::cos(theta);
+        const double ch = std::cos(theta / 2); // the half vector's cosine
+        const double d = ch * ch * (a2 - 1) + 1;
+        const double lambda = 0.5 * (std::sqrt(1 + a2 * std::pow(std::tan(theta), 2)) - 1);
+        const double schlick = std::pow(1 - ch, 5);
+        const double f0 = 0.04 * (1 - metallic) + metallic;
+        const double specular =
+            (f0 + (1 - f0) * schlick) * a2 / (kPi * d * d) / (1 + lambda) / (4 * c);
+        const double diffuse = (1 - metallic) * (1 - (0.04 + 0.96 * schlick)) / kPi;
+        sum += (specular + diffuse) * c * std::sin(theta) * (kPi / 2 / kSteps);
+    }
+    return 2 * kPi * sum;
+}
+
+// A floor seen head-on under an even sky (a furnace) and under an emissive
+// plane above the camera (sampled and hit, weighed by the power heuristic)
+// must show the same: what the surface reflects. A single-scattering lobe
+// loses what would bounce between microfacets: 0.307 for white metal of
+// roughness 1 head-on, 0.9983 at roughness 0.2.
+TEST_F(Renderer, MetallicRoughnessReflectsWhatItsModelSays)
+{
+    for (float roughness : {0.2f, 0.5f, 1.0f})
+        for (float metallic : {0.0f, 1.0f})
+            for (bool sky : {true, false})
+            {
+                const double expected = HeadOnAlbedo(roughness, metallic);
+                SCOPED_TRACE(testing::Message()
+                             << "roughness " << roughness << ", metallic " << metallic
+                             << (sky ? ", sky" : ", light plane") << ", expected " << expected);
+                Fresh();
+                Targets(1, 32, 32);
+                SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+                ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
+                UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
+                Set("eye", {0, 5, 0});
+                Set("target", {0, 0, 0});
+                Set("up", {0, 0, -1});
+                Set("fov", {0.5f});
+                Set("sky", {sky ? 1.0f : 0.0f, 0, 0});
+                Primitive(Program({{kVertex, kPlane}, {kRay, kMetallicRoughness}}));
+                Set("normal", {0, 1, 0});
+                Set("metallic", {metallic});
+                Set("roughness", {roughness});
+                if (!sky)
+                {
+                    Primitive(Program({{kVertex, kPlane}, {kRay, kEmissive}}));
+                    Set("point", {0, 6, 0});
+                    Set("normal", {0, -1, 0});
+                    Set("radiance", {1, 0, 0});
+                }
+                constexpr int kFrames = 16;
+                for (int frame = 0; frame < kFrames; ++frame)
+                    Render();
+                EXPECT_NEAR(Mean(0, 0, 0, 32, 32) / kFrames, expected, 0.01);
+            }
+}
+
+// Each map scales its factor: base colour by RGB, roughness by green,
+// metallic by blue, emission by RGB and only in front.
+TEST_F(Renderer, MetallicRoughnessMapsScaleTheirFactors)
+{
+    struct Case
+    {
+        const char* label;
+        const char* map;
+        std::array<float, 3> texel;
+        const char* output;
+        bool front;
+        std::array<double, 3> expected;
+    };
+    const double rough = HeadOnAlbedo(1, 0), smoother = HeadOnAlbedo(0.5, 1);
+    const Case cases[] = {
+        {"base colour", "base_map", {1, 0.5f, 0.25f}, "albedo", true, {0.5, 0.5, 0.25}},
+        {"emission", "emission_map", {1, 0.5f, 0.25f}, "radiance", true, {2, 1, 0.5}},
+        {"no emission behind", "emission_map", {1, 1, 1}, "radiance", false, {0, 0, 0}},
+        {"metal in blue", "mr_map", {1, 1, 0}, "radiance", true, {rough, rough, rough}},
+        {"roughness in green",
+         "mr_map",
+         {0, 0.5f, 1},
+         "radiance",
+         true,
+         {smoother, smoother, smoother}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        Fresh();
+        Targets(1, 16, 16);
+        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        const bool furnace = std::string(c.map) == "mr_map";
+        ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, furnace ? 1 : 0);
+        UseFrame(Program({{kFrame, FrameSource(std::string("output(0, ") + c.output + ");\n")}}));
+        Set("eye", {0, 5, 0});
+        Set("target", {0, 0, 0});
+        Set("up", {0, 0, -1});
+        Set("fov", {0.5f});
+        Set("sky", {furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f});
+        _KStexture* texture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, texture);
+        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, c.texel.data());
+        Primitive(Program({{kVertex, kPlane}, {kRay, kMetallicRoughness}}));
+        Set("normal", {0, c.front ? 1.0f : -1.0f, 0});
+        // The furnace cases need a white base and no emission.
+        Set("base", {furnace ? 1.0f : 0.5f, 1, 1});
+        Set("emission", {furnace ? 0.0f : 2.0f, furnace ? 0.0f : 2.0f, furnace ? 0.0f : 2.0f});
+        Set("metallic", {1});
+        ksUniformt(ksGetUniformLocation(_pProgram, c.map), texture);
+        constexpr int kFrames = 16;
+        for (int frame = 0; frame < kFrames; ++frame)
+            Render();
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(Mean(0, 0, 0, 16, 16, k) / kFrames, c.expected[static_cast<std::size_t>(k)],
+                        furnace ? 0.015 : 1e-5);
+    }
+}
+
+// Factors and texels out of range, NaN included, give neither NaN nor
+// negative light, whichever way a path goes.
+TEST_F(Renderer, MetallicRoughnessStaysFiniteAndPositive)
+{
+    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+    struct Case
+    {
+        float roughness, metallic;
+        std::array<float, 3> texel; // of all three maps
+    };
+    const Case cases[] = {
+        {0, 0, {1, 1, 1}},
+        {0, 1, {1, 1, 1}},
+        {-1, 2, {1, 1, 1}},
+        {kNaN, kNaN, {1, 1, 1}},
+        {1, 0.5f, {kNaN, -5, 1e30f}},
+        {0.5f, 1, {-1, kNaN, 0}},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.roughness << " " << c.metallic << " " << c.texel[0]);
+        Fresh();
+        Targets(2, 16, 16);
+        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, albedo);\n")}}));
+        Set("sky", {0.5f, 0.5f, 0.5f});
+        Set("eye", {0, 1, 3});
+        _KStexture* texture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, texture);
+        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, c.texel.data());
+        for (const char* shape : {kSphere, kPlane})
+        {
+            Primitive(Program({{kVertex, shape}, {kRay, kMetallicRoughness}}));
+            Set(shape == kSphere ? "centre" : "normal", {0, 1, 0});
+            Set("roughness", {c.roughness});
+            Set("metallic", {c.metallic});
+            Set("emission", {1, -1, 0.5f});
+            for (const char* map : {"base_map", "mr_map", "emission_map"})
+                ksUniformt(ksGetUniformLocation(_pProgram, map), texture);
+        }
+        Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
+        Set("centre", {2, 3, 0});
+        Set("radiance", {5, 5, 5});
+        for (int frame = 0; frame < 4; ++frame)
+        {
+            Render();
+            for (int i = 0; i < 16 * 16 * 4; ++i)
+                for (int target : {0, 1})
+                {
+                    const float value =
+                        _images[static_cast<std::size_t>(target)][static_cast<std::size_t>(i)];
+                    ASSERT_TRUE(value >= 0.0f && std::isfinite(value))
+                        << target << " " << i << " " << value;
+                }
+        }
+    }
+}
+
+// A rough metal ball lit by a small far lamp: its highlight lies where the
+// ball's normal halves the directions to the eye and to the lamp.
+TEST_F(Renderer, MetalHighlightSitsAtTheHalfVector)
+{
+    constexpr int kSize = 64;
+    const Vec centre = {0, 0, -4}, lamp = {14, 0, 10};
+    Targets(1, kSize, kSize);
+    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
+    Set("fov", {30});
+    Primitive(Program({{kVertex, kSphere}, {kRay, kMetallicRoughness}}));
+    Set("centre", {0, 0, -4});
+    Set("metallic", {1});
+    Set("roughness", {0.2f});
+    Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
+    Set("centre", {14, 0, 10});
+    Set("radius", {0.5f});
+    Set("radiance", {100, 100, 100});
+    for (int frame = 0; frame < 8; ++frame)
+        Render();
+    // The point of the equator whose normal is the half vector.
+    double best = -2.0, highlight = 0.0;
+    for (int i = 0; i < 100000; ++i)
+    {
+        const double phi = i * kPi / 100000;
+        const Vec normal = {std::sin(phi), 0, std::cos(phi)};
+        const Vec p = {centre[0] + normal[0], 0, centre[2] + normal[2]};
+        const Vec toEye = Unit(Sub({0, 0, 0}, p)), toLamp = Unit(Sub(lamp, p));
+        const Vec half = Unit({toEye[0] + toLamp[0], 0, toEye[2] + toLamp[2]});
+        if (Dot(normal, half) > best)
+        {
+            best = Dot(normal, half);
+            highlight = (p[0] / -p[2] / std::tan(kPi / 12) + 1) / 2 * kSize;
+        }
+    }
+    int brightest = 0;
+    for (int x = 0; x < kSize; ++x)
+        if (Mean(0, x, 31, x + 1, 33) > Mean(0, brightest, 31, brightest + 1, 33))
+            brightest = x;
+    EXPECT_NEAR(brightest + 0.5, highlight, 1.5);
+}
+
+// ---------------------------------------------------------------------------
+// Indexed meshes
+
+// The quad x, y in [-1, 1] at z = -3, facing +z, as vertices 0..3 from the
+// bottom left counter-clockwise and triangles (0 1 2) (lower right) and
+// (0 2 3) (upper left); u along x, v along y, each from 0 to 1.
+struct Quad
+{
+    std::vector<float> vertices = {-1, -1, -3, 0, 0, 1, 0, 0, 1,  -1, -3, 0, 0, 1, 1, 0,
+                                   1,  1,  -3, 0, 0, 1, 1, 1, -1, 1,  -3, 0, 0, 1, 0, 1};
+    std::vector<std::uint32_t> indices = {0, 1, 2, 0, 2, 3};
+    int vertexCount = 4;
+    int triangleCount = 2;
+
+    std::vector<float> Bytes() const
+    {
+        std::vector<float> floats = vertices;
+        floats.resize(vertices.size() + indices.size());
+        std::memcpy(floats.data() + vertices.size(), indices.data(), indices.size() * 4);
+        return floats;
+    }
+};
+
+// The quad fills the middle of a 16 x 16 picture seen from the origin.
+_KSbuffer* DrawQuad(Renderer& r, const Quad& quad, const char* material, const char* outputs)
+{
+    r.Fresh();
+    r.Targets(1, 16, 16);
+    r.UseFrame(r.Program({{kFrame, FrameSource(outputs)}}));
+    r.Set("fov", {40});
+    r.Primitive(r.Program({{kVertex, kIndexedMesh}, {kRay, material}}));
+    _KSbuffer* buffer = r.Mesh(quad.Bytes());
+    ksUniform1i(ksGetUniformLocation(r._pProgram, "vertices"), quad.vertexCount);
+    ksUniform1i(ksGetUniformLocation(r._pProgram, "triangles"), quad.triangleCount);
+    return buffer;
+}
+
+TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
+{
+    // Texel rows in memory: red, blue, then green, white. v = 0 reads the
+    // first row, which must land at the bottom of the picture (row 0).
+    const float texels[12] = {1, 0, 0, 0, 0, 1, 0, 1, 0, 1, 1, 1};
+    Quad quad;
+    DrawQuad(*this, quad, kTextured, "output(0, albedo);\n");
+    _KStexture* texture = NewTexture();
+    ksBindTexture(KS_TEXTURE_2D, texture);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 2, 2, 0, KS_RGB, KS_FLOAT, texels);
+    ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_MAG_FILTER, KS_NEAREST);
+    ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
+    Render();
+    const std::array<float, 3> expected[2][2] = {{{1, 0, 0}, {0, 0, 1}}, {{0, 1, 0}, {1, 1, 1}}};
+    for (int y : {0, 1})
+        for (int x : {0, 1})
+            for (int k = 0; k < 3; ++k)
+                EXPECT_EQ(At(0, 4 + 7 * x, 4 + 7 * y)[k], expected[y][x][k]) << x << y << k;
+
+    // Normals leaning out to -x and +x at the left and right edges: the
+    // normal channel follows their interpolation; one zero normal, which
+    // both triangles share, leaves them flat.
+    const float s = std::sqrt(0.5f);
+    for (bool leaning : {true, false})
+    {
+        SCOPED_TRACE(leaning ? "leaning" : "zero");
+        for (int v = 0; v < 4; ++v)
+        {
+            const float side = quad.vertices[8 * v] < 0 ? -1.0f : 1.0f;
+            quad.vertices[8 * v + 3] = leaning || v != 2 ? side * s : 0;
+            quad.vertices[8 * v + 5] = leaning || v != 2 ? s : 0;
+        }
+        DrawQuad(*this, quad, kDiffuse, "output(0, normal);\n");
+        Render();
+        // Pixel column 12 sees x near 3 tan(20) (12.5 / 8 - 1) = 0.614.
+        const double x = 0.614;
+        EXPECT_NEAR(At(0, 12, 8)[0], leaning ? x / std::sqrt(x * x + 1) : 0.0, 0.05);
+        EXPECT_NEAR(At(0, 3, 8)[0], leaning ? -x / std::sqrt(x * x + 1) : 0.0, 0.05);
+    }
+}
+
+TEST_F(Renderer, IndexedMeshLeavesOutWhatItCannotRead)
+{
+    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+    struct Case
+    {
+        const char* label;
+        std::function<void(Quad&)> spoil;
+        bool lowerRight, upperLeft; // which triangle is drawn
+    };
+    const Case cases[] = {
+        {"whole", [](Quad&) {}, true, true},
+        {"index out of range", [](Quad& q) { q.indices[5] = 4; }, true, false},
+        {"huge index", [](Quad& q) { q.indices[0] = 0xffffffffu; }, false, true},
+        {"NaN position", [&](Quad& q) { q.vertices[8 * 3 + 1] = kNaN; }, true, false},
+        {"NaN normal is no position", [&](Quad& q) { q.vertices[8 * 3 + 4] = kNaN; }, true, true},
+        {"fewer triangles than the buffer holds", [](Quad& q) { q.triangleCount = 1; }, true,
+         false},
+        {"buffer shorter than the counts", [](Quad& q) { q.indices.pop_back(); }, false, false},
+        {"more triangles than the buffer", [](Quad& q) { q.triangleCount = 3; }, false, false},
+        {"negative count", [](Quad& q) { q.vertexCount = -4; }, false, false},
+        {"no triangle left", [](Quad& q) { q.indices = {9, 9, 9, 9, 9, 9}; }, false, false},
+    };
+    for (const Case& c : cases)
+    {
+        SCOPED_TRACE(c.label);
+        Quad quad;
+        c.spoil(quad);
+        DrawQuad(*this, quad, kDiffuse, "output(0, depth);\n");
+        Render();
+        EXPECT_EQ(At(0, 11, 4)[0] > 0.0f, c.lowerRight);
+        EXPECT_EQ(At(0, 4, 11)[0] > 0.0f, c.upperLeft);
+    }
+}
+
+TEST_F(Renderer, OneBufferPlacedByTwoPrimitives)
+{
+    _KSbuffer* buffer = DrawQuad(*this, Quad(), kDiffuse, "output(0, depth);\n");
+    // The same buffer a quarter the size, at z = -0.75, in the lower left.
+    Primitive(_pProgram);
+    ksUniformBlockBuffer(ksGetUniformBlockIndex(_pProgram, "mesh"), buffer);
+    ksUniform1i(ksGetUniformLocation(_pProgram, "vertices"), 4);
+    ksUniform1i(ksGetUniformLocation(_pProgram, "triangles"), 2);
+    SetMatrix("placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.3f, 0}));
+    Render();
+    EXPECT_NEAR(At(0, 14, 14)[0], 3.25, 0.05) << "the first";
+    EXPECT_NEAR(At(0, 4, 4)[0], 0.77, 0.01) << "the second";
+    // New storage too short for the counts: both go.
+    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
+    Render();
+    EXPECT_EQ(At(0, 14, 14)[0], 0.0f);
+    EXPECT_EQ(At(0, 4, 4)[0], 0.0f);
 }
 
 // ---------------------------------------------------------------------------
