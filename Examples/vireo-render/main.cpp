@@ -8,8 +8,11 @@
 // to an attachment in blend mode 1, whose sum the wrapper keeps. Ctrl-C
 // stops the frame in flight; what has been accumulated is still written.
 #include "ImageOutput.h"
-#include "Progress.h"
+#include "PassGroup.h"
 #include "Scene.h"
+#if defined(VIREO_RENDER_MPI)
+#include "Distributed.h"
+#endif
 
 #include "KestrelWrapper/VireoKestrelWrapper.h"
 
@@ -28,6 +31,13 @@ using namespace Vireo;
 
 namespace
 {
+
+#if defined(VIREO_RENDER_MPI)
+// mpirun hands Ctrl-C to its ranks as SIGTERM.
+constexpr bool kStopOnTerminate = true;
+#else
+constexpr bool kStopOnTerminate = false;
+#endif
 
 struct Options
 {
@@ -69,6 +79,8 @@ public:
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, SIGINT);
+        if (kStopOnTerminate)
+            sigaddset(&set, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &set, nullptr); // inherited by every later thread
         _thread = std::thread(
             [this, set]()
@@ -142,7 +154,25 @@ bool ParseSize(const std::string& text, int* width, int* height)
     return true;
 }
 
-int Render(const Options& options, InterruptWatcher& watcher)
+// What every process of a job must agree on: what shapes the picture.
+std::string SceneDescription(const Options& options)
+{
+    return "scene " + options.scene + ", " + std::to_string(options.width) + "x" +
+           std::to_string(options.height) + ", " + std::to_string(options.passes) + " passes";
+}
+
+// Sums an attachment's client memory over the group, under its lock.
+bool SumOverGroup(VireoRender::IPassGroup& group, IKSFrameBufferAttachment* attachment, int width,
+                  int height, bool contribute)
+{
+    attachment->Lock(~0ul);
+    const bool summed = group.Sum(reinterpret_cast<float*>(attachment->GetClientBuffer()),
+                                  static_cast<std::size_t>(width) * height * 4, contribute);
+    attachment->UnLock();
+    return summed;
+}
+
+int Render(const Options& options, InterruptWatcher& watcher, VireoRender::IPassGroup& group)
 {
     IMgrConsole* console = GetMgrConsole();
     IMgrKestrel* manager = GetMgrKestrel();
@@ -150,13 +180,14 @@ int Render(const Options& options, InterruptWatcher& watcher)
     IKestrelContext* context = manager->CreateKestrelContext(console, false, true, attributes);
     if (context == nullptr || !manager->SetCurrentKestrelContext(context))
     {
-        std::fprintf(stderr, "vireo-render: no Kestrel context\n");
         if (context != nullptr)
             manager->DestroyKestrelContext(context);
+        group.Agree(SceneDescription(options), "no Kestrel context");
         return 1;
     }
-    std::printf("%s, %dx%d, %d passes, scene '%s'\n", context->GetKSVersionString(), options.width,
-                options.height, options.passes, options.scene.c_str());
+    if (group.IsRoot())
+        std::printf("%s, %dx%d, %d passes, scene '%s'\n", context->GetKSVersionString(),
+                    options.width, options.height, options.passes, options.scene.c_str());
 
     int status = 0;
     {
@@ -166,36 +197,37 @@ int Render(const Options& options, InterruptWatcher& watcher)
         IKSFrameBufferAttachment* radiance = nullptr;
         IKSFrameBufferAttachment* visibility = nullptr;
         GaussianFilter filter;
-        if (!scene.Build(options.scene, &error))
+        // Build sets `error` when it fails.
+        if (scene.Build(options.scene, &error) &&
+            (!frameBuffer->Init(options.width, options.height) ||
+             (radiance = frameBuffer->CreateAttachment(
+                  0, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float, true,
+                  IKSFrameBufferAttachment::kBM_Mode2, Color4f{0, 0, 0, 0})) == nullptr ||
+             (visibility = frameBuffer->CreateAttachment(
+                  1, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float, false,
+                  IKSFrameBufferAttachment::kBM_Accumulated, Color4f{1, 1, 1, 1})) == nullptr ||
+             !frameBuffer->SetFilter(&filter) || !frameBuffer->Bind()))
+            error = "the frame buffer was refused";
+        if (!group.Agree(SceneDescription(options), error))
         {
-            std::fprintf(stderr, "vireo-render: %s\n", error.c_str());
-            status = 1;
-        }
-        else if (!frameBuffer->Init(options.width, options.height) ||
-                 (radiance = frameBuffer->CreateAttachment(
-                      0, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float,
-                      true, IKSFrameBufferAttachment::kBM_Mode2, Color4f{0, 0, 0, 0})) == nullptr ||
-                 (visibility = frameBuffer->CreateAttachment(
-                      1, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float,
-                      false, IKSFrameBufferAttachment::kBM_Accumulated, Color4f{1, 1, 1, 1})) ==
-                     nullptr ||
-                 !frameBuffer->SetFilter(&filter) || !frameBuffer->Bind())
-        {
-            std::fprintf(stderr, "vireo-render: the frame buffer was refused\n");
             status = 1;
         }
         else
         {
             frameBuffer->Clear();
             watcher.Watch(context);
-            VireoRender::Progress progress(options.passes, stdout);
+            group.Begin(options.passes);
             int rendered = 0;
             for (int pass = 0; pass < options.passes && !watcher.Interrupted(); ++pass)
             {
+                if (!group.Renders(pass))
+                    continue;
+                // Each pass draws its own samples, whichever process renders it.
+                ksFrameParameter1i(KS_FRAME_INDEX, pass);
                 const IKestrelContext::KSRenderFrameStatus frame = context->RenderFrame();
                 if (frame == IKestrelContext::kRFS_Failed)
                 {
-                    status = 1;
+                    error = "a pass failed";
                     break;
                 }
                 ++rendered; // a stopped pass has still added its finished tiles
@@ -203,18 +235,23 @@ int Render(const Options& options, InterruptWatcher& watcher)
                 visibility->NotifyPassCompleted();
                 IKestrelContext::KSRenderFrameStatistics statistics = {};
                 context->GetKSStatistics(statistics);
-                progress.PassDone(rendered, statistics.doubleStatistic2 * 1e6);
+                group.PassDone(rendered, statistics.doubleStatistic2 * 1e6);
                 if (frame == IKestrelContext::kRFS_Stopped)
                     break;
             }
-            progress.Finish();
+            group.End();
             watcher.Watch(nullptr);
-            if (watcher.Interrupted())
-                std::printf("interrupted after %d passes: writing what there is\n", rendered);
+            const int total = group.TotalPasses(rendered);
+            if (!group.Succeeded(error) ||
+                !SumOverGroup(group, radiance, options.width, options.height, rendered > 0) ||
+                !SumOverGroup(group, visibility, options.width, options.height, rendered > 0))
+                status = 1;
+            else if (watcher.Interrupted() && group.IsRoot())
+                std::printf("interrupted after %d passes: writing what there is\n", total);
 
-            if (rendered > 0)
+            if (status == 0 && total > 0 && group.IsRoot())
             {
-                const float scale = 1.0f / static_cast<float>(rendered);
+                const float scale = 1.0f / static_cast<float>(total);
                 const VireoRender::RadianceImage image =
                     ReadAttachment(radiance, options.width, options.height, scale, false);
                 std::string failure =
@@ -246,6 +283,8 @@ int Render(const Options& options, InterruptWatcher& watcher)
 
 int main(int argc, char** argv)
 {
+    // Before any other thread starts, so that every thread blocks Ctrl-C.
+    InterruptWatcher watcher;
     Options options;
     std::string size = "640x480";
     CLI::App app{"Renders a built-in scene through VireoKestrelWrapper."};
@@ -272,6 +311,10 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "vireo-render: size '%s' is not WIDTHxHEIGHT\n", size.c_str());
         return 2;
     }
-    InterruptWatcher watcher;
-    return Render(options, watcher);
+#if defined(VIREO_RENDER_MPI)
+    VireoRender::Distributed group(&argc, &argv);
+#else
+    VireoRender::SoloGroup group;
+#endif
+    return Render(options, watcher, group);
 }
