@@ -241,37 +241,38 @@ int Render(const Options& options, InterruptWatcher& watcher, VireoRender::IPass
             }
             group.End();
             watcher.Watch(nullptr);
+            // Every process takes part in each step; a failed one still adds
+            // the passes it finished.
             const int total = group.TotalPasses(rendered);
-            if (!group.Succeeded(error) ||
-                !SumOverGroup(group, radiance, options.width, options.height, rendered > 0) ||
-                !SumOverGroup(group, visibility, options.width, options.height, rendered > 0))
+            const bool succeeded = group.Succeeded(error);
+            bool summed =
+                SumOverGroup(group, radiance, options.width, options.height, rendered > 0);
+            summed = SumOverGroup(group, visibility, options.width, options.height, rendered > 0) &&
+                     summed;
+            if (!succeeded || !summed)
                 status = 1;
-            else if (watcher.Interrupted() && group.IsRoot())
+            if (watcher.Interrupted() && group.IsRoot())
                 std::printf("interrupted after %d passes: writing what there is\n", total);
 
-            if (status == 0 && total > 0 && group.IsRoot())
+            std::string failure;
+            if (summed && total > 0 && group.IsRoot())
             {
                 const float scale = 1.0f / static_cast<float>(total);
                 const VireoRender::RadianceImage image =
                     ReadAttachment(radiance, options.width, options.height, scale, false);
-                std::string failure =
-                    VireoRender::WritePng(image, options.exposure, options.output);
+                failure = VireoRender::WritePng(image, options.exposure, options.output);
                 if (failure.empty() && !options.exr.empty())
                     failure = VireoRender::WriteExr(image, options.exr);
                 if (failure.empty() && !options.visibility.empty())
                     failure = VireoRender::WritePng(
                         ReadAttachment(visibility, options.width, options.height, scale, true),
                         1.0f, options.visibility);
-                if (!failure.empty())
-                {
-                    std::fprintf(stderr, "vireo-render: %s\n", failure.c_str());
-                    status = 1;
-                }
-                else
-                {
+                if (failure.empty())
                     std::printf("wrote %s\n", options.output.c_str());
-                }
             }
+            // The root's failure to write fails every process.
+            if (!group.Succeeded(failure))
+                status = 1;
         }
         context->DestroyIKSFrameBuffer(frameBuffer);
     }
