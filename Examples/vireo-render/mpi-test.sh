@@ -7,13 +7,17 @@ plain=$1 mpi=$2 compare=$3 mpirun=$4 dir=$5
 mkdir -p "$dir"
 export OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 OMPI_MCA_rmaps_base_oversubscribe=1
 common=(--size 24x16 --threads 1)
+# MPI's own libraries do not free what they hold at exit, and unload their
+# plug-ins first, so their leaks cannot be told apart by name: under the
+# leak checker the ranks skip it (the single-process runs keep it).
+mpi_env=(env "ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}detect_leaks=0")
 
 render() { # NAME RANKS PASSES: RANKS 0 is the plain program
     local out=("$dir/$1.png" --exr "$dir/$1.exr" --visibility "$dir/$1-visibility.png")
     if [ "$2" = 0 ]; then
         "$plain" "${common[@]}" --passes "$3" --output "${out[@]}" >"$dir/$1.log"
     else
-        "$mpirun" -np "$2" "$mpi" "${common[@]}" --passes "$3" --output "${out[@]}" >"$dir/$1.log"
+        "${mpi_env[@]}" "$mpirun" -np "$2" "$mpi" "${common[@]}" --passes "$3" --output "${out[@]}" >"$dir/$1.log"
         grep -q "^$2 ranks, $3 passes" "$dir/$1.log"
     fi
 }
@@ -36,7 +40,7 @@ render ranks3-passes2 3 2
 same plain2 ranks3-passes2
 
 # Ranks given different scenes refuse, all of them, and say why.
-if "$mpirun" -np 1 "$mpi" "${common[@]}" --passes 2 --output "$dir/x.png" --scene room : \
+if "${mpi_env[@]}" "$mpirun" -np 1 "$mpi" "${common[@]}" --passes 2 --output "$dir/x.png" --scene room : \
     -np 1 "$mpi" "${common[@]}" --passes 2 --output "$dir/x.png" --scene spheres \
     >"$dir/disagree.log" 2>&1; then
     echo "ranks with different scenes rendered"
