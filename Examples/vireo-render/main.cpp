@@ -289,6 +289,8 @@ int main(int argc, char** argv)
     Options options;
     std::string size = "640x480";
     CLI::App app{"Renders a built-in scene through VireoKestrelWrapper."};
+    // The last of a repeated option wins: the demo scripts' own come first.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("-s,--size", size, "image size, WIDTHxHEIGHT")->capture_default_str();
     app.add_option("-p,--passes", options.passes, "samples per pixel")
         ->check(CLI::Range(1, 1 << 20))
