@@ -86,8 +86,9 @@ std::string WritePng(const RadianceImage& image, float exposure, const std::stri
 std::string WriteExr(const RadianceImage& image, const std::string& path)
 {
     const char* error = nullptr;
+    // 32-bit floats: halves would hide differences well above a float's.
     const int status =
-        SaveEXR(image.rgba.data(), image.width, image.height, 4, 1, path.c_str(), &error);
+        SaveEXR(image.rgba.data(), image.width, image.height, 4, 0, path.c_str(), &error);
     if (status >= 0)
         return std::string();
     std::string text = "cannot write " + path + ": " + (error ? error : "unknown error");

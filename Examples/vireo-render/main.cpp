@@ -9,8 +9,11 @@
 // stops the frame in flight; what has been accumulated is still written.
 #include "ImageOutput.h"
 #include "Import.h"
-#include "Progress.h"
+#include "PassGroup.h"
 #include "Scene.h"
+#if defined(VIREO_RENDER_MPI)
+#include "Distributed.h"
+#endif
 
 #include "KestrelWrapper/VireoKestrelWrapper.h"
 
@@ -21,6 +24,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <thread>
@@ -29,6 +33,13 @@ using namespace Vireo;
 
 namespace
 {
+
+#if defined(VIREO_RENDER_MPI)
+// mpirun hands Ctrl-C to its ranks as SIGTERM.
+constexpr bool kStopOnTerminate = true;
+#else
+constexpr bool kStopOnTerminate = false;
+#endif
 
 struct Options
 {
@@ -71,6 +82,8 @@ public:
         sigset_t set;
         sigemptyset(&set);
         sigaddset(&set, SIGINT);
+        if (kStopOnTerminate)
+            sigaddset(&set, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &set, nullptr); // inherited by every later thread
         _thread = std::thread(
             [this, set]()
@@ -144,7 +157,47 @@ bool ParseSize(const std::string& text, int* width, int* height)
     return true;
 }
 
-int Render(const Options& options, InterruptWatcher& watcher)
+// FNV-1a of a file's bytes; 0 for a file that cannot be read (the import
+// then refuses it with its own message).
+std::uint64_t HashOfFile(const std::string& path)
+{
+    std::uint64_t hash = 14695981039346656037ull;
+    if (std::FILE* file = std::fopen(path.c_str(), "rb"))
+    {
+        unsigned char block[65536];
+        for (std::size_t n; (n = std::fread(block, 1, sizeof(block), file)) > 0;)
+            for (std::size_t i = 0; i < n; ++i)
+                hash = (hash ^ block[i]) * 1099511628211ull;
+        std::fclose(file);
+    }
+    return hash;
+}
+
+// What every process of a job must agree on: what shapes the picture. A
+// model is named by its path and the hash of its bytes, so two machines with
+// different files of one name disagree.
+std::string SceneDescription(const Options& options)
+{
+    const std::string scene = options.import.path.empty()
+                                  ? "scene " + options.scene
+                                  : "model " + options.import.path + " #" +
+                                        std::to_string(HashOfFile(options.import.path));
+    return scene + ", " + std::to_string(options.width) + "x" + std::to_string(options.height) +
+           ", " + std::to_string(options.passes) + " passes";
+}
+
+// Sums an attachment's client memory over the group, under its lock.
+bool SumOverGroup(VireoRender::IPassGroup& group, IKSFrameBufferAttachment* attachment, int width,
+                  int height, bool contribute)
+{
+    attachment->Lock(~0ul);
+    const bool summed = group.Sum(reinterpret_cast<float*>(attachment->GetClientBuffer()),
+                                  static_cast<std::size_t>(width) * height * 4, contribute);
+    attachment->UnLock();
+    return summed;
+}
+
+int Render(const Options& options, InterruptWatcher& watcher, VireoRender::IPassGroup& group)
 {
     IMgrConsole* console = GetMgrConsole();
     IMgrKestrel* manager = GetMgrKestrel();
@@ -152,14 +205,16 @@ int Render(const Options& options, InterruptWatcher& watcher)
     IKestrelContext* context = manager->CreateKestrelContext(console, false, true, attributes);
     if (context == nullptr || !manager->SetCurrentKestrelContext(context))
     {
-        std::fprintf(stderr, "vireo-render: no Kestrel context\n");
         if (context != nullptr)
             manager->DestroyKestrelContext(context);
+        group.Agree(SceneDescription(options), "no Kestrel context");
         return 1;
     }
-    std::printf("%s, %dx%d, %d passes, scene '%s'\n", context->GetKSVersionString(), options.width,
-                options.height, options.passes,
-                options.import.path.empty() ? options.scene.c_str() : options.import.path.c_str());
+    if (group.IsRoot())
+        std::printf("%s, %dx%d, %d passes, scene '%s'\n", context->GetKSVersionString(),
+                    options.width, options.height, options.passes,
+                    options.import.path.empty() ? options.scene.c_str()
+                                                : options.import.path.c_str());
 
     int status = 0;
     {
@@ -170,40 +225,42 @@ int Render(const Options& options, InterruptWatcher& watcher)
         IKSFrameBufferAttachment* radiance = nullptr;
         IKSFrameBufferAttachment* visibility = nullptr;
         GaussianFilter filter;
+        // Build sets `error` when it fails.
         const bool built = options.import.path.empty() ? scene.Build(options.scene, &error)
                                                        : imported.Build(options.import, &error);
-        for (const std::string& note : imported.Description().notes)
-            std::printf("%s: %s\n", options.import.path.c_str(), note.c_str());
-        if (!built)
+        if (group.IsRoot())
+            for (const std::string& note : imported.Description().notes)
+                std::printf("%s: %s\n", options.import.path.c_str(), note.c_str());
+        if (built &&
+            (!frameBuffer->Init(options.width, options.height) ||
+             (radiance = frameBuffer->CreateAttachment(
+                  0, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float, true,
+                  IKSFrameBufferAttachment::kBM_Mode2, Color4f{0, 0, 0, 0})) == nullptr ||
+             (visibility = frameBuffer->CreateAttachment(
+                  1, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float, false,
+                  IKSFrameBufferAttachment::kBM_Accumulated, Color4f{1, 1, 1, 1})) == nullptr ||
+             !frameBuffer->SetFilter(&filter) || !frameBuffer->Bind()))
+            error = "the frame buffer was refused";
+        if (!group.Agree(SceneDescription(options), error))
         {
-            std::fprintf(stderr, "vireo-render: %s\n", error.c_str());
-            status = 1;
-        }
-        else if (!frameBuffer->Init(options.width, options.height) ||
-                 (radiance = frameBuffer->CreateAttachment(
-                      0, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float,
-                      true, IKSFrameBufferAttachment::kBM_Mode2, Color4f{0, 0, 0, 0})) == nullptr ||
-                 (visibility = frameBuffer->CreateAttachment(
-                      1, IKSFrameBufferAttachment::kF_RGBA, IKSFrameBufferAttachment::kDT_Float,
-                      false, IKSFrameBufferAttachment::kBM_Accumulated, Color4f{1, 1, 1, 1})) ==
-                     nullptr ||
-                 !frameBuffer->SetFilter(&filter) || !frameBuffer->Bind())
-        {
-            std::fprintf(stderr, "vireo-render: the frame buffer was refused\n");
             status = 1;
         }
         else
         {
             frameBuffer->Clear();
             watcher.Watch(context);
-            VireoRender::Progress progress(options.passes, stdout);
+            group.Begin(options.passes);
             int rendered = 0;
             for (int pass = 0; pass < options.passes && !watcher.Interrupted(); ++pass)
             {
+                if (!group.Renders(pass))
+                    continue;
+                // Each pass draws its own samples, whichever process renders it.
+                ksFrameParameter1i(KS_FRAME_INDEX, pass);
                 const IKestrelContext::KSRenderFrameStatus frame = context->RenderFrame();
                 if (frame == IKestrelContext::kRFS_Failed)
                 {
-                    status = 1;
+                    error = "a pass failed";
                     break;
                 }
                 ++rendered; // a stopped pass has still added its finished tiles
@@ -211,38 +268,44 @@ int Render(const Options& options, InterruptWatcher& watcher)
                 visibility->NotifyPassCompleted();
                 IKestrelContext::KSRenderFrameStatistics statistics = {};
                 context->GetKSStatistics(statistics);
-                progress.PassDone(rendered, statistics.doubleStatistic2 * 1e6);
+                group.PassDone(rendered, statistics.doubleStatistic2 * 1e6);
                 if (frame == IKestrelContext::kRFS_Stopped)
                     break;
             }
-            progress.Finish();
+            group.End();
             watcher.Watch(nullptr);
-            if (watcher.Interrupted())
-                std::printf("interrupted after %d passes: writing what there is\n", rendered);
+            // Every process takes part in each step; a failed one still adds
+            // the passes it finished.
+            const int total = group.TotalPasses(rendered);
+            const bool succeeded = group.Succeeded(error);
+            bool summed =
+                SumOverGroup(group, radiance, options.width, options.height, rendered > 0);
+            summed = SumOverGroup(group, visibility, options.width, options.height, rendered > 0) &&
+                     summed;
+            if (!succeeded || !summed)
+                status = 1;
+            if (watcher.Interrupted() && group.IsRoot())
+                std::printf("interrupted after %d passes: writing what there is\n", total);
 
-            if (rendered > 0)
+            std::string failure;
+            if (summed && total > 0 && group.IsRoot())
             {
-                const float scale = 1.0f / static_cast<float>(rendered);
+                const float scale = 1.0f / static_cast<float>(total);
                 const VireoRender::RadianceImage image =
                     ReadAttachment(radiance, options.width, options.height, scale, false);
-                std::string failure =
-                    VireoRender::WritePng(image, options.exposure, options.output);
+                failure = VireoRender::WritePng(image, options.exposure, options.output);
                 if (failure.empty() && !options.exr.empty())
                     failure = VireoRender::WriteExr(image, options.exr);
                 if (failure.empty() && !options.visibility.empty())
                     failure = VireoRender::WritePng(
                         ReadAttachment(visibility, options.width, options.height, scale, true),
                         1.0f, options.visibility);
-                if (!failure.empty())
-                {
-                    std::fprintf(stderr, "vireo-render: %s\n", failure.c_str());
-                    status = 1;
-                }
-                else
-                {
+                if (failure.empty())
                     std::printf("wrote %s\n", options.output.c_str());
-                }
             }
+            // The root's failure to write fails every process.
+            if (!group.Succeeded(failure))
+                status = 1;
         }
         context->DestroyIKSFrameBuffer(frameBuffer);
     }
@@ -254,9 +317,13 @@ int Render(const Options& options, InterruptWatcher& watcher)
 
 int main(int argc, char** argv)
 {
+    // Before any other thread starts, so that every thread blocks Ctrl-C.
+    InterruptWatcher watcher;
     Options options;
     std::string size = "640x480";
     CLI::App app{"Renders a built-in scene through VireoKestrelWrapper."};
+    // The last of a repeated option wins: the demo scripts' own come first.
+    app.option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     app.add_option("-s,--size", size, "image size, WIDTHxHEIGHT")->capture_default_str();
     app.add_option("-p,--passes", options.passes, "samples per pixel")
         ->check(CLI::Range(1, 1 << 20))
@@ -287,6 +354,10 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "vireo-render: size '%s' is not WIDTHxHEIGHT\n", size.c_str());
         return 2;
     }
-    InterruptWatcher watcher;
-    return Render(options, watcher);
+#if defined(VIREO_RENDER_MPI)
+    VireoRender::Distributed group(&argc, &argv);
+#else
+    VireoRender::SoloGroup group;
+#endif
+    return Render(options, watcher, group);
 }

@@ -72,6 +72,7 @@ const QueryEntry kQueries[] = {
     {KS_RAY_DEPTH_LIMIT, kQT_Integer, [](const Context& c) { return Integer(c._nRayDepthLimit); }},
     {KS_FILTER_TABLE_SIZE, kQT_Integer,
      [](const Context& c) { return Integer(c._nFilterTableSize); }},
+    {KS_FRAME_INDEX, kQT_Integer, [](const Context& c) { return Integer(c._nFrameIndex); }},
     {KS_FRAME_STATISTIC_5, kQT_Integer,
      [](const Context& c) { return Integer(c._statistics._nFrames); }},
     {KS_FRAME_STATISTIC_4, kQT_Long,
@@ -108,7 +109,8 @@ void GetQuery(const char* function, int name, T* value, QueryType type, bool fra
     if (call.Proceed())
     {
         const QueryEntry* entry = FindQuery(name, type);
-        if (frameOnly && name != KS_RAY_DEPTH_LIMIT && name != KS_FILTER_TABLE_SIZE)
+        if (frameOnly && name != KS_RAY_DEPTH_LIMIT && name != KS_FILTER_TABLE_SIZE &&
+            name != KS_FRAME_INDEX)
             entry = nullptr;
         if (!entry)
             call.Raise(KS_INVALID_ENUM, "0x%x is not a%s %s state", static_cast<unsigned>(name),
@@ -289,6 +291,12 @@ void ksFrameParameter1i(int name, int value)
             context._nFilterTableSize = value;
             context._filterTable.assign(static_cast<std::size_t>(value) * value, 1.0f);
         }
+        break;
+    case KS_FRAME_INDEX:
+        if (value < 0)
+            call.Raise(KS_INVALID_VALUE, "frame index %d is below 0", value);
+        else
+            context._nFrameIndex = value;
         break;
     default:
         call.Raise(KS_INVALID_ENUM, "0x%x is not an integer frame parameter",

@@ -46,6 +46,7 @@ const NamedConstant kConstants[] = {
     KS_CONSTANT(KS_FILTER_TABLE_SIZE, kCS_Query),
     KS_CONSTANT(KS_FILTER_TABLE, kCS_Query),
     KS_CONSTANT(KS_MAX_FILTER_TABLE_SIZE, kCS_Query),
+    KS_CONSTANT(KS_FRAME_INDEX, kCS_Query),
     // Clear masks.
     KS_CONSTANT(KS_COLOR_BUFFER_BIT, kCS_ClearMask),
     KS_CONSTANT(KS_COLOR_ATTACHMENT0_BIT, kCS_ClearMask),

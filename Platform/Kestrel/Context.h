@@ -160,6 +160,7 @@ public:
 
     // Frame parameters, in force for every following frame.
     int _nRayDepthLimit = 8;
+    int _nFrameIndex = 0; // of the next frame's random numbers
     float _fFilterSize = 1.0f;
     int _nFilterTableSize = 1;
     std::vector<float> _filterTable{1.0f};

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <new>
 #include <optional>
 #include <string>
@@ -208,7 +209,7 @@ bool BuildJob(ApiCall& call, FrameJob* job)
     job->_fFilterSize = context._fFilterSize;
     job->_nFilterTableSize = context._nFilterTableSize;
     job->_filterTable = context._filterTable;
-    job->_nFrameIndex = context._statistics._nFrames;
+    job->_nFrameIndex = context._nFrameIndex;
 
     const FrameView view = ResolveFrameView(context);
     job->_camera = view._camera;
@@ -358,6 +359,7 @@ void ksRenderFrame(void)
                                                         static_cast<double>(total._nPrimaryRays))
                                    : 0.0f;
     ++statistics._nFrames;
+    context._nFrameIndex = context._nFrameIndex < INT_MAX ? context._nFrameIndex + 1 : 0;
     if (!finished)
         call.RaiseVerbatim(KS_RENDER_STOPPED, "frame stopped");
 }

@@ -53,7 +53,7 @@ struct FrameJob
     int _nFilterTableSize = 1;
     std::vector<float> _filterTable;
     std::vector<FrameTarget> _targets;
-    int _nFrameIndex = 0; // frames this context rendered before
+    int _nFrameIndex = 0; // picks the frame's random numbers
 
     std::shared_ptr<const Scene> _pScene; // null when there are no targets
     Camera _camera;

@@ -432,6 +432,13 @@ KESTREL_EXPORT void ksFramebufferAttachmentParameter1i(int target, int attachmen
 #define KS_MIRRORED_REPEAT 0x8370
 /// @}
 
+/// Integer frame parameter (ksFrameParameter1i, ksGetFrameParameteriv,
+/// ksGetIntegerv): the index whose random numbers the next frame draws,
+/// 0..INT_MAX. Every frame started moves it on by one, so unless a host sets
+/// it, it is the count of frames the context rendered. Processes that share
+/// one image's passes give each pass its own index.
+#define KS_FRAME_INDEX 0x10316
+
 /// Gives the bound primitive its program; null takes it away.
 KESTREL_EXPORT void ksUseProgram(_KSprogram* program);
 /// Sets KS_BUFFER_NAME of the buffer bound at `target`.

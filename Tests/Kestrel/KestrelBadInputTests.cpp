@@ -226,6 +226,8 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
          done([] { ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, -1); })},
         {"ksFrameParameter1i", KS_INVALID_VALUE,
          done([] { ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 0); })},
+        {"ksFrameParameter1i", KS_INVALID_VALUE,
+         done([] { ksFrameParameter1i(KS_FRAME_INDEX, -1); })},
         {"ksFrameParameter1f", KS_INVALID_VALUE,
          done([] { ksFrameParameter1f(KS_FILTER_SIZE, 0.0f); })},
         {"ksFrameParameter1f", KS_INVALID_VALUE,

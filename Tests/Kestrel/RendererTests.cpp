@@ -608,6 +608,37 @@ TEST_F(Renderer, FloorIsBrighterNearItsLight)
     EXPECT_GT(nearLight, 2.0 * far);
 }
 
+TEST_F(Renderer, FrameIndexChoosesTheSamples)
+{
+    // A floor lit by a small light: every pixel is noisy.
+    Targets(1, 16, 16);
+    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_0);
+    Primitive(Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
+    Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
+    Set("centre", {-1.5f, -0.5f, -4});
+    Set("radius", {0.3f});
+    Set("radiance", {20, 20, 20});
+    int index = -1;
+    ksGetFrameParameteriv(KS_FRAME_INDEX, &index);
+    EXPECT_EQ(index, 0);
+    Render(); // the default: the frames rendered before
+    const std::vector<float> byDefault = _images[0];
+    const auto frameAt = [this](int chosen)
+    {
+        ksFrameParameter1i(KS_FRAME_INDEX, chosen);
+        Render();
+        int next = -1;
+        ksGetFrameParameteriv(KS_FRAME_INDEX, &next);
+        EXPECT_EQ(next, chosen + 1) << "a frame moves the index on";
+        return _images[0];
+    };
+    const std::vector<float> seven = frameAt(7);
+    EXPECT_EQ(frameAt(0), byDefault);
+    EXPECT_EQ(frameAt(7), seven) << "frames rendered in between changed the samples";
+    EXPECT_NE(frameAt(8), seven);
+    EXPECT_NE(seven, byDefault);
+}
+
 TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
 {
     // Two texels, black and white; the plane's texture coordinates are its
