@@ -226,6 +226,12 @@ public:
         return sum / ((x1 - x0) * (y1 - y0));
     }
 
+    static long long MeshBuilds()
+    {
+        long long builds = -1;
+        EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&builds));
+        return builds;
+    }
     static long long SceneBuilds()
     {
         long long builds = -1;
@@ -1028,6 +1034,12 @@ TEST_F(Renderer, OneBufferPlacedByTwoPrimitives)
     Render();
     EXPECT_NEAR(At(0, 14, 14)[0], 3.25, 0.05) << "the first";
     EXPECT_NEAR(At(0, 4, 4)[0], 0.77, 0.01) << "the second";
+    EXPECT_EQ(MeshBuilds(), 1);
+    // Another placement builds a new scene around the same mesh.
+    SetMatrix("placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.4f, 0}));
+    Render();
+    EXPECT_EQ(SceneBuilds(), 2);
+    EXPECT_EQ(MeshBuilds(), 1);
     // New storage too short for the counts: both go.
     ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
     Render();
