@@ -1394,6 +1394,12 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     const KSprimitive textured = Primitive(Program({{kVertex, kSphere}, {kRay, kTextured}}));
     Set("centre", {-3, -3, -9});
     ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
+    _KStexture* packed = NewTexture();
+    ksBindTexture(KS_TEXTURE_2D, packed);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, nullptr);
+    Primitive(Program({{kVertex, kSphere}, {kRay, kMetallicRoughness}}));
+    Set("centre", {3, -3, -9});
+    ksUniformt(ksGetUniformLocation(_pProgram, "mr_map"), packed);
     _KSbuffer* stranger = NewBuffer();
     Render();
     ASSERT_EQ(SceneBuilds(), 1);
@@ -1455,6 +1461,13 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
          [&]
          {
              ksBindTexture(KS_TEXTURE_2D, texture);
+             ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
+         },
+         true},
+        {"a metallic-roughness map",
+         [&]
+         {
+             ksBindTexture(KS_TEXTURE_2D, packed);
              ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
          },
          true},
