@@ -985,6 +985,7 @@ TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
         const double x = 0.614;
         EXPECT_NEAR(At(0, 12, 8)[0], leaning ? x / std::sqrt(x * x + 1) : 0.0, 0.05);
         EXPECT_NEAR(At(0, 3, 8)[0], leaning ? -x / std::sqrt(x * x + 1) : 0.0, 0.05);
+        EXPECT_NEAR(At(0, 12, 8)[2], leaning ? 1 / std::sqrt(x * x + 1) : 1.0, 0.05);
     }
 }
 
