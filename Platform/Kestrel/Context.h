@@ -174,6 +174,7 @@ public:
     std::shared_ptr<const Scene> _pScene;
     std::vector<std::uint64_t> _sceneKey;
     long long _nSceneBuilds = 0;
+    long long _nMeshBuilds = 0; // indexed meshes committed by those builds
 
     HandleState StateOf(ObjectKind kind, Id id) const;
     // Records `id` as issued by this context for a new object of `kind` and

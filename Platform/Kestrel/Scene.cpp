@@ -1370,8 +1370,14 @@ bool SceneBuilder::_Commit(std::string* error)
     rtcSetSceneFlags(scene._pScene, RTC_SCENE_FLAG_ROBUST);
     bool complete = true;
     for (const std::shared_ptr<Scene::IndexedMesh>& mesh : scene._indexedMeshes)
-        if (!mesh->_pScene && !(complete = _CommitIndexedMesh(device, *mesh)))
+    {
+        if (mesh->_pScene)
+            continue; // lent by the previous scene
+        ++scene._nMeshesBuilt;
+        complete = _CommitIndexedMesh(device, *mesh);
+        if (!complete)
             break;
+    }
     for (std::size_t s = 0; s < scene._shapes.size() && complete; ++s)
     {
         const Scene::Shape& shape = scene._shapes[s];
@@ -1460,6 +1466,7 @@ std::shared_ptr<const Scene> AcquireScene(Context& context, std::string* error)
     context._pScene = scene;
     context._sceneKey = std::move(key);
     ++context._nSceneBuilds;
+    context._nMeshBuilds += scene->MeshesBuilt();
     return scene;
 }
 

@@ -122,6 +122,9 @@ public:
     float LightPdf(const Vec3& point, const Vec3& direction, const SurfaceHit& hit) const;
 
     int ShapeCount() const { return static_cast<int>(_shapes.size()); }
+    // The indexed meshes this scene committed, not counting those it took
+    // over from the previous one.
+    int MeshesBuilt() const { return _nMeshesBuilt; }
 
 private:
     friend class SceneBuilder;
@@ -242,6 +245,7 @@ private:
     std::vector<Plane> _planes;
     std::vector<std::shared_ptr<IndexedMesh>> _indexedMeshes; // shared with later scenes
     std::vector<Instance> _instances;
+    int _nMeshesBuilt = 0; // of _indexedMeshes, those this scene committed
     std::vector<int> _planeShapes;
     std::vector<Light> _lights;
     std::vector<int> _lightOfShape; // -1: not sampled

@@ -515,6 +515,18 @@ bool CountSceneBuilds(long long* builds)
         });
 }
 
+bool CountMeshBuilds(long long* builds)
+{
+    return WithCurrentContext(
+        [&](Context& context)
+        {
+            if (!builds)
+                return false;
+            *builds = context._nMeshBuilds;
+            return true;
+        });
+}
+
 bool ReadTexture(_KStexture* texture, int level, TextureRecord* record)
 {
     return WithCurrentContext(

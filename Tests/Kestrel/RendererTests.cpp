@@ -226,6 +226,12 @@ public:
         return sum / ((x1 - x0) * (y1 - y0));
     }
 
+    static long long MeshBuilds()
+    {
+        long long builds = -1;
+        EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&builds));
+        return builds;
+    }
     static long long SceneBuilds()
     {
         long long builds = -1;
@@ -1010,6 +1016,7 @@ TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
         const double x = 0.614;
         EXPECT_NEAR(At(0, 12, 8)[0], leaning ? x / std::sqrt(x * x + 1) : 0.0, 0.05);
         EXPECT_NEAR(At(0, 3, 8)[0], leaning ? -x / std::sqrt(x * x + 1) : 0.0, 0.05);
+        EXPECT_NEAR(At(0, 12, 8)[2], leaning ? 1 / std::sqrt(x * x + 1) : 1.0, 0.05);
     }
 }
 
@@ -1059,6 +1066,12 @@ TEST_F(Renderer, OneBufferPlacedByTwoPrimitives)
     Render();
     EXPECT_NEAR(At(0, 14, 14)[0], 3.25, 0.05) << "the first";
     EXPECT_NEAR(At(0, 4, 4)[0], 0.77, 0.01) << "the second";
+    EXPECT_EQ(MeshBuilds(), 1);
+    // Another placement builds a new scene around the same mesh.
+    SetMatrix("placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.4f, 0}));
+    Render();
+    EXPECT_EQ(SceneBuilds(), 2);
+    EXPECT_EQ(MeshBuilds(), 1);
     // New storage too short for the counts: both go.
     ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
     Render();
@@ -1413,6 +1426,12 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     const KSprimitive textured = Primitive(Program({{kVertex, kSphere}, {kRay, kTextured}}));
     Set("centre", {-3, -3, -9});
     ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
+    _KStexture* packed = NewTexture();
+    ksBindTexture(KS_TEXTURE_2D, packed);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, nullptr);
+    Primitive(Program({{kVertex, kSphere}, {kRay, kMetallicRoughness}}));
+    Set("centre", {3, -3, -9});
+    ksUniformt(ksGetUniformLocation(_pProgram, "mr_map"), packed);
     _KSbuffer* stranger = NewBuffer();
     Render();
     ASSERT_EQ(SceneBuilds(), 1);
@@ -1474,6 +1493,13 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
          [&]
          {
              ksBindTexture(KS_TEXTURE_2D, texture);
+             ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
+         },
+         true},
+        {"a metallic-roughness map",
+         [&]
+         {
+             ksBindTexture(KS_TEXTURE_2D, packed);
              ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
          },
          true},
