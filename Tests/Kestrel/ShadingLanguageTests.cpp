@@ -268,8 +268,7 @@ int KindOfCorpusFile(const std::string& fileName)
 
 TEST_F(ShadingLanguage, EveryCorpusFileCompiles)
 {
-    const std::filesystem::path corpus =
-        std::filesystem::path(__FILE__).parent_path() / "ShaderCorpus";
+    const std::filesystem::path corpus = VIREO_SHADER_CORPUS_DIR;
     int files = 0;
     for (const auto& entry : std::filesystem::directory_iterator(corpus))
     {
