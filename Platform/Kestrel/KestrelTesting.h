@@ -137,6 +137,23 @@ public:
     AutoRenderHook& operator=(const AutoRenderHook&) = delete;
 };
 
+/// Called at the start of each build of a context's scene (not when a frame
+/// reuses the last one), on the thread that builds, with the context's lock
+/// held: from it a test may call KestrelStopContext, or start a thread that
+/// calls KestrelDestroyContext, but makes no `ks` call, which would wait for
+/// that lock. The build goes on when it returns.
+KESTREL_EXPORT void SetBuildHook(RenderHook hook);
+
+/// Sets a build hook for its scope and takes it away after.
+class AutoBuildHook
+{
+public:
+    explicit AutoBuildHook(RenderHook hook) { SetBuildHook(std::move(hook)); }
+    ~AutoBuildHook() { SetBuildHook(nullptr); }
+    AutoBuildHook(const AutoBuildHook&) = delete;
+    AutoBuildHook& operator=(const AutoBuildHook&) = delete;
+};
+
 /// \name Handle texts
 /// @{
 

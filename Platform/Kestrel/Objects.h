@@ -239,6 +239,10 @@ struct BufferObject
     Storage _storage;
     int _eUsage = 0;
     bool _bMapped = false;
+    // Maps refused while the buffer was mapped. Each is closed by an unmap
+    // of its own, which must not end the live map: such unmaps are taken
+    // first. Above 0 only while mapped.
+    int _nRefusedMaps = 0;
     std::string _sName;
     // Raised by new storage and by every map and unmap, since a mapping
     // lets the host write the storage.
@@ -280,7 +284,9 @@ struct TextureObject
     std::uint64_t _nRevision = 0;
 };
 
-constexpr int kMaxAttachments = 16;
+// One for each bit that the 32-bit clear mask has for an attachment, from
+// KS_COLOR_ATTACHMENT0_BIT (bit 15) up to bit 31.
+constexpr int kMaxAttachments = 17;
 
 struct AttachmentPoint
 {

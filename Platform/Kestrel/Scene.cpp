@@ -1,6 +1,7 @@
 #include "Scene.h"
 
 #include "Context.h"
+#include "Instrumentation.h"
 #include "Pixels.h"
 #include "Sampling.h"
 
@@ -848,6 +849,9 @@ private:
     void _AddLightTriangles(const Scene::Shape& shape, Scene::Light* light);
     bool _CommitIndexedMesh(RTCDevice device, Scene::IndexedMesh& mesh);
     bool _Commit(std::string* error);
+    // A stop of the frame ends the build between two of its steps, so that
+    // a large scene does not hold the frame up.
+    bool _Stopped() const { return _context._bStopRequested.load(std::memory_order_acquire); }
 
     const Context& _context;
     const Scene* _pPrevious;
@@ -860,7 +864,11 @@ std::shared_ptr<Scene> SceneBuilder::Build(std::string* error)
     {
         _pScene = std::make_shared<Scene>();
         for (const PrimitiveObject* primitive : ScenePrimitives(_context))
+        {
+            if (_Stopped())
+                return nullptr;
             _AddPrimitive(*primitive, LinkedProgramOf(_context, *primitive)->_linked);
+        }
         _AddLights();
     }
     catch (const std::bad_alloc&)
@@ -1317,6 +1325,12 @@ bool SceneBuilder::_CommitIndexedMesh(RTCDevice device, Scene::IndexedMesh& mesh
     if (!mesh._pScene)
         return false;
     rtcSetSceneFlags(mesh._pScene, RTC_SCENE_FLAG_ROBUST);
+    // A large mesh's hierarchy is most of a build: a stop must reach it too.
+    rtcSetSceneProgressMonitorFunction(
+        mesh._pScene,
+        [](void* builder, double)
+        { return !static_cast<const SceneBuilder*>(builder)->_Stopped(); },
+        this);
     RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     if (!geometry)
         return false;
@@ -1368,6 +1382,12 @@ bool SceneBuilder::_Commit(std::string* error)
     // Robust traversal: a ray through a shared edge of a closed mesh must
     // not slip between its triangles.
     rtcSetSceneFlags(scene._pScene, RTC_SCENE_FLAG_ROBUST);
+    // The kernels ask for leave to go on while they build the hierarchy.
+    rtcSetSceneProgressMonitorFunction(
+        scene._pScene,
+        [](void* builder, double)
+        { return !static_cast<const SceneBuilder*>(builder)->_Stopped(); },
+        this);
     bool complete = true;
     for (const std::shared_ptr<Scene::IndexedMesh>& mesh : scene._indexedMeshes)
     {
@@ -1375,11 +1395,18 @@ bool SceneBuilder::_Commit(std::string* error)
             continue; // lent by the previous scene
         ++scene._nMeshesBuilt;
         complete = _CommitIndexedMesh(device, *mesh);
+        if (_Stopped())
+        {
+            rtcGetDeviceError(device); // a cancelled build's error is ours, not the next one's
+            return false;
+        }
         if (!complete)
             break;
     }
     for (std::size_t s = 0; s < scene._shapes.size() && complete; ++s)
     {
+        if (_Stopped())
+            return false;
         const Scene::Shape& shape = scene._shapes[s];
         RTCGeometry geometry = nullptr;
         if (shape._eKind == Scene::kSK_Sphere)
@@ -1444,6 +1471,11 @@ bool SceneBuilder::_Commit(std::string* error)
     }
     if (complete)
         rtcCommitScene(scene._pScene);
+    if (_Stopped())
+    {
+        rtcGetDeviceError(device); // the cancelled build's error is ours, not the next one's
+        return false;
+    }
     if (!complete || rtcGetDeviceError(device) != RTC_ERROR_NONE)
     {
         *error = "the ray tracing kernels cannot build the scene";
@@ -1457,6 +1489,8 @@ std::shared_ptr<const Scene> AcquireScene(Context& context, std::string* error)
     std::vector<std::uint64_t> key = SceneKey(context);
     if (context._pScene && key == context._sceneKey)
         return context._pScene;
+    if (Testing::RenderHook hook = CurrentBuildHook())
+        hook(HandleOf<void>(context._nId));
     // The old scene lends its unchanged meshes, then goes.
     std::shared_ptr<const Scene> previous = std::move(context._pScene);
     std::shared_ptr<Scene> scene = SceneBuilder(context, previous.get()).Build(error);

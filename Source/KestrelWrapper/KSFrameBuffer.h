@@ -114,8 +114,9 @@ public:
     /// The Kestrel handle.
     _KSframebuffer* GetKSFrameBuffer() const { return _handle; }
     // The sampled filter: n x n floats row after row, the entry of row r and
-    // column c sampled at (c, r) times size / n. Null without a filter.
-    /// The sampled pixel filter, row after row; null without a filter.
+    // column c sampled at (c, r) times size / n.
+    /// The sampled pixel filter, row after row; null without a filter, and
+    /// when Kestrel's limit leaves no entries: such a filter is no filter.
     const float* GetFilterTable() const { return _pFilterTable; }
     /// Samples per side of the filter table.
     std::uint64_t GetFilterTableSize() const { return _nFilterTableSize; }

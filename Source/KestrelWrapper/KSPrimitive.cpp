@@ -13,16 +13,6 @@ namespace Vireo
 
 bool KSPrimitive::s_bTrace = false;
 
-void KSPrimitiveTraceSwitch::Set(bool trace)
-{
-    KSPrimitive::s_bTrace = trace;
-}
-
-bool KSPrimitiveTraceSwitch::Get()
-{
-    return KSPrimitive::s_bTrace;
-}
-
 // --- The trace ---------------------------------------------------------------
 // One line per setter call: "<primitive>.<uniform> (<location>) # <count> "
 // followed by each element and a blank. The stream keeps its default settings

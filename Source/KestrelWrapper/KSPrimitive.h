@@ -84,17 +84,12 @@ private:
     std::string _sName;
     bool _bTrace = false;
 
-    /// Traces every setter but the single-int one when set. The library never
-    /// writes it; hosts and tests do.
+    /// Traces every setter but the single-int one when set. Exported as
+    /// data: no operation of the library writes it; a host flips it from a
+    /// debugger.
     static bool s_bTrace;
-    friend struct KSPrimitiveTraceSwitch;
-};
-
-// The host's handle on KSPrimitive::s_bTrace.
-struct VIREO_EXPORT KSPrimitiveTraceSwitch
-{
-    static void Set(bool trace);
-    static bool Get();
+    // Defined by the tests alone, which set the flag through it.
+    friend struct TraceFlagsTestPeer;
 };
 
 /// Binds a primitive for a scope and puts back what was bound before.

@@ -30,16 +30,6 @@ const char* LogText(const char* log)
 
 KSShader::Trace KSShader::_eTrace = KSShader::kTrace_None;
 
-void KSShaderTraceSwitch::Set(int level)
-{
-    KSShader::_eTrace = static_cast<KSShader::Trace>(level);
-}
-
-int KSShaderTraceSwitch::Get()
-{
-    return KSShader::_eTrace;
-}
-
 // --- The context's pair -------------------------------------------------------
 
 IKSShader* KestrelContextImp::CreateIKSShader(IKSShader::Type type)

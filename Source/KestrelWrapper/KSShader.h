@@ -69,17 +69,12 @@ private:
     ListenerList<fastdelegate::FastDelegate0<bool>> _setListenerChange;
     bool _bReleaseMode;
 
-    /// Read by every compile; the library never writes it, hosts and tests do.
+    /// Read by every compile and exported as data: no operation of the
+    /// library writes it; a host flips it from a debugger. Levels other than
+    /// those of Trace print nothing.
     static Trace _eTrace;
-    friend struct KSShaderTraceSwitch;
-};
-
-// The host's handle on KSShader::_eTrace. Levels other than those of
-// KSShader::Trace print nothing.
-struct VIREO_EXPORT KSShaderTraceSwitch
-{
-    static void Set(int level);
-    static int Get();
+    // Defined by the tests alone, which set the flag through it.
+    friend struct TraceFlagsTestPeer;
 };
 
 } // namespace Vireo

@@ -1,5 +1,6 @@
 // The primitive object: handle, name, binding, scoped binding, and the
 // setters with their trace.
+#include "Support/TraceFlags.h"
 #include "WrapperFixture.h"
 
 #include <cstdint>
@@ -355,10 +356,10 @@ TEST_F(WrapperFixture, TraceLinesMatchTheirFormat)
 TEST_F(WrapperFixture, ClassWideTraceSkipsOnlyTheSingleInt)
 {
     IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
-    KSPrimitiveTraceSwitch::Set(true);
+    TraceFlagsTestPeer::SetPrimitiveTrace(true);
     primitive->SetUniform("i", 1, 3);
     primitive->SetUniform("f", 2, 1.5f);
-    KSPrimitiveTraceSwitch::Set(false);
+    TraceFlagsTestPeer::SetPrimitiveTrace(false);
     primitive->SetTrace(true);
     primitive->SetUniform("j", 3, 4);
     EXPECT_EQ(_console.TextsOf(kCCK_PrintTrace),

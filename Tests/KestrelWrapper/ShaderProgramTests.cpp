@@ -1,6 +1,9 @@
 // Shader and program objects against the runtime: compile texts, listeners,
 // the link-once step and both orders of death.
+#include "Support/TraceFlags.h"
 #include "WrapperFixture.h"
+
+#include <dlfcn.h>
 
 #include <functional>
 #include <memory>
@@ -52,7 +55,7 @@ class ShaderFixture : public WrapperFixture
 protected:
     void TearDown() override
     {
-        KSShaderTraceSwitch::Set(KSShader::kTrace_None);
+        TraceFlagsTestPeer::SetShaderTrace(KSShader::kTrace_None);
         WrapperFixture::TearDown();
     }
 
@@ -71,6 +74,17 @@ std::string Count(const CallLog& log, const char* function)
 }
 
 } // namespace
+
+// The two trace flags are exported data that a host flips from a debugger;
+// no exported operation writes them.
+TEST(TraceFlagsTest, AreExportedDataWithoutSwitches)
+{
+    for (const char* data : {"_ZN5Vireo8KSShader7_eTraceE", "_ZN5Vireo11KSPrimitive8s_bTraceE"})
+        EXPECT_NE(dlsym(RTLD_DEFAULT, data), nullptr) << data;
+    for (const char* operation :
+         {"_ZN5Vireo19KSShaderTraceSwitch3SetEi", "_ZN5Vireo22KSPrimitiveTraceSwitch3SetEb"})
+        EXPECT_EQ(dlsym(RTLD_DEFAULT, operation), nullptr) << operation;
+}
 
 TEST_F(ShaderFixture, ShaderKindsNamesAndShutdown)
 {
@@ -138,7 +152,7 @@ TEST_F(ShaderFixture, CompileTextsFollowTraceLevelAndReleaseMode)
             SCOPED_TRACE("level " + std::to_string(row.level) + (row.release ? " release" : "") +
                          (row.fails ? " failing" : " compiling") +
                          (withResult ? " with Result" : ""));
-            KSShaderTraceSwitch::Set(row.level);
+            TraceFlagsTestPeer::SetShaderTrace(row.level);
             KSShader shader(&_console, row.release);
             shader.Init(IKSShader::kST_Vertex);
             AutoFaults faults;
@@ -172,7 +186,7 @@ TEST_F(ShaderFixture, CompileTextsFollowTraceLevelAndReleaseMode)
 TEST_F(ShaderFixture, CompileReportsWhatKestrelGives)
 {
     // Kestrel's own log, whatever its words, after the source: an undeclared name.
-    KSShaderTraceSwitch::Set(KSShader::kTrace_Always);
+    TraceFlagsTestPeer::SetShaderTrace(KSShader::kTrace_Always);
     IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
     Result result;
     std::string wrong = "sphere(nowhere, 1.0);\n";
@@ -200,7 +214,7 @@ TEST_F(ShaderFixture, CompileReportsWhatKestrelGives)
 
 TEST_F(ShaderFixture, ChangeListenersHearOnlyGoodCompiles)
 {
-    KSShaderTraceSwitch::Set(KSShader::kTrace_Always);
+    TraceFlagsTestPeer::SetShaderTrace(KSShader::kTrace_Always);
     IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
     std::string source = kShapeSource;
     Result result;
