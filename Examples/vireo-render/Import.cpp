@@ -230,26 +230,6 @@ bool LoadScene(const ImportOptions& options, SceneDescription* scene, std::strin
     return loaded;
 }
 
-ImportedScene::~ImportedScene()
-{
-    for (auto it = _primitives.rbegin(); it != _primitives.rend(); ++it)
-        _pContext->DestroyIKSPrimitive(*it);
-    for (auto it = _programs.rbegin(); it != _programs.rend(); ++it)
-        _pContext->DestroyIKSProgram(*it);
-    for (auto it = _shaders.rbegin(); it != _shaders.rend(); ++it)
-        _pContext->DestroyIKSShader(*it);
-    for (auto it = _textures.rbegin(); it != _textures.rend(); ++it)
-        _pContext->DestroyIKSTexImage2D(*it);
-    for (auto it = _buffers.rbegin(); it != _buffers.rend(); ++it)
-        _pContext->DestroyIKSBuffer(*it);
-    // The frame's program went to the null primitive; take it back.
-    if (IKSPrimitive* frame = _pContext->TheNullPrimitive())
-    {
-        frame->Bind();
-        ksUseProgram(nullptr);
-    }
-}
-
 IKSShader* ImportedScene::_Shader(IKSShader::Type type, const char* source, std::string* error)
 {
     IKSShader* shader = _pContext->CreateIKSShader(type);

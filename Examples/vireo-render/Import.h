@@ -4,7 +4,7 @@
 #ifndef VIREO_EXAMPLES_RENDER_IMPORT_H
 #define VIREO_EXAMPLES_RENDER_IMPORT_H
 
-#include "KestrelWrapper/VireoKestrelWrapper.h"
+#include "SceneObjects.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -98,13 +98,10 @@ bool LoadObjFromMemory(const std::string& obj, const std::string& mtl, SceneDesc
 
 // A loaded description built through one context; every object goes back
 // to the context on destruction.
-class ImportedScene
+class ImportedScene : private SceneObjects
 {
 public:
-    explicit ImportedScene(Vireo::IKestrelContext* context) : _pContext(context) {}
-    ~ImportedScene();
-    ImportedScene(const ImportedScene&) = delete;
-    ImportedScene& operator=(const ImportedScene&) = delete;
+    explicit ImportedScene(Vireo::IKestrelContext* context) : SceneObjects(context) {}
 
     // Loads and builds; false with `error` set when either fails.
     bool Build(const ImportOptions& options, std::string* error);
@@ -120,13 +117,7 @@ private:
     Vireo::IKSProgram* _Program(Vireo::IKSShader* shape, Vireo::IKSShader* material,
                                 std::string* error);
 
-    Vireo::IKestrelContext* _pContext;
     SceneDescription _description;
-    std::vector<Vireo::IKSShader*> _shaders;
-    std::vector<Vireo::IKSProgram*> _programs;
-    std::vector<Vireo::IKSPrimitive*> _primitives;
-    std::vector<Vireo::IKSBuffer*> _buffers;
-    std::vector<Vireo::IKSTexImage2D*> _textures;
 };
 
 } // namespace VireoRender

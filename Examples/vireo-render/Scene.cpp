@@ -99,27 +99,6 @@ std::vector<unsigned char> Checker(int size)
 
 } // namespace
 
-Scene::~Scene()
-{
-    for (auto it = _primitives.rbegin(); it != _primitives.rend(); ++it)
-        _pContext->DestroyIKSPrimitive(*it);
-    for (auto it = _programs.rbegin(); it != _programs.rend(); ++it)
-        _pContext->DestroyIKSProgram(*it);
-    for (auto it = _shaders.rbegin(); it != _shaders.rend(); ++it)
-        _pContext->DestroyIKSShader(*it);
-    for (auto it = _textures.rbegin(); it != _textures.rend(); ++it)
-        _pContext->DestroyIKSTexImage2D(*it);
-    for (auto it = _buffers.rbegin(); it != _buffers.rend(); ++it)
-        _pContext->DestroyIKSBuffer(*it);
-    // The frame program belonged to the null primitive; take it back so the
-    // context's frame returns to its defaults.
-    if (IKSPrimitive* frame = _pContext->TheNullPrimitive())
-    {
-        frame->Bind();
-        ksUseProgram(nullptr);
-    }
-}
-
 std::vector<std::string> Scene::Names()
 {
     return {"room", "spheres"};

@@ -4,7 +4,7 @@
 #ifndef VIREO_EXAMPLES_RENDER_SCENE_H
 #define VIREO_EXAMPLES_RENDER_SCENE_H
 
-#include "KestrelWrapper/VireoKestrelWrapper.h"
+#include "SceneObjects.h"
 
 #include <memory>
 #include <string>
@@ -13,15 +13,11 @@
 namespace VireoRender
 {
 
-// Everything a scene made through one context, given back to it on
-// destruction in reverse order of making.
-class Scene
+// A built-in scene; its objects go back to the context on destruction.
+class Scene : private SceneObjects
 {
 public:
-    explicit Scene(Vireo::IKestrelContext* context) : _pContext(context) {}
-    ~Scene();
-    Scene(const Scene&) = delete;
-    Scene& operator=(const Scene&) = delete;
+    explicit Scene(Vireo::IKestrelContext* context) : SceneObjects(context) {}
 
     // Builds the named scene; false with `error` set when that fails.
     bool Build(const std::string& name, std::string* error);
@@ -42,12 +38,6 @@ private:
     bool _Frame(Vireo::IKSProgram* program, const Vireo::Vector3f& eye,
                 const Vireo::Vector3f& target, float fov, std::string* error);
 
-    Vireo::IKestrelContext* _pContext;
-    std::vector<Vireo::IKSShader*> _shaders;
-    std::vector<Vireo::IKSProgram*> _programs;
-    std::vector<Vireo::IKSPrimitive*> _primitives;
-    std::vector<Vireo::IKSBuffer*> _buffers;
-    std::vector<Vireo::IKSTexImage2D*> _textures;
     std::vector<unsigned char> _textureTexels;
 };
 

@@ -852,6 +852,11 @@ private:
     // A stop of the frame ends the build between two of its steps, so that
     // a large scene does not hold the frame up.
     bool _Stopped() const { return _context._bStopRequested.load(std::memory_order_acquire); }
+    // The kernels' progress monitor: they build on while it gives true.
+    static bool _GoOn(void* builder, double)
+    {
+        return !static_cast<const SceneBuilder*>(builder)->_Stopped();
+    }
 
     const Context& _context;
     const Scene* _pPrevious;
@@ -1326,11 +1331,7 @@ bool SceneBuilder::_CommitIndexedMesh(RTCDevice device, Scene::IndexedMesh& mesh
         return false;
     rtcSetSceneFlags(mesh._pScene, RTC_SCENE_FLAG_ROBUST);
     // A large mesh's hierarchy is most of a build: a stop must reach it too.
-    rtcSetSceneProgressMonitorFunction(
-        mesh._pScene,
-        [](void* builder, double)
-        { return !static_cast<const SceneBuilder*>(builder)->_Stopped(); },
-        this);
+    rtcSetSceneProgressMonitorFunction(mesh._pScene, &SceneBuilder::_GoOn, this);
     RTCGeometry geometry = rtcNewGeometry(device, RTC_GEOMETRY_TYPE_TRIANGLE);
     if (!geometry)
         return false;
@@ -1383,11 +1384,7 @@ bool SceneBuilder::_Commit(std::string* error)
     // not slip between its triangles.
     rtcSetSceneFlags(scene._pScene, RTC_SCENE_FLAG_ROBUST);
     // The kernels ask for leave to go on while they build the hierarchy.
-    rtcSetSceneProgressMonitorFunction(
-        scene._pScene,
-        [](void* builder, double)
-        { return !static_cast<const SceneBuilder*>(builder)->_Stopped(); },
-        this);
+    rtcSetSceneProgressMonitorFunction(scene._pScene, &SceneBuilder::_GoOn, this);
     bool complete = true;
     for (const std::shared_ptr<Scene::IndexedMesh>& mesh : scene._indexedMeshes)
     {
