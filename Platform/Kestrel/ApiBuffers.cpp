@@ -186,9 +186,14 @@ void* ksMapBuffer(int target, int access)
     ApiCall call("ksMapBuffer", {EnumArg(target, kCS_Target), EnumArg(access, kCS_Access)});
     if (!call.Proceed())
         return nullptr;
-    if (BufferBindingOfTarget(target) >= 0 && !IsAccess(access))
+    const int binding = BufferBindingOfTarget(target);
+    if (binding >= 0 && !IsAccess(access))
     {
         call.Raise(KS_INVALID_ENUM, "0x%x is not a map access", static_cast<unsigned>(access));
+        // Refused all the same: its unmap must leave a live map alone.
+        Context& context = call.Ctx();
+        if (BufferObject* bound = context._buffers.Find(context._boundBuffers[binding]))
+            bound->_nRefusedMaps += bound->_bMapped ? 1 : 0;
         return nullptr;
     }
     BufferObject* buffer = BoundBuffer(call, target);
@@ -197,6 +202,7 @@ void* ksMapBuffer(int target, int access)
     if (buffer->_bMapped)
     {
         call.Raise(KS_INVALID_OPERATION, "the buffer is already mapped");
+        ++buffer->_nRefusedMaps;
         return nullptr;
     }
     if (buffer->_storage.Size() == 0)
@@ -214,12 +220,17 @@ void ksUnmapBuffer(int target)
     ApiCall call("ksUnmapBuffer", {EnumArg(target, kCS_Target)});
     if (!call.Proceed())
         return;
-    // Unmapping what is not mapped is harmless: hosts close failed maps too.
+    // Unmapping what is not mapped is harmless: hosts close failed maps too,
+    // and those of a mapped buffer are closed before the live map.
     if (BufferObject* buffer = BoundBuffer(call, target))
     {
-        if (buffer->_bMapped)
+        if (buffer->_nRefusedMaps > 0)
+            --buffer->_nRefusedMaps;
+        else if (buffer->_bMapped)
+        {
             ++buffer->_nRevision;
-        buffer->_bMapped = false;
+            buffer->_bMapped = false;
+        }
     }
 }
 

@@ -163,11 +163,14 @@ void KestrelDestroyContext(void* context)
     ApiCall call("KestrelDestroyContext", {ContextArg(context)}, ApiCall::kAM_NoLock);
     if (!call.Proceed())
         return;
+    // A frame still building or rendering on another thread ends at its next
+    // step; stopped before the context leaves the registry, so that a frame
+    // which finds it gone knows it is stopped.
+    if (std::shared_ptr<Context> live = Registry::Instance().Find(IdOf(context)))
+        live->_bStopRequested.store(true);
     std::shared_ptr<Context> removed = Registry::Instance().Remove(IdOf(context));
     if (!removed)
         return;
-    // A frame still rendering on another thread ends at its next tile.
-    removed->_bStopRequested.store(true);
     std::lock_guard<std::mutex> lock(removed->_mutex);
     removed->_bDestroyed = true;
     removed->ReleaseObjects();

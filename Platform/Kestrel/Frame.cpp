@@ -227,13 +227,14 @@ bool BuildJob(ApiCall& call, FrameJob* job)
     {
         std::string error;
         job->_pScene = AcquireScene(context, &error);
-        if (!job->_pScene)
+        if (!job->_pScene && !error.empty())
         {
             call.Raise(KS_OUT_OF_MEMORY, "%s", error.c_str());
             return false;
         }
     }
-    else
+    // A build given up for a stop leaves nothing to render either.
+    if (!job->_pScene)
         job->_targets.clear();
     job->Prepare();
     return true;
@@ -282,6 +283,12 @@ void ksRenderFrame(void)
     if (!call.Proceed())
         return;
     Context& context = call.Ctx();
+    // A stop counts from here on, the scene's build included; one asked for
+    // before is not for this frame. A destroy takes the context out of the
+    // registry after its stop, which may have come just before this.
+    context._bStopRequested.store(false);
+    if (!Registry::Instance().Find(context._nId))
+        context._bStopRequested.store(true);
     const ContextSettings settings = context._settings;
     const auto start = std::chrono::steady_clock::now();
     FrameJob job;
@@ -303,9 +310,6 @@ void ksRenderFrame(void)
     const double buildSeconds =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
-    // A stop asked for before this frame began is not for this frame; one
-    // that comes from here on, the hook included, is.
-    context._bStopRequested.store(false);
     call.Unlock();
 
     if (Testing::RenderHook hook = CurrentRenderHook())

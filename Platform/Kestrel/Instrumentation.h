@@ -49,6 +49,7 @@ bool StringOverride(int name, const char** text);
 
 // A copy of the installed hook; empty when none is.
 Testing::RenderHook CurrentRenderHook();
+Testing::RenderHook CurrentBuildHook();
 
 } // namespace Kestrel
 

@@ -130,6 +130,22 @@ public:
     AutoRenderHook& operator=(const AutoRenderHook&) = delete;
 };
 
+// Called at the start of each build of a context's scene (not when a frame
+// reuses the last one), on the thread that builds, with the context's lock
+// held: from it a test may call KestrelStopContext, or start a thread that
+// calls KestrelDestroyContext, but makes no `ks` call, which would wait for
+// that lock. The build goes on when it returns.
+KESTREL_EXPORT void SetBuildHook(RenderHook hook);
+
+class AutoBuildHook
+{
+public:
+    explicit AutoBuildHook(RenderHook hook) { SetBuildHook(std::move(hook)); }
+    ~AutoBuildHook() { SetBuildHook(nullptr); }
+    AutoBuildHook(const AutoBuildHook&) = delete;
+    AutoBuildHook& operator=(const AutoBuildHook&) = delete;
+};
+
 // The text a handle has in the call log, for building expected lines.
 KESTREL_EXPORT std::string Describe(_KSshader* handle);
 KESTREL_EXPORT std::string Describe(_KSprogram* handle);

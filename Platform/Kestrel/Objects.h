@@ -232,6 +232,10 @@ struct BufferObject
     Storage _storage;
     int _eUsage = 0;
     bool _bMapped = false;
+    // Maps refused while the buffer was mapped. Each is closed by an unmap
+    // of its own, which must not end the live map: such unmaps are taken
+    // first. Above 0 only while mapped.
+    int _nRefusedMaps = 0;
     std::string _sName;
     // Raised by new storage and by every map and unmap, since a mapping
     // lets the host write the storage.

@@ -1,6 +1,7 @@
 #include "Scene.h"
 
 #include "Context.h"
+#include "Instrumentation.h"
 #include "Pixels.h"
 #include "Sampling.h"
 
@@ -631,6 +632,9 @@ private:
     void _AddMesh(Scene::Mesh mesh, const Affine& placement, int material);
     void _AddLights();
     bool _Commit(std::string* error);
+    // A stop of the frame ends the build between two of its steps, so that
+    // a large scene does not hold the frame up.
+    bool _Stopped() const { return _context._bStopRequested.load(std::memory_order_acquire); }
 
     const Context& _context;
     std::shared_ptr<Scene> _pScene;
@@ -642,7 +646,11 @@ std::shared_ptr<Scene> SceneBuilder::Build(std::string* error)
     {
         _pScene = std::make_shared<Scene>();
         for (const PrimitiveObject* primitive : ScenePrimitives(_context))
+        {
+            if (_Stopped())
+                return nullptr;
             _AddPrimitive(*primitive, LinkedProgramOf(_context, *primitive)->_linked);
+        }
         _AddLights();
     }
     catch (const std::bad_alloc&)
@@ -951,9 +959,17 @@ bool SceneBuilder::_Commit(std::string* error)
     // Robust traversal: a ray through a shared edge of a closed mesh must
     // not slip between its triangles.
     rtcSetSceneFlags(scene._pScene, RTC_SCENE_FLAG_ROBUST);
+    // The kernels ask for leave to go on while they build the hierarchy.
+    rtcSetSceneProgressMonitorFunction(
+        scene._pScene,
+        [](void* builder, double)
+        { return !static_cast<const SceneBuilder*>(builder)->_Stopped(); },
+        this);
     bool complete = true;
     for (std::size_t s = 0; s < scene._shapes.size() && complete; ++s)
     {
+        if (_Stopped())
+            return false;
         const Scene::Shape& shape = scene._shapes[s];
         RTCGeometry geometry = nullptr;
         if (shape._eKind == Scene::kSK_Sphere)
@@ -1005,6 +1021,11 @@ bool SceneBuilder::_Commit(std::string* error)
     }
     if (complete)
         rtcCommitScene(scene._pScene);
+    if (_Stopped())
+    {
+        rtcGetDeviceError(device); // the cancelled build's error is ours, not the next one's
+        return false;
+    }
     if (!complete || rtcGetDeviceError(device) != RTC_ERROR_NONE)
     {
         *error = "the ray tracing kernels cannot build the scene";
@@ -1019,6 +1040,8 @@ std::shared_ptr<const Scene> AcquireScene(Context& context, std::string* error)
     if (context._pScene && key == context._sceneKey)
         return context._pScene;
     context._pScene.reset();
+    if (Testing::RenderHook hook = CurrentBuildHook())
+        hook(HandleOf<void>(context._nId));
     std::shared_ptr<Scene> scene = SceneBuilder(context).Build(error);
     if (!scene)
         return nullptr;

@@ -174,7 +174,8 @@ private:
 
 // The scene of the context's primitives as they are now: the cached one
 // when nothing it was built from has changed, otherwise a new one. Null
-// with `error` set when the kernels cannot build it.
+// with `error` set when the kernels cannot build it, and with `error` left
+// empty when a stop of the frame ended the build.
 std::shared_ptr<const Scene> AcquireScene(Context& context, std::string* error);
 
 struct Camera

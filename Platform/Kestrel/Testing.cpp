@@ -204,6 +204,12 @@ Testing::RenderHook& InstalledHook()
     return hook;
 }
 
+Testing::RenderHook& InstalledBuildHook()
+{
+    static Testing::RenderHook hook;
+    return hook;
+}
+
 // Runs `read` on the current context under its lock; false without one.
 template <class F>
 bool WithCurrentContext(F read)
@@ -290,6 +296,12 @@ Testing::RenderHook CurrentRenderHook()
 {
     std::lock_guard<std::mutex> lock(HookMutex());
     return InstalledHook();
+}
+
+Testing::RenderHook CurrentBuildHook()
+{
+    std::lock_guard<std::mutex> lock(HookMutex());
+    return InstalledBuildHook();
 }
 
 namespace Testing
@@ -395,6 +407,12 @@ void SetRenderHook(RenderHook hook)
 {
     std::lock_guard<std::mutex> lock(HookMutex());
     InstalledHook() = std::move(hook);
+}
+
+void SetBuildHook(RenderHook hook)
+{
+    std::lock_guard<std::mutex> lock(HookMutex());
+    InstalledBuildHook() = std::move(hook);
 }
 
 namespace

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 namespace KestrelTest
@@ -91,14 +92,23 @@ TEST_F(KestrelBuffers, MapConflictsAreInvalidOperations)
     ASSERT_NE(mapped, nullptr);
     ASSERT_NO_KS_ERROR();
 
-    // Mapped is a state of the buffer, not of the target.
+    // Mapped is a state of the buffer, not of the target. Each refused map is
+    // closed by an unmap of its own, which must leave the live map alone.
     ksBindBuffer(KS_PIXEL_PACK_BUFFER, _pBuffer);
-    EXPECT_EQ(ksMapBuffer(KS_PIXEL_PACK_BUFFER, KS_READ_ONLY), nullptr);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
-    EXPECT_EQ(ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_ONLY), nullptr);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
-    ksBufferData(KS_ARRAY_BUFFER, 4, nullptr, KS_STATIC_DRAW);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksBufferData");
+    const std::pair<int, int> refused[] = {{KS_PIXEL_PACK_BUFFER, KS_READ_ONLY},
+                                           {KS_ARRAY_BUFFER, KS_READ_ONLY},
+                                           {KS_ARRAY_BUFFER, 0x1234}};
+    for (const auto& [target, access] : refused)
+    {
+        SCOPED_TRACE(Hex(target) + " " + Hex(access));
+        EXPECT_EQ(ksMapBuffer(target, access), nullptr);
+        EXPECT_KS_ERROR_IN(access == 0x1234 ? KS_INVALID_ENUM : KS_INVALID_OPERATION,
+                           "ksMapBuffer");
+        ksUnmapBuffer(target);
+        EXPECT_NO_KS_ERROR();
+        ksBufferData(KS_ARRAY_BUFFER, 4, nullptr, KS_STATIC_DRAW);
+        EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksBufferData") << "still mapped";
+    }
 
     // The first map is still good and the rejected data call changed nothing.
     EXPECT_EQ(std::memcmp(mapped, text, 8), 0);
@@ -115,6 +125,8 @@ TEST_F(KestrelBuffers, NothingBoundIsInvalidOperation)
     EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksBufferData");
     EXPECT_EQ(ksMapBuffer(KS_ELEMENT_ARRAY_BUFFER, KS_READ_ONLY), nullptr);
     EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksMapBuffer");
+    ksUnmapBuffer(KS_ELEMENT_ARRAY_BUFFER);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksUnmapBuffer");
 }
 
 TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)

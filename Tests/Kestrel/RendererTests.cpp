@@ -10,6 +10,7 @@
 #include <functional>
 #include <initializer_list>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -968,6 +969,66 @@ TEST_F(Renderer, AStoppedFrameLeavesItsTargetsAlone)
     ksGetLongv(KS_FRAME_STATISTIC_4, &primary);
     EXPECT_EQ(primary, 64 * 64);
     EXPECT_NE(At(0, 32, 2)[0], 0.5f);
+}
+
+// A stop, or a destroy, that comes from another thread while the scene is
+// being built ends that frame: the build gives up and no tile is rendered.
+TEST_F(Renderer, AStopDuringTheSceneBuildIsNotLost)
+{
+    for (bool destroy : {false, true})
+    {
+        SCOPED_TRACE(destroy ? "destroy" : "stop");
+        Fresh();
+        Targets(1, 16, 16);
+        BuildRichScene(*this);
+        // Thousands of small triangles, far off, for a build that takes a while.
+        std::vector<float> floats;
+        for (int i = 0; i < 20000; ++i)
+        {
+            const float x = static_cast<float>(i % 200) * 0.1f,
+                        y = static_cast<float>(i / 200) * 0.1f;
+            floats.insert(floats.end(), {x, y, -50, x + 0.05f, y, -50, x, y + 0.05f, -50});
+        }
+        Primitive(Program({{kVertex, kMesh}, {kRay, kDiffuse}}));
+        Mesh(floats);
+        ksClearColor(0.5f, 0.5f, 0.5f, 0.5f);
+        ksClear(KS_COLOR_BUFFER_BIT);
+        ASSERT_NO_KS_ERROR();
+        const int live = Kestrel::Testing::CountContexts();
+        std::thread destroyer;
+        {
+            Kestrel::Testing::AutoBuildHook hook(
+                [&](void* context)
+                {
+                    if (!destroy)
+                    {
+                        std::thread([context] { KestrelStopContext(context); }).join();
+                        return;
+                    }
+                    // The destroy waits for the context's lock, which the
+                    // build holds; it has stopped the frame once the context
+                    // has left the registry.
+                    destroyer = std::thread([context] { KestrelDestroyContext(context); });
+                    while (Kestrel::Testing::CountContexts() == live)
+                        std::this_thread::yield();
+                });
+            ksRenderFrame();
+        }
+        if (destroyer.joinable())
+            destroyer.join();
+        for (float value : _images[0])
+            ASSERT_EQ(value, 0.5f) << "a tile was rendered";
+        if (destroy)
+            continue;
+        EXPECT_EQ(ksGetError(), KS_RENDER_STOPPED);
+        const std::vector<Notice> notices = _recorder.Take();
+        ASSERT_EQ(notices.size(), 1u);
+        EXPECT_EQ(notices[0].message, "frame stopped");
+        EXPECT_EQ(SceneBuilds(), 0) << "the build gave up";
+        Render();
+        EXPECT_EQ(SceneBuilds(), 1) << "the stop did not carry over";
+    }
+    Fresh();
 }
 
 TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
