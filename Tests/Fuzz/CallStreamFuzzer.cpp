@@ -87,6 +87,7 @@ struct Model
     {
         unsigned long long size = 0;
         unsigned char* mapping = nullptr;
+        int refusedMaps = 0; // maps refused while mapped, each closed by an unmap of its own
     };
     struct Primitive
     {
@@ -181,7 +182,8 @@ bool g_badMessage = false;
 
 // Stop modes of a frame and the hand-over with the stopping thread.
 std::atomic<int> g_stopMode{0};
-std::atomic<bool> g_hookEntered{false}, g_stopDone{false}, g_frameDone{false};
+std::atomic<bool> g_hookEntered{false}, g_buildEntered{false}, g_stopDone{false},
+    g_frameDone{false};
 
 struct Foreign
 {
@@ -289,7 +291,7 @@ T* MaybeArray(long long count)
 {
     if (count < 0 || Byte() % 5 == 0)
         return nullptr;
-    return Owned<T>(static_cast<std::size_t>(std::min(count, 64LL)));
+    return Owned<T>(static_cast<std::size_t>(count));
 }
 
 const int kCounts[] = {1, 0, 2, 3, -1, INT32_MIN};
@@ -538,11 +540,15 @@ void Buffers(int op)
             Disagree("ksMapBuffer gave %s", mapping ? "a mapping" : "null");
         if (expect == 0)
             bound->mapping = static_cast<unsigned char*>(mapping);
+        else if (bound && bound->mapping)
+            ++bound->refusedMaps;
         break;
     }
     case 4:
         Call("ksUnmapBuffer", bindingExpect(0), [&] { ksUnmapBuffer(target); });
-        if (bound)
+        if (bound && bound->refusedMaps > 0)
+            --bound->refusedMaps;
+        else if (bound)
             bound->mapping = nullptr;
         break;
     case 5:
@@ -740,14 +746,16 @@ void Framebuffers(int op)
 
 // ksRenderFrame with a stop from a second thread: none, before the frame
 // (must not carry over), while the render hook holds the frame (must stop
-// it), or an input-chosen spin after the hook (either outcome).
+// it), an input-chosen spin after the hook (either outcome), or while the
+// scene's build is held at its start (must stop it).
 void RenderFrame()
 {
     Model& m = g_state->model;
-    const int mode = Byte() % 4;
+    const int mode = Byte() % 5;
     const int spin = Byte() * 64;
     void* context = g_state->context;
     g_hookEntered = false;
+    g_buildEntered = false;
     g_stopDone = false;
     g_frameDone = false;
     g_stopMode = mode;
@@ -758,9 +766,10 @@ void RenderFrame()
         stopper = std::thread(
             [context, mode, spin]
             {
-                while (!g_hookEntered && !g_frameDone)
+                std::atomic<bool>& point = mode == 4 ? g_buildEntered : g_hookEntered;
+                while (!point && !g_frameDone)
                     std::this_thread::yield();
-                if (!g_hookEntered)
+                if (!point)
                     return;
                 for (volatile int i = 0; mode == 3 && i < spin; ++i)
                 {
@@ -782,9 +791,11 @@ void RenderFrame()
         std::find(notices.begin(), notices.end(), KS_RENDER_STOPPED) != notices.end();
     if (g_hookEntered && mode == 2 && !stopped)
         Disagree("a stop while the render hook held the frame did not stop it");
+    if (g_buildEntered && mode == 4 && !stopped)
+        Disagree("a stop during the scene's build did not stop the frame");
     if ((mode == 0 || mode == 1) && stopped)
         Disagree("a frame stopped with no stop during it");
-    if (!g_hookEntered && stopped)
+    if (!g_hookEntered && !g_buildEntered && stopped)
         Disagree("a frame that never began was stopped");
 }
 
@@ -792,6 +803,14 @@ void Hook(void*)
 {
     g_hookEntered = true;
     if (g_stopMode == 2)
+        while (!g_stopDone)
+            std::this_thread::yield();
+}
+
+void BuildHook(void*)
+{
+    g_buildEntered = true;
+    if (g_stopMode == 4)
         while (!g_stopDone)
             std::this_thread::yield();
 }
@@ -1519,6 +1538,7 @@ void MakeForeign()
     g_foreign.ids[kFramebuffer] = IdOf(framebuffer);
     g_foreign.primitive = primitive;
     SetRenderHook(Hook);
+    SetBuildHook(BuildHook);
 }
 
 // Seeds: call sequences of the runtime's tests, written as operation names
@@ -1544,7 +1564,8 @@ const char* const kSeeds[][2] = {
               "ksAttachShader 2 3; ksLinkProgram 2; ksBindPrimitive 0 0; ksUseProgram 2; "
               "ksGenTextures 0 1; ksBindTexture 0 1; ksTexImage2D 0 0 0 0 0 1 0 0 1; "
               "ksGenFramebuffers 0 1; ksBindFramebuffer 0 0 1; ksFramebufferTexture2D 0 0 1 0 0; "
-              "ksRenderFrame 3 40; ksGetError; ksDeleteProgram 1; ksRenderFrame 2 0; ksGetError"},
+              "ksRenderFrame 4 0; ksGetError; ksRenderFrame 3 40; ksGetError; ksDeleteProgram 1; "
+              "ksRenderFrame 2 0; ksGetError"},
     {"filter-table",
      "ksFrameParameter1i 0 2; ksFrameParameterfv 0 1; ksFrameParameter1i 0 3; "
      "ksFrameParameterfv 0 1; ksGetIntegerv 2 1; ksGetError; ksFrameParameterfv 0 1"},
