@@ -270,6 +270,9 @@ void ksGetFrameParameteriv(int name, int* value)
 void ksFrameParameter1i(int name, int value)
 {
     ApiCall call("ksFrameParameter1i", {EnumArg(name, kCS_Query), IntArg(value)});
+    // A size that fails, injected or not, is a size refused.
+    if (call.Faulted() && call.HasContext() && name == KS_FILTER_TABLE_SIZE)
+        call.Ctx()._bFilterTableSizeRefused = true;
     if (!call.Proceed())
         return;
     Context& context = call.Ctx();
@@ -283,7 +286,9 @@ void ksFrameParameter1i(int name, int value)
             context._nRayDepthLimit = value;
         break;
     case KS_FILTER_TABLE_SIZE:
-        if (value < 1 || value > context._settings._nMaxFilterTableSize)
+        context._bFilterTableSizeRefused =
+            value < 1 || value > context._settings._nMaxFilterTableSize;
+        if (context._bFilterTableSizeRefused)
             call.Raise(KS_INVALID_VALUE, "filter table size %d is outside 1..%d", value,
                        context._settings._nMaxFilterTableSize);
         else
@@ -325,6 +330,10 @@ void ksFrameParameterfv(int name, const float* values)
                    static_cast<unsigned>(name));
     else if (!values)
         call.Raise(KS_INVALID_VALUE, "null filter table");
+    else if (context._bFilterTableSizeRefused)
+        call.Raise(KS_INVALID_OPERATION,
+                   "the last filter table size was refused; the table of size %d stays",
+                   context._nFilterTableSize);
     else
     {
         const std::size_t size = static_cast<std::size_t>(context._nFilterTableSize);

@@ -163,6 +163,10 @@ public:
     float _fFilterSize = 1.0f;
     int _nFilterTableSize = 1;
     std::vector<float> _filterTable{1.0f};
+    // The last KS_FILTER_TABLE_SIZE was refused: a table sent now was made
+    // for a size this context does not hold, so none is taken until a size
+    // is accepted.
+    bool _bFilterTableSizeRefused = false;
     bool _bViewportSet = false; // unset: the whole attachment
     std::array<int, 4> _viewport{};
     std::array<float, 4> _clearColor{};

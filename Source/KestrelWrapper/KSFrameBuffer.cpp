@@ -246,14 +246,16 @@ bool KSFrameBuffer::_UpdateFilterTable(IKSFrameBufferFilter* filter)
     if (!(n < cap))
         n = cap;
     _nFilterTableSize = n;
+    // A table of no entries (Kestrel's limit read as 0 or below) is no
+    // filter: nothing to send, and no attachment is filtered by it.
+    if (n == 0)
+        return true;
 
-    if (n != 0 && n > std::numeric_limits<std::size_t>::max() / sizeof(float) / n)
+    if (n > std::numeric_limits<std::size_t>::max() / sizeof(float) / n)
         return false;
     _pFilterTable = new (std::nothrow) float[static_cast<std::size_t>(n * n)];
     if (_pFilterTable == nullptr)
         return false;
-    if (n == 0)
-        return true;
 
     // x runs along a row; both coordinates stop one step short of the size.
     const float step = _fFilterSize / static_cast<float>(n);
@@ -268,18 +270,14 @@ bool KSFrameBuffer::_UpdateFilterTable(IKSFrameBufferFilter* filter)
 
 bool KSFrameBuffer::_UpdateFilter()
 {
-    // A table without entries (Kestrel's limit read as 0) goes as the neutral
-    // filter, one entry of 1 on a size of 1: Kestrel refuses a size of 0 and
-    // would read the table by the size it already holds.
+    // Without a table, the neutral filter: one entry of 1 on a size of 1.
+    // Should Kestrel refuse the size, it refuses the table after it too and
+    // keeps the earlier one, so this table is never read past its end.
     const float neutral = 1.0f;
-    const bool bTable = _pFilterTable != nullptr && _nFilterTableSize != 0;
+    const bool bTable = _pFilterTable != nullptr;
     ksFrameParameter1f(KS_FILTER_SIZE, bTable ? _fFilterSize : 1.0f);
-    const unsigned nErrors = Detail::KestrelErrorsOnThisThread();
     ksFrameParameter1i(KS_FILTER_TABLE_SIZE, bTable ? static_cast<int>(_nFilterTableSize) : 1);
-    // Refused, the size stays what it was, perhaps more than this table
-    // holds: the earlier table stays in force rather than be read past.
-    if (Detail::KestrelErrorsOnThisThread() == nErrors)
-        ksFrameParameterfv(KS_FILTER_TABLE, bTable ? _pFilterTable : &neutral);
+    ksFrameParameterfv(KS_FILTER_TABLE, bTable ? _pFilterTable : &neutral);
     for (KSFrameBufferAttachment* attachment : _listAttachments)
     {
         // Cannot fail: Init lets no blend mode through that Kestrel lacks.

@@ -100,7 +100,8 @@ public:
 
     _KSframebuffer* GetKSFrameBuffer() const { return _handle; }
     // The sampled filter: n x n floats row after row, the entry of row r and
-    // column c sampled at (c, r) times size / n. Null without a filter.
+    // column c sampled at (c, r) times size / n. Null without a filter, and
+    // when Kestrel's limit leaves no entries: such a filter is no filter.
     const float* GetFilterTable() const { return _pFilterTable; }
     std::uint64_t GetFilterTableSize() const { return _nFilterTableSize; }
     float GetFilterSize() const { return _fFilterSize; }

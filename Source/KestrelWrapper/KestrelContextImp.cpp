@@ -15,24 +15,16 @@ namespace
 constexpr int kRequiredMajor = 1;
 constexpr int kRequiredMinor = 4;
 
-thread_local unsigned t_nKestrelErrors = 0;
-
 // Kestrel's notifications arrive here, on a thread of Kestrel's choosing.
 void KestrelNotificationCallback(int code, const void* /*detail*/, size_t /*detailSize*/,
                                  const char* message, void* userData)
 {
-    ++t_nKestrelErrors;
     if (userData == nullptr)
         return;
     static_cast<KestrelContextImp*>(userData)->KestrelNotification(code, message);
 }
 
 } // namespace
-
-unsigned Detail::KestrelErrorsOnThisThread()
-{
-    return t_nKestrelErrors;
-}
 
 // --- Lifecycle --------------------------------------------------------------
 

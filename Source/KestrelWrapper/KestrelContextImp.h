@@ -106,17 +106,6 @@ private:
     IKSPrimitive* _pNullPrimitive = nullptr;
 };
 
-namespace Detail
-{
-
-// How many Kestrel errors have been notified on the calling thread so far.
-// Kestrel notifies before the failing call returns, so comparing the count
-// around a call tells whether that call was refused, without ksGetError,
-// which would take the error away from the host. Not exported.
-unsigned KestrelErrorsOnThisThread();
-
-} // namespace Detail
-
 } // namespace Vireo
 
 #endif // VIREO_KESTRELWRAPPER_KESTRELCONTEXTIMP_H

@@ -835,6 +835,15 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
         ksFrameParameter1i(KS_FILTER_TABLE_SIZE, kTable);
         ksFrameParameterfv(KS_FILTER_TABLE, table.data());
         ASSERT_NO_KS_ERROR();
+        // After a refused size no table is taken, at whatever size: the hot
+        // one stays in force.
+        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 0);
+        const float stray = 5.0f;
+        ksFrameParameterfv(KS_FILTER_TABLE, &stray);
+        EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
+        const std::vector<Notice> notices = _recorder.Take();
+        ASSERT_EQ(notices.size(), 2u);
+        EXPECT_EQ(notices[1].code, KS_INVALID_OPERATION);
         // The hot cell [c, c + 1) / 9 of the unit square, whose centre lies
         // on the pixel's centre.
         const double step = 1.0 / kTable;

@@ -466,6 +466,9 @@ const std::map<std::pair<std::string, std::string>, std::string> kFollowOns = {
     {{"buffer Resize keeping contents", "ksUnmapBuffer"}, "Kestrel Error 1282: ksBufferData: *"},
     {{"KSBufferSafeMapping scope", "ksUnmapBuffer"}, "Kestrel Error 1282: ksMapBuffer: *"},
     {{"KSBufferMappingMultiple scope", "ksUnmapBuffer"}, "Kestrel Error 1282: ksMapBuffer: *"},
+    // A table that follows a refused size is refused too: the earlier stays.
+    {{"frame buffer Bind", "ksFrameParameter1i"}, "Kestrel Error 1282: ksFrameParameterfv: *"},
+    {{"frame buffer SetFilter", "ksFrameParameter1i"}, "Kestrel Error 1282: ksFrameParameterfv: *"},
     // Mipmaps are asked of the texture that stayed bound, which has no image.
     {{"texture GenerateMipMaps", "ksBindTexture"}, "Kestrel Error 1282: ksGenerateMipmap: *"},
 };

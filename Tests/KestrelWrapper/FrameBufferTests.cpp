@@ -394,8 +394,8 @@ TEST_F(WrapperFixture, RefusedOrRemovedFilterLeavesTheNeutralOne)
     EXPECT_NO_KS_ERROR();
 }
 
-// Kestrel reads a table by the size it holds: when it refuses a new size,
-// the smaller table that follows must not go to it.
+// Kestrel reads a table by the size it holds: when it refuses a new size, it
+// refuses the smaller table that follows, and the earlier one stays.
 TEST_F(WrapperFixture, RefusedTableSizeKeepsTheEarlierTableInForce)
 {
     RecordingFilter wide(4.0f);
@@ -410,9 +410,14 @@ TEST_F(WrapperFixture, RefusedTableSizeKeepsTheEarlierTableInForce)
         Kestrel::Testing::AutoFaults faults;
         Kestrel::Testing::InjectFault("ksFrameParameter1i");
         CallLog log;
+        _console.Clear();
         EXPECT_TRUE(frameBuffer.SetFilter(next));
-        EXPECT_EQ(log.CallsOf("ksFrameParameterfv"), Calls{});
+        EXPECT_EQ(log.CallsOf("ksFrameParameterfv"),
+                  Calls{"ksFrameParameterfv(KS_FILTER_TABLE, ptr)"});
         EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION) << "the injected refusal";
+        ASSERT_EQ(_console.Calls().size(), 2u);
+        EXPECT_NE(_console.Calls()[1].sText.find("ksFrameParameterfv"), std::string::npos)
+            << "Kestrel refused the table";
         int held = 0;
         ksGetIntegerv(KS_FILTER_TABLE_SIZE, &held);
         EXPECT_EQ(held, 32);
@@ -425,6 +430,30 @@ TEST_F(WrapperFixture, RefusedTableSizeKeepsTheEarlierTableInForce)
         EXPECT_EQ(held, next == nullptr ? 1 : 4);
         EXPECT_NO_KS_ERROR();
     }
+}
+
+// Kestrel's limit read as 0 leaves a table of no entries: no filter at all,
+// so the attachments that ask for one stay unfiltered.
+TEST_F(WrapperFixture, TableOfNoEntriesIsNoFilter)
+{
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(2, 2));
+    ASSERT_NE(Create(frameBuffer, 0, Att::kBM_Mode0, true), nullptr);
+    RecordingFilter filter(1.0f);
+    Kestrel::Testing::AutoFaults faults;
+    Kestrel::Testing::InjectFault("ksGetIntegerv", 1, 0);
+    CallLog log;
+    EXPECT_TRUE(frameBuffer.SetFilter(&filter));
+    EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr);
+    EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
+    EXPECT_TRUE(filter.samples.empty());
+    EXPECT_EQ(log.CallsOf("ksFrameParameter1i"),
+              Calls{"ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)"});
+    const Calls parameters = log.CallsOf("ksFramebufferAttachmentParameter1i");
+    ASSERT_FALSE(parameters.empty());
+    EXPECT_EQ(parameters[0], "ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, "
+                             "KS_COLOR_ATTACHMENT0, KS_ATTACHMENT_FILTER, 0)");
+    EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(WrapperFixture, BindAndSetFilterGiveBackOneHoldOfTheCaller)
