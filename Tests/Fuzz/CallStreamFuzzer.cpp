@@ -105,6 +105,8 @@ struct Model
     unsigned primitive = 0;
     int pending = 0;
     int filterTableSize = 1;
+    int requestedTableSize = 1; // the host's view: the size it asked for last
+    bool tableSizeRefused = false;
 
     Class Of(Kind kind, std::uintptr_t id) const
     {
@@ -648,7 +650,11 @@ void Textures(int op)
         break;
     }
     case 4:
-        Call("ksGenerateMipmap", kAny, [&] { ksGenerateMipmap(target); });
+        Call("ksGenerateMipmap",
+             target != KS_TEXTURE_2D ? KS_INVALID_ENUM
+             : m.texture == 0        ? KS_INVALID_OPERATION
+                                     : kAny,
+             [&] { ksGenerateMipmap(target); });
         break;
     case 5:
     {
@@ -669,7 +675,8 @@ void Framebuffers(int op)
     Model& m = g_state->model;
     const int targets[] = {KS_FRAMEBUFFER, KS_TEXTURE_2D};
     const int target = Pick(targets);
-    const int indices[] = {0, 1, 15, 16, -1};
+    // Points 0..16: one per attachment bit of the clear mask.
+    const int indices[] = {0, 1, 15, 16, -1, 17};
     const int index = Pick(indices);
     const int attachment = KS_COLOR_ATTACHMENT0 + index;
     switch (op)
@@ -703,7 +710,15 @@ void Framebuffers(int op)
         const int textureTarget = Pick(textureTargets);
         const int levels[] = {0, 1};
         const int level = Pick(levels);
-        Call("ksFramebufferTexture2D", kAny,
+        // Null detaches; a live texture attaches, image or not.
+        const Class c = m.Of(kTexture, texture);
+        const int expect =
+            target != KS_FRAMEBUFFER || index < 0 || index > 15 || textureTarget != KS_TEXTURE_2D
+                ? KS_INVALID_ENUM
+            : level != 0 || BindExpect(c) != 0 ? KS_INVALID_VALUE
+            : m.framebuffer == 0               ? KS_INVALID_OPERATION
+                                               : 0;
+        Call("ksFramebufferTexture2D", expect,
              [&] {
                  ksFramebufferTexture2D(target, attachment, textureTarget, As<_KStexture>(texture),
                                         level);
@@ -716,7 +731,7 @@ void Framebuffers(int op)
         const int values[] = {0, 1, KS_BLEND_MODE_0, KS_BLEND_MODE_2, KS_BLEND_MODE_3, 2};
         const int n = Byte() % 3, v = Byte() % 6;
         const bool fits = n == 0 ? v < 2 : n == 1 ? (v >= 2 && v <= 4) : false;
-        const bool goodEnums = target == KS_FRAMEBUFFER && index >= 0 && index < 16 && n < 2;
+        const bool goodEnums = target == KS_FRAMEBUFFER && index >= 0 && index <= 15 && n < 2;
         const int expect = !goodEnums           ? KS_INVALID_ENUM
                            : !fits              ? kAny
                            : m.framebuffer == 0 ? KS_INVALID_OPERATION
@@ -735,7 +750,7 @@ void Framebuffers(int op)
                                   1,
                                   KS_COLOR_BUFFER_BIT | (KS_COLOR_ATTACHMENT0_BIT << 1)};
         const int i = Byte() % 7;
-        const int expect = i == 3 || i == 5     ? KS_INVALID_VALUE
+        const int expect = i == 5 || i == 3     ? KS_INVALID_VALUE
                            : m.framebuffer == 0 ? KS_INVALID_OPERATION
                                                 : 0;
         Call("ksClear", expect, [&] { ksClear(masks[i]); });
@@ -875,8 +890,12 @@ void FrameParameters(int op)
                            : value < min || value > max ? KS_INVALID_VALUE
                                                         : 0;
         Call("ksFrameParameter1i", expect, [&] { ksFrameParameter1i(name, value); });
-        if (expect == 0 && name == KS_FILTER_TABLE_SIZE)
-            m.filterTableSize = value;
+        if (name == KS_FILTER_TABLE_SIZE)
+        {
+            m.requestedTableSize = value;
+            m.tableSizeRefused = expect != 0;
+            m.filterTableSize = expect == 0 ? value : m.filterTableSize;
+        }
         break;
     }
     case 1:
@@ -895,11 +914,15 @@ void FrameParameters(int op)
     {
         const int names[] = {KS_FILTER_TABLE, KS_FILTER_SIZE};
         const int name = Pick(names);
-        // Exactly as many floats as the size the model believes in: a read
-        // past them is a finding of AddressSanitizer.
-        float* table = MaybeArray<float>(1LL * m.filterTableSize * m.filterTableSize);
+        // Exactly as many floats as the host made for the size it asked for
+        // last: a read past them is a finding of AddressSanitizer. After a
+        // refused size the table is refused too.
+        const long long side =
+            m.requestedTableSize > 0 && m.requestedTableSize <= 64 ? m.requestedTableSize : 0;
+        float* table = MaybeArray<float>(side * side);
         const int expect = name != KS_FILTER_TABLE ? KS_INVALID_ENUM
                            : !table                ? KS_INVALID_VALUE
+                           : m.tableSizeRefused    ? KS_INVALID_OPERATION
                                                    : 0;
         Call("ksFrameParameterfv", expect, [&] { ksFrameParameterfv(name, table); });
         break;
@@ -1246,13 +1269,26 @@ void Uniforms(int op)
     case 2:
     {
         const std::uintptr_t texture = PickHandle(kTexture);
-        Call("ksUniformt", kAny, [&] { ksUniformt(location, As<_KStexture>(texture)); });
+        // A texture must be live or null when set; location -1 ignores it.
+        const bool bad = location < -1 ||
+                         (location >= 0 && BindExpect(g_state->model.Of(kTexture, texture)) != 0);
+        Call("ksUniformt",
+             bad              ? KS_INVALID_VALUE
+             : location == -1 ? 0
+                              : kAny,
+             [&] { ksUniformt(location, As<_KStexture>(texture)); });
         break;
     }
     case 3:
     {
         const unsigned number = PickPrimitive();
-        Call("ksUniformp", kAny, [&] { ksUniformp(location, static_cast<KSprimitive>(number)); });
+        const bool bad =
+            location < -1 || (location >= 0 && BindExpect(g_state->model.OfPrimitive(number)) != 0);
+        Call("ksUniformp",
+             bad              ? KS_INVALID_VALUE
+             : location == -1 ? 0
+                              : kAny,
+             [&] { ksUniformp(location, static_cast<KSprimitive>(number)); });
         break;
     }
     case 4:
