@@ -28,8 +28,11 @@ using namespace Kestrel;
 namespace
 {
 
-// Every bit that names one attachment: KS_COLOR_ATTACHMENT0_BIT << 0..15.
-constexpr unsigned kAttachmentBits = 0xFFFFu * KS_COLOR_ATTACHMENT0_BIT;
+// Every bit that names one attachment: KS_COLOR_ATTACHMENT0_BIT << 0..16,
+// the top bit of the mask included.
+constexpr unsigned kAttachmentBits =
+    ((1u << kMaxAttachments) - 1u) * static_cast<unsigned>(KS_COLOR_ATTACHMENT0_BIT);
+static_assert(kAttachmentBits == 0xFFFF8000u, "the attachment bits end at the mask's top");
 
 #if defined(__SANITIZE_THREAD__)
 #define KESTREL_RACE_CHECKED 1

@@ -277,7 +277,9 @@ struct TextureObject
     std::uint64_t _nRevision = 0;
 };
 
-constexpr int kMaxAttachments = 16;
+// One for each bit that the 32-bit clear mask has for an attachment, from
+// KS_COLOR_ATTACHMENT0_BIT (bit 15) up to bit 31.
+constexpr int kMaxAttachments = 17;
 
 struct AttachmentPoint
 {

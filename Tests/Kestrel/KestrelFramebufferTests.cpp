@@ -145,8 +145,8 @@ TEST_F(KestrelFramebuffers, ClearRejectsUnknownMaskBits)
 {
     Image image;
     AttachImage(0, image);
-    // Bit 16 past the first attachment would be a 17th attachment.
-    for (unsigned mask : {0x1u, 0x2000u, KS_COLOR_BUFFER_BIT | 0x1u, 0x80000000u})
+    // Every bit from the first attachment's up names one; those below do not.
+    for (unsigned mask : {0x1u, 0x2000u, KS_COLOR_BUFFER_BIT | 0x1u, 0x80000000u | 0x1000u})
     {
         ksClear(mask);
         EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksClear") << Hex(static_cast<int>(mask));
@@ -166,7 +166,7 @@ TEST_F(KestrelFramebuffers, AttachmentArgumentsAreChecked)
         {"target", KS_FRAMEBUFFER_BINDING, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
         {"point below", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 - 1, KS_TEXTURE_2D, 0,
          KS_INVALID_ENUM},
-        {"point 16", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 + 16, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
+        {"point 17", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 + 17, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
         {"texture target", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_BINDING_2D, 0,
          KS_INVALID_ENUM},
         {"level", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, 1, KS_INVALID_VALUE},
@@ -201,7 +201,7 @@ TEST_F(KestrelFramebuffers, AttachmentArgumentsAreChecked)
         {"blend mode 1 as number", KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, 1,
          KS_INVALID_ENUM},
         {"name", KS_FRAMEBUFFER, point, 0x10322, 0, KS_INVALID_ENUM},
-        {"point", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 + 16, KS_ATTACHMENT_FILTER, 1,
+        {"point", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 + 17, KS_ATTACHMENT_FILTER, 1,
          KS_INVALID_ENUM},
         {"target", KS_TEXTURE_2D, point, KS_ATTACHMENT_FILTER, 1, KS_INVALID_ENUM},
     };

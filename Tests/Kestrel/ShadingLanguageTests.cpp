@@ -188,8 +188,8 @@ const CompileCase kCompileCases[] = {
      "2:1: error: second shape 'box'; the first is 'sphere' at 1:1\n"},
     {"one material per shader", kRay, "glass(1.5);\n  mirror(vec3(1, 1, 1));",
      "2:3: error: second material 'mirror'; the first is 'glass' at 1:1\n"},
-    {"attachment range", kFrame, "output(16, radiance);\noutput(-1, depth);",
-     "1:8: error: attachment 16 is outside 0..15\n2:8: error: attachment -1 is outside 0..15\n"},
+    {"attachment range", kFrame, "output(17, radiance);\noutput(-1, depth);",
+     "1:8: error: attachment 17 is outside 0..16\n2:8: error: attachment -1 is outside 0..16\n"},
     {"one output per attachment", kFrame, "output(0, radiance);\noutput(0, depth);",
      "2:1: error: attachment 0 already has an output at 1:1\n"},
 };

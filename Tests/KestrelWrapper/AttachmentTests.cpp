@@ -237,6 +237,49 @@ TEST_F(AttachmentTest, AccumulationSumsOneMinusEachPass)
     EXPECT_NO_KS_ERROR();
 }
 
+// Index 16 owns the clear mask's top bit, so Kestrel has a point for it: it
+// is attached, cleared by its own bit, rendered into and summed. Index 17 is
+// Kestrel's to refuse.
+TEST_F(AttachmentTest, TopIndexWorksEndToEndAndTheNextIsRefused)
+{
+    IKSFrameBufferAttachment* top = Create(16, Att::kBM_Accumulated, Color4f{1, 1, 1, 1});
+    ASSERT_NE(top, nullptr);
+    EXPECT_NO_KS_ERROR();
+    _pFrameBuffer->Bind();
+    ksClearColor(0, 0, 0, 0);
+    ksClear(KS_COLOR_BUFFER_BIT);
+    _pFrameBuffer->ClearAttachment(16);
+    Kestrel::Testing::TextureRecord target;
+    ASSERT_TRUE(Kestrel::Testing::ReadTexture(top->GetKSTexture(), 0, &target));
+    ASSERT_EQ(target.bytes.size(), sizeof(float) * 4 * kWidth * kHeight);
+    for (std::size_t i = 0; i < target.bytes.size(); i += sizeof(float))
+    {
+        float value = 0.0f;
+        std::memcpy(&value, &target.bytes[i], sizeof(value));
+        ASSERT_EQ(value, 1.0f) << "cleared by its own bit, at byte " << i;
+    }
+
+    // A pass of the sky alone, sent to attachment 16.
+    const char* source = "background(vec3(0.25, 0.5, 0.75));\noutput(16, radiance);\n";
+    _KSshader* shader = ksCreateShader(KS_SHADER_KIND_3);
+    ksShaderSource(shader, 1, &source, nullptr);
+    ksCompileShader(shader);
+    _KSprogram* program = ksCreateProgram();
+    ksAttachShader(program, shader);
+    ksLinkProgram(program);
+    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
+    ksUseProgram(program);
+    EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Finished);
+    EXPECT_TRUE(top->NotifyPassCompleted());
+    EXPECT_TRUE(AllPixelsAre(top, kWidth * kHeight, Color4f{0.75f, 0.5f, 0.25f, 0.0f}));
+    EXPECT_NO_KS_ERROR();
+
+    EXPECT_NE(Create(17, Att::kBM_Mode0, Color4f{}), nullptr);
+    EXPECT_EQ(ksGetError(), KS_INVALID_ENUM) << "no point 17";
+    ksDeleteProgram(program);
+    ksDeleteShader(shader);
+}
+
 TEST_F(AttachmentTest, LockBelongsToTheThreadThatTookIt)
 {
     IKSFrameBufferAttachment* attachment = Create(0, Att::kBM_Accumulated, Color4f{});
