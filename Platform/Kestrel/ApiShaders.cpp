@@ -310,7 +310,9 @@ void ksDetachShader(_KSprogram* program, _KSshader* shader)
         return;
     const Id id = IdOf(shader);
     const HandleState state = context.StateOf(kOK_Shader, id);
-    if (state == kHS_Null || state == kHS_Foreign)
+    if (state == kHS_Null)
+        return; // detaching nothing, like deleting nothing, is silent
+    if (state == kHS_Foreign)
     {
         call.RaiseBadHandle(kOK_Shader, id, state);
         return;

@@ -31,23 +31,21 @@ struct TextureParameter
 {
     int _eName;
     int TextureObject::*_pField;
-    bool _bFilter;  // filters take filter values, wraps take wrap values
-    bool _bMipmaps; // only the minifying filter can use mipmaps
 };
 
 const TextureParameter kTextureParameters[] = {
-    {KS_TEXTURE_MIN_FILTER, &TextureObject::_eMinFilter, true, true},
-    {KS_TEXTURE_MAG_FILTER, &TextureObject::_eMagFilter, true, false},
-    {KS_TEXTURE_WRAP_S, &TextureObject::_eWrapS, false, false},
-    {KS_TEXTURE_WRAP_T, &TextureObject::_eWrapT, false, false},
+    {KS_TEXTURE_MIN_FILTER, &TextureObject::_eMinFilter},
+    {KS_TEXTURE_MAG_FILTER, &TextureObject::_eMagFilter},
+    {KS_TEXTURE_WRAP_S, &TextureObject::_eWrapS},
+    {KS_TEXTURE_WRAP_T, &TextureObject::_eWrapT},
 };
 
-bool IsValueFor(const TextureParameter& parameter, int value)
+// Every parameter takes the six filter and wrap values alike; one of the
+// other kind is kept, and the renderer reads it as the parameter's default.
+bool IsTextureValue(int value)
 {
-    if (parameter._bFilter)
-        return value == KS_NEAREST || value == KS_LINEAR ||
-               (parameter._bMipmaps && value == KS_LINEAR_MIPMAP_LINEAR);
-    return value == KS_REPEAT || value == KS_CLAMP_TO_EDGE || value == KS_MIRRORED_REPEAT;
+    return value == KS_NEAREST || value == KS_LINEAR || value == KS_LINEAR_MIPMAP_LINEAR ||
+           value == KS_REPEAT || value == KS_CLAMP_TO_EDGE || value == KS_MIRRORED_REPEAT;
 }
 
 } // namespace
@@ -226,10 +224,10 @@ void ksTexParameteri(int target, int name, int value)
         call.Raise(KS_INVALID_ENUM, "0x%x is not a texture parameter", static_cast<unsigned>(name));
         return;
     }
-    if (!IsValueFor(*parameter, value))
+    if (!IsTextureValue(value))
     {
-        call.Raise(KS_INVALID_ENUM, "0x%x is not a value of texture parameter 0x%x",
-                   static_cast<unsigned>(value), static_cast<unsigned>(name));
+        call.Raise(KS_INVALID_ENUM, "0x%x is not a texture filter or wrap value",
+                   static_cast<unsigned>(value));
         return;
     }
     if (TextureObject* texture = BoundTexture(call, target))

@@ -61,11 +61,12 @@ void FilterDistribution::Sample(float u1, float u2, float u3, float* dx, float* 
     const std::size_t cell = SearchCumulative(_cumulative, u1);
     const int row = static_cast<int>(cell / static_cast<std::size_t>(_nSize));
     const int column = static_cast<int>(cell % static_cast<std::size_t>(_nSize));
-    // Entry (r, c) holds the cell whose lower corner it was sampled at, so
-    // the cells tile the filter's square exactly (a table of one entry is a
-    // box over the pixel), and the square's centre lies on the pixel's centre.
-    *dx = (static_cast<float>(column) + u2) * _fStep - 0.5f * _fExtent;
-    *dy = (static_cast<float>(row) + u3) * _fStep - 0.5f * _fExtent;
+    // Entry (r, c) is the filter's value at the point (c, r) * step of its
+    // square, whose centre lies on the pixel's centre; the entry stands for
+    // the cell of one step centred on that point, so that a filter symmetric
+    // about its centre samples symmetrically about the pixel's.
+    *dx = (static_cast<float>(column) + u2 - 0.5f) * _fStep - 0.5f * _fExtent;
+    *dy = (static_cast<float>(row) + u3 - 0.5f) * _fStep - 0.5f * _fExtent;
     *weight = _weights[cell];
 }
 

@@ -108,7 +108,8 @@ class FilterDistribution
 {
 public:
     // `table` holds size x size entries, row after row; entry (r, c) is the
-    // filter at (c, r) * step on a square of side `extent`. Entries that are
+    // filter at (c, r) * step on a square of side `extent`, and stands for
+    // the cell of one step centred there. Entries that are
     // not finite count as 0. A table without a non-zero entry gives the
     // whole square, uniformly, with weight 1.
     void Build(float extent, int size, const std::vector<float>& table);

@@ -355,8 +355,9 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
     KestrelDestroyContext(other);
 }
 
-TEST_F(KestrelHandles, DeletingNullIsSilent)
+TEST_F(KestrelHandles, DeletingOrDetachingNullIsSilent)
 {
+    ksDetachShader(ksCreateProgram(), nullptr);
     _KSbuffer* buffer = nullptr;
     _KStexture* texture = nullptr;
     _KSframebuffer* framebuffer = nullptr;

@@ -819,7 +819,7 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
         const char* label;
         int row, column; // the one cell with weight
     };
-    const Case cases[] = {{"middle", 4, 4}, {"right", 4, 8}, {"low left", 1, 2}};
+    const Case cases[] = {{"middle", 4, 4}, {"right", 4, 8}, {"low left", 1, 2}, {"corner", 0, 0}};
     for (const Case& c : cases)
     {
         SCOPED_TRACE(c.label);
@@ -844,10 +844,10 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
         const std::vector<Notice> notices = _recorder.Take();
         ASSERT_EQ(notices.size(), 2u);
         EXPECT_EQ(notices[1].code, KS_INVALID_OPERATION);
-        // The hot cell [c, c + 1) / 9 of the unit square, whose centre lies
-        // on the pixel's centre.
+        // The hot entry stands for the cell of one step centred on the point
+        // (c, r) / 9 of the unit square, whose centre lies on the pixel's.
         const double step = 1.0 / kTable;
-        const double dx = c.column * step - 0.5, dy = c.row * step - 0.5;
+        const double dx = (c.column - 0.5) * step - 0.5, dy = (c.row - 0.5) * step - 0.5;
         int boxOutside = 0;
         for (int frame = 0; frame < 3; ++frame)
         {
@@ -872,6 +872,47 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
                 }
         }
         EXPECT_GT(boxOutside, 100) << "unfiltered samples spread over the whole pixel";
+    }
+}
+
+// A Gaussian sampled as the frame buffer samples a host's filter, entry
+// (r, c) at (c, r) * step of the square [0, 2) centred on 1: its samples land
+// as often on either side of the pixel's centre. An emitter covers x < 0 (or
+// y < 0), so its edge runs through the centres of the middle column (row)
+// of an odd image, where the share of samples that see it is 1/2.
+TEST_F(Renderer, SymmetricFilterSamplesEvenlyAboutThePixelCentre)
+{
+    constexpr int kTable = 16, kSide = 33, kFrames = 40;
+    const float step = 2.0f / kTable;
+    std::vector<float> table;
+    for (int r = 0; r < kTable; ++r)
+        for (int c = 0; c < kTable; ++c)
+        {
+            const float x = c * step - 1.0f, y = r * step - 1.0f;
+            table.push_back(std::exp(-(x * x + y * y) / (2.0f * 0.25f * 0.25f)));
+        }
+    for (bool columns : {true, false})
+    {
+        SCOPED_TRACE(columns ? "x" : "y");
+        Fresh();
+        Targets(1, kSide, kSide);
+        SetAttachment(0, KS_ATTACHMENT_FILTER, 1);
+        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
+        Primitive(Program({{kVertex, kBox}, {kRay, kEmissive}}));
+        Set("lo", {-100, -100, -10});
+        Set("hi", {columns ? 0.0f : 100.0f, columns ? 100.0f : 0.0f, -9});
+        Set("radiance", {1, 1, 1});
+        ksFrameParameter1f(KS_FILTER_SIZE, 2.0f);
+        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, kTable);
+        ksFrameParameterfv(KS_FILTER_TABLE, table.data());
+        for (int frame = 0; frame < kFrames; ++frame)
+            Render();
+        const int middle = kSide / 2;
+        const double seen =
+            columns ? Mean(0, middle, 0, middle + 1, kSide) : Mean(0, 0, middle, kSide, middle + 1);
+        // 1320 samples: a standard error of 0.014.
+        EXPECT_NEAR(seen / kFrames, 0.5, 0.04);
     }
 }
 
