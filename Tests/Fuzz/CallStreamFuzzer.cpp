@@ -637,15 +637,10 @@ void Textures(int op)
                               KS_REPEAT,  KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT,
                               0};
         const int n = Byte() % 5, v = Byte() % 7;
-        // Filters take the filter values (magnification no mipmaps), wraps
-        // the wrap values; a value that is no parameter value at all is an
-        // enum error whatever the name.
-        const bool wrap = n == 2 || n == 3;
-        const bool fits = n < 4 && (wrap ? (v >= 3 && v <= 5) : (v <= 2 && !(n == 1 && v == 2)));
-        int expect = target != KS_TEXTURE_2D || n == 4 || v == 6 ? KS_INVALID_ENUM
-                     : !fits                                     ? kAny
-                     : m.texture == 0                            ? KS_INVALID_OPERATION
-                                                                 : 0;
+        // Every parameter takes each of the six filter and wrap values.
+        const int expect = target != KS_TEXTURE_2D || n == 4 || v == 6 ? KS_INVALID_ENUM
+                           : m.texture == 0                            ? KS_INVALID_OPERATION
+                                                                       : 0;
         Call("ksTexParameteri", expect, [&] { ksTexParameteri(target, names[n], values[v]); });
         break;
     }
@@ -1076,9 +1071,9 @@ void Programs(int op)
         else
         {
             // Detaching null or a deleted shader is ignored.
-            const int expect = pc != kLive || sc == kBad               ? KS_INVALID_VALUE
-                               : sc == kLive || sc == kNull /*TEMP17*/ ? kAny
-                                                                       : 0;
+            const int expect = pc != kLive || sc == kBad ? KS_INVALID_VALUE
+                               : sc == kLive             ? kAny
+                                                         : 0;
             Call("ksDetachShader", expect, [&] { ksDetachShader(pr, As<_KSshader>(shader)); });
         }
         break;
