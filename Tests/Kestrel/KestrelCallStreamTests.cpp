@@ -45,6 +45,29 @@ const Stream kStreams[] = {
      },
      {KS_INVALID_ENUM, KS_INVALID_ENUM, KS_INVALID_ENUM, KS_INVALID_ENUM, KS_INVALID_ENUM,
       KS_INVALID_ENUM, KS_INVALID_VALUE}},
+    // Detaching null from a live program is ignored, like deleting null.
+    {"null detach is silent",
+     [](std::vector<int>& e)
+     {
+         _KSprogram* program = ksCreateProgram();
+         ksDetachShader(program, nullptr);
+         Read(e);
+         ksDetachShader(program, ForgedHandle<_KSshader>());
+         Read(e);
+     },
+     {KS_NO_ERROR, KS_INVALID_VALUE}},
+    // Location -1 ignores the value before its handle is looked up; at 0 a
+    // handle never issued is a bad value.
+    {"location -1 ignores the handle",
+     [](std::vector<int>& e)
+     {
+         ksUniformt(-1, ForgedHandle<_KStexture>());
+         ksUniformp(-1, KSprimitive(0x7e5d0000u));
+         Read(e);
+         ksUniformt(0, ForgedHandle<_KStexture>());
+         Read(e);
+     },
+     {KS_NO_ERROR, KS_INVALID_VALUE}},
 };
 
 TEST(KestrelCallStreamTest, FoundStreamsRaiseTheDocumentedErrors)
