@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
-# Fuzzes the shading language's compiler and linker for a bounded time
-# (default 120 s; FUZZ_SECONDS overrides) from the corpus of good sources,
-# then vireo-render's scene import for a minute (IMPORT_FUZZ_SECONDS).
-# Findings land in build/fuzz/findings; the run fails on the first one.
+# Runs the fuzz targets one after another for a bounded total time
+# (FUZZ_SECONDS, default 180: a minute each), each for its share of it, from its own seed
+# corpus. FUZZ_TARGETS picks some of them by name (default: all);
+# FUZZ_FORK=N runs N fuzzing processes per target. Findings land in
+# build/fuzz/findings; the run fails if any target found something.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -11,35 +12,83 @@ scripts/install-deps.sh
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 
-seconds="${FUZZ_SECONDS:-120}"
-work=build/fuzz/corpus
+# Seed makers: each fills the directory it is given.
+
+# Shader sources, each with its kind byte in front, from the kind in its
+# file name.
+seeds_ShaderFuzzer() {
+    for seed in Tests/Kestrel/ShaderCorpus/*.ks; do
+        case "$seed" in
+            *.once.ks) kind='\x00' ;;
+            *.vert.ks) kind='\x01' ;;
+            *.ray.ks) kind='\x02' ;;
+            *.frame.ks) kind='\x03' ;;
+            *) continue ;;
+        esac
+        { printf "$kind"; cat "$seed"; } > "$1/seed-$(basename "$seed")"
+    done
+}
+
+# Call sequences of the runtime's tests, written by the target itself.
+seeds_CallStreamFuzzer() {
+    CALL_STREAM_SEEDS="$1" build/fuzz/bin/CallStreamFuzzer
+}
+
+# Scene files with a format byte in front (0 glTF, 2 OBJ with its MTL after a
+# zero byte), small files that use every feature the import reads.
+seeds_SceneImportFuzzer() {
+    { printf '\x00'; cat Tests/Fuzz/ImportCorpus/triangle.gltf; } > "$1/seed-triangle.gltf"
+    { printf '\x02'; cat Tests/Fuzz/ImportCorpus/quad.obj; printf '\x00'
+      cat Tests/Fuzz/ImportCorpus/quad.mtl; } > "$1/seed-quad.obj"
+}
+
+# name, share of the time (weight), longest input, then flags of its own
+# (the call streams run twice as fast without the entropic schedule)
+targets=(
+    "ShaderFuzzer 1 4096"
+    "CallStreamFuzzer 1 512 -entropic=0"
+    "SceneImportFuzzer 1 8192"
+)
+
+selected="${FUZZ_TARGETS:-}"
+total_seconds="${FUZZ_SECONDS:-180}"
+weights=0
+for entry in "${targets[@]}"; do
+    read -r name weight _ <<< "$entry"
+    if [[ -z "$selected" || " $selected " == *" $name "* ]]; then
+        weights=$((weights + weight))
+    fi
+done
+if ((weights == 0)); then
+    echo "fuzz.sh: no target in FUZZ_TARGETS='$selected'" >&2
+    exit 2
+fi
+
 findings=build/fuzz/findings
-mkdir -p "$work" "$findings"
-# Each seed gets its kind byte in front, from the kind in its file name.
-for seed in Tests/Kestrel/ShaderCorpus/*.ks; do
-    case "$seed" in
-        *.once.ks) kind='\x00' ;;
-        *.vert.ks) kind='\x01' ;;
-        *.ray.ks) kind='\x02' ;;
-        *.frame.ks) kind='\x03' ;;
-        *) continue ;;
-    esac
-    { printf "$kind"; cat "$seed"; } > "$work/seed-$(basename "$seed")"
+mkdir -p "$findings"
+failed=()
+for entry in "${targets[@]}"; do
+    read -r name weight max_len flags <<< "$entry"
+    [[ -z "$selected" || " $selected " == *" $name "* ]] || continue
+    seconds=$((total_seconds * weight / weights))
+    ((seconds > 0)) || seconds=1
+    corpus="build/fuzz/corpus/$name"
+    mkdir -p "$corpus"
+    "seeds_$name" "$corpus"
+    fork=()
+    if ((${FUZZ_FORK:-1} > 1)); then
+        fork=(-fork="$FUZZ_FORK" -ignore_crashes=0)
+    fi
+    echo "== $name for ${seconds}s"
+    if ! ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1 \
+        "build/fuzz/bin/$name" "$corpus" "${fork[@]}" \
+        -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len="$max_len" \
+        -artifact_prefix="$findings/$name-" -print_final_stats=1 ${flags:-}; then
+        failed+=("$name")
+    fi
 done
 
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1 \
-    build/fuzz/bin/ShaderFuzzer "$work" \
-    -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -max_len=4096 \
-    -artifact_prefix="$findings/" -print_final_stats=1
-
-# The scene import: a format byte in front (0 glTF, 2 OBJ with its MTL after
-# a zero byte), seeded from small files that use every feature it reads.
-import_work=build/fuzz/import-corpus
-mkdir -p "$import_work"
-{ printf '\x00'; cat Tests/Fuzz/ImportCorpus/triangle.gltf; } > "$import_work/seed-triangle.gltf"
-{ printf '\x02'; cat Tests/Fuzz/ImportCorpus/quad.obj; printf '\x00'; cat Tests/Fuzz/ImportCorpus/quad.mtl; } \
-    > "$import_work/seed-quad.obj"
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=halt_on_error=1 \
-    build/fuzz/bin/SceneImportFuzzer "$import_work" \
-    -max_total_time="${IMPORT_FUZZ_SECONDS:-60}" -timeout=10 -rss_limit_mb=2048 -max_len=8192 \
-    -artifact_prefix="$findings/import-" -print_final_stats=1
+if ((${#failed[@]} > 0)); then
+    echo "fuzz.sh: findings from ${failed[*]} in $findings" >&2
+    exit 1
+fi

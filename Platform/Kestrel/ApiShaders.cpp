@@ -23,53 +23,57 @@ bool IsShaderKind(int kind)
 
 // The body of ksGetShaderString and ksGetProgramString: strings handed out
 // stay valid until the object changes them or dies.
+// The name is checked before the handle, as enums come first everywhere.
 template <class Object>
-void GetObjectString(ApiCall& call, Object* object, int name, const char** value,
-                     const char* (*read)(const Object&, int, bool*))
+void GetObjectString(ApiCall& call, HandleTable<Object> Context::*table, ObjectKind kind, Id id,
+                     int name, const char** value, const char* (*read)(const Object*, int, bool*))
 {
     const char* result = nullptr;
-    if (object)
+    bool known = false;
+    read(nullptr, name, &known);
+    if (!call.Proceed())
     {
-        bool known = false;
-        const char* text = read(*object, name, &known);
-        if (!known)
-            call.Raise(KS_INVALID_ENUM, "0x%x is not a string parameter",
-                       static_cast<unsigned>(name));
-        else if (!value)
+    }
+    else if (!known)
+        call.Raise(KS_INVALID_ENUM, "0x%x is not a string parameter", static_cast<unsigned>(name));
+    else if (Object* object = call.Use(call.Ctx().*table, kind, id))
+    {
+        if (!value)
             call.Raise(KS_INVALID_VALUE, "null output");
         else
-            result = text;
+            result = read(object, name, &known);
     }
     if (value)
         *value = result;
 }
 
-const char* ReadShaderString(const ShaderObject& shader, int name, bool* known)
+// With a null shader only tells whether the name is a shader string.
+const char* ReadShaderString(const ShaderObject* shader, int name, bool* known)
 {
     *known = true;
     switch (name)
     {
     case KS_SHADER_LOG:
-        return shader._sLog.c_str();
+        return shader ? shader->_sLog.c_str() : nullptr;
     case KS_SHADER_SOURCE:
-        return shader._bHasSource ? shader._sSource.c_str() : nullptr;
+        return shader && shader->_bHasSource ? shader->_sSource.c_str() : nullptr;
     case KS_SHADER_NAME:
-        return shader._sName.c_str();
+        return shader ? shader->_sName.c_str() : nullptr;
     default:
         *known = false;
         return nullptr;
     }
 }
 
-const char* ReadProgramString(const ProgramObject& program, int name, bool* known)
+const char* ReadProgramString(const ProgramObject* program, int name, bool* known)
 {
     *known = true;
     switch (name)
     {
     case KS_PROGRAM_LOG:
-        return program._sLog.c_str();
+        return program ? program->_sLog.c_str() : nullptr;
     case KS_PROGRAM_NAME:
-        return program._sName.c_str();
+        return program ? program->_sName.c_str() : nullptr;
     default:
         *known = false;
         return nullptr;
@@ -199,12 +203,12 @@ void ksGetShaderiv(_KSshader* shader, int name, int* value)
     int result = 0;
     if (call.Proceed())
     {
-        if (ShaderObject* object = call.Use(call.Ctx()._shaders, kOK_Shader, IdOf(shader)))
+        if (name != KS_COMPILE_STATUS)
+            call.Raise(KS_INVALID_ENUM, "0x%x is not an integer shader parameter",
+                       static_cast<unsigned>(name));
+        else if (ShaderObject* object = call.Use(call.Ctx()._shaders, kOK_Shader, IdOf(shader)))
         {
-            if (name != KS_COMPILE_STATUS)
-                call.Raise(KS_INVALID_ENUM, "0x%x is not an integer shader parameter",
-                           static_cast<unsigned>(name));
-            else if (!value)
+            if (!value)
                 call.Raise(KS_INVALID_VALUE, "null output");
             else
                 result = object->_bCompiled ? 1 : 0;
@@ -218,10 +222,8 @@ void ksGetShaderString(_KSshader* shader, int name, const char** value)
 {
     ApiCall call("ksGetShaderString",
                  {HandleArg(shader), EnumArg(name, kCS_ObjectParameter), PtrArg(value)});
-    ShaderObject* object = nullptr;
-    if (call.Proceed())
-        object = call.Use(call.Ctx()._shaders, kOK_Shader, IdOf(shader));
-    GetObjectString(call, object, name, value, ReadShaderString);
+    GetObjectString(call, &Context::_shaders, kOK_Shader, IdOf(shader), name, value,
+                    ReadShaderString);
 }
 
 void ksShaderString(_KSshader* shader, int name, const char* value)
@@ -230,13 +232,16 @@ void ksShaderString(_KSshader* shader, int name, const char* value)
                  {HandleArg(shader), EnumArg(name, kCS_ObjectParameter), StringArg(value)});
     if (!call.Proceed())
         return;
+    if (name != KS_SHADER_NAME)
+    {
+        call.Raise(KS_INVALID_ENUM, "0x%x is not a settable shader string",
+                   static_cast<unsigned>(name));
+        return;
+    }
     ShaderObject* object = call.Use(call.Ctx()._shaders, kOK_Shader, IdOf(shader));
     if (!object)
         return;
-    if (name != KS_SHADER_NAME)
-        call.Raise(KS_INVALID_ENUM, "0x%x is not a settable shader string",
-                   static_cast<unsigned>(name));
-    else if (!value)
+    if (!value)
         call.Raise(KS_INVALID_VALUE, "null name");
     else
         object->_sName = value;
@@ -362,12 +367,12 @@ void ksGetProgramiv(_KSprogram* program, int name, int* value)
     int result = 0;
     if (call.Proceed())
     {
-        if (ProgramObject* object = call.Use(call.Ctx()._programs, kOK_Program, IdOf(program)))
+        if (name != KS_LINK_STATUS)
+            call.Raise(KS_INVALID_ENUM, "0x%x is not an integer program parameter",
+                       static_cast<unsigned>(name));
+        else if (ProgramObject* object = call.Use(call.Ctx()._programs, kOK_Program, IdOf(program)))
         {
-            if (name != KS_LINK_STATUS)
-                call.Raise(KS_INVALID_ENUM, "0x%x is not an integer program parameter",
-                           static_cast<unsigned>(name));
-            else if (!value)
+            if (!value)
                 call.Raise(KS_INVALID_VALUE, "null output");
             else
                 result = object->_bLinked ? 1 : 0;
@@ -381,10 +386,8 @@ void ksGetProgramString(_KSprogram* program, int name, const char** value)
 {
     ApiCall call("ksGetProgramString",
                  {HandleArg(program), EnumArg(name, kCS_ObjectParameter), PtrArg(value)});
-    ProgramObject* object = nullptr;
-    if (call.Proceed())
-        object = call.Use(call.Ctx()._programs, kOK_Program, IdOf(program));
-    GetObjectString(call, object, name, value, ReadProgramString);
+    GetObjectString(call, &Context::_programs, kOK_Program, IdOf(program), name, value,
+                    ReadProgramString);
 }
 
 void ksProgramString(_KSprogram* program, int name, const char* value)
@@ -393,13 +396,16 @@ void ksProgramString(_KSprogram* program, int name, const char* value)
                  {HandleArg(program), EnumArg(name, kCS_ObjectParameter), StringArg(value)});
     if (!call.Proceed())
         return;
+    if (name != KS_PROGRAM_NAME)
+    {
+        call.Raise(KS_INVALID_ENUM, "0x%x is not a settable program string",
+                   static_cast<unsigned>(name));
+        return;
+    }
     ProgramObject* object = call.Use(call.Ctx()._programs, kOK_Program, IdOf(program));
     if (!object)
         return;
-    if (name != KS_PROGRAM_NAME)
-        call.Raise(KS_INVALID_ENUM, "0x%x is not a settable program string",
-                   static_cast<unsigned>(name));
-    else if (!value)
+    if (!value)
         call.Raise(KS_INVALID_VALUE, "null name");
     else
         object->_sName = value;
