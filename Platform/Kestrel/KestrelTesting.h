@@ -148,6 +148,7 @@ KESTREL_EXPORT void SetBuildHook(RenderHook hook);
 class AutoBuildHook
 {
 public:
+    /// Installs `hook`.
     explicit AutoBuildHook(RenderHook hook) { SetBuildHook(std::move(hook)); }
     ~AutoBuildHook() { SetBuildHook(nullptr); }
     AutoBuildHook(const AutoBuildHook&) = delete;
@@ -246,9 +247,9 @@ KESTREL_EXPORT bool ReadTexture(_KStexture* texture, int level, TextureRecord* r
 /// uniforms, block buffers and textures are as the last frame saw them
 /// reuses the last scene and builds nothing.
 KESTREL_EXPORT bool CountSceneBuilds(long long* builds);
-// The indexed meshes that those builds made into structures of the ray
-// tracing kernels: a buffer that several primitives share counts once, and
-// one that a later scene finds unchanged counts no more.
+/// The indexed meshes that those builds made into structures of the ray
+/// tracing kernels: a buffer that several primitives share counts once, and
+/// one that a later scene finds unchanged counts no more.
 KESTREL_EXPORT bool CountMeshBuilds(long long* builds);
 
 /// Makes ksGetString(name) answer `text` (copied; null makes it answer null)
