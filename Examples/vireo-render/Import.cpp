@@ -230,25 +230,6 @@ bool LoadScene(const ImportOptions& options, SceneDescription* scene, std::strin
     return loaded;
 }
 
-IKSShader* ImportedScene::_Shader(IKSShader::Type type, const char* source, std::string* error)
-{
-    IKSShader* shader = _pContext->CreateIKSShader(type);
-    if (shader == nullptr)
-    {
-        *error = "no shader object";
-        return nullptr;
-    }
-    _shaders.push_back(shader);
-    std::string text = source;
-    Result log;
-    if (!shader->SetString(text, &log))
-    {
-        *error = "a shader did not compile: " + Detail::FirstLine(log.GetText());
-        return nullptr;
-    }
-    return shader;
-}
-
 IKSProgram* ImportedScene::_Program(IKSShader* shape, IKSShader* material, std::string* error)
 {
     IKSProgram* program = _pContext->CreateIKSProgram();

@@ -113,7 +113,6 @@ public:
     const SceneDescription& Description() const { return _description; }
 
 private:
-    Vireo::IKSShader* _Shader(Vireo::IKSShader::Type type, const char* source, std::string* error);
     Vireo::IKSProgram* _Program(Vireo::IKSShader* shape, Vireo::IKSShader* material,
                                 std::string* error);
 

@@ -114,25 +114,6 @@ bool Scene::Build(const std::string& name, std::string* error)
     return false;
 }
 
-IKSShader* Scene::_Shader(IKSShader::Type type, const std::string& source, std::string* error)
-{
-    IKSShader* shader = _pContext->CreateIKSShader(type);
-    if (shader == nullptr)
-    {
-        *error = "no shader object";
-        return nullptr;
-    }
-    _shaders.push_back(shader);
-    std::string text = source;
-    Result log;
-    if (!shader->SetString(text, &log))
-    {
-        *error = "shader did not compile:\n" + log.GetText();
-        return nullptr;
-    }
-    return shader;
-}
-
 IKSProgram* Scene::_Program(std::initializer_list<IKSShader*> shaders, std::string* error)
 {
     IKSProgram* program = _pContext->CreateIKSProgram();

@@ -25,9 +25,6 @@ public:
     static std::vector<std::string> Names();
 
 private:
-    // One shader of `type` from `source`; null with `error` set on failure.
-    Vireo::IKSShader* _Shader(Vireo::IKSShader::Type type, const std::string& source,
-                              std::string* error);
     // A linked program of the given shaders; null with `error` on failure.
     Vireo::IKSProgram* _Program(std::initializer_list<Vireo::IKSShader*> shaders,
                                 std::string* error);

@@ -24,4 +24,25 @@ SceneObjects::~SceneObjects()
     }
 }
 
+IKSShader* SceneObjects::_Shader(IKSShader::Type type, const std::string& source,
+                                 std::string* error)
+{
+    IKSShader* shader = _pContext->CreateIKSShader(type);
+    if (shader == nullptr)
+    {
+        *error = "no shader object";
+        return nullptr;
+    }
+    _shaders.push_back(shader);
+    std::string text = source;
+    Result log;
+    if (!shader->SetString(text, &log))
+    {
+        const std::string all = log.GetText();
+        *error = "a shader did not compile: " + all.substr(0, all.find('\n'));
+        return nullptr;
+    }
+    return shader;
+}
+
 } // namespace VireoRender

@@ -4,6 +4,7 @@
 
 #include "KestrelWrapper/VireoKestrelWrapper.h"
 
+#include <string>
 #include <vector>
 
 namespace VireoRender
@@ -21,6 +22,11 @@ public:
     SceneObjects& operator=(const SceneObjects&) = delete;
 
 protected:
+    // One compiled shader of `type`, kept for destruction; null with `error`
+    // set to one line when it cannot be made or does not compile.
+    Vireo::IKSShader* _Shader(Vireo::IKSShader::Type type, const std::string& source,
+                              std::string* error);
+
     Vireo::IKestrelContext* _pContext;
     std::vector<Vireo::IKSShader*> _shaders;
     std::vector<Vireo::IKSProgram*> _programs;
