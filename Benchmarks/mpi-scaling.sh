@@ -20,9 +20,9 @@ for round in $(seq "$rounds"); do
     echo "  round $round: 1 rank x 2 threads $(run 1 2 640x480 16)   2 ranks x 1 thread $(run 2 1 640x480 16)"
 done
 echo "seconds per pass, 1 rank x 2 threads:"
-for spec in 640x480:8 1920x1080:4 3840x2160:2; do
-    rate=$(run 1 2 "${spec%:*}" "${spec#*:}")
-    echo "  ${spec%:*}: $(awk -v r="$rate" 'BEGIN { printf "%.2f", 1 / r }')"
+for job in 640x480:8 1920x1080:4 3840x2160:2; do
+    rate=$(run 1 2 "${job%:*}" "${job#*:}")
+    echo "  ${job%:*}: $(awk -v r="$rate" 'BEGIN { printf "%.2f", 1 / r }')"
 done
 echo "reduce:"
 mpirun --oversubscribe -np 2 "$bin/vireo-reduce-timing"
