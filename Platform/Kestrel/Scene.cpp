@@ -845,6 +845,17 @@ private:
     void _AddIndexedMesh(const ArgumentReader& reader, const Statement& statement,
                          const Affine& placement, int material);
     int _IndexedMesh(const BufferObject& buffer, std::uint32_t vertices, std::uint32_t triangles);
+    // Appends `item` to its kind's list and a shape that names it.
+    template <typename T>
+    void _Place(Scene::ShapeKind kind, std::vector<T>* items, T item, int material)
+    {
+        Scene::Shape shape;
+        shape._eKind = kind;
+        shape._nIndex = static_cast<int>(items->size());
+        shape._nMaterial = material;
+        items->push_back(std::move(item));
+        _pScene->_shapes.push_back(shape);
+    }
     void _AddLights();
     void _AddLightTriangles(const Scene::Shape& shape, Scene::Light* light);
     bool _CommitIndexedMesh(RTCDevice device, Scene::IndexedMesh& mesh);
@@ -974,12 +985,7 @@ void SceneBuilder::_AddSphere(const ArgumentReader& reader, const Statement& sta
     if (!IsFinite(sphere._centre) || !(sphere._fRadius > 0.0f) || !std::isfinite(sphere._fRadius) ||
         !placement.Invert(&sphere._toObject))
         return;
-    Scene::Shape shape;
-    shape._eKind = Scene::kSK_Sphere;
-    shape._nIndex = static_cast<int>(_pScene->_spheres.size());
-    shape._nMaterial = material;
-    _pScene->_spheres.push_back(sphere);
-    _pScene->_shapes.push_back(shape);
+    _Place(Scene::kSK_Sphere, &_pScene->_spheres, sphere, material);
 }
 
 void SceneBuilder::_AddBox(const ArgumentReader& reader, const Statement& statement,
@@ -1036,13 +1042,8 @@ void SceneBuilder::_AddPlane(const ArgumentReader& reader, const Statement& stat
         Dot(plane._normal, plane._normal) == 0.0f)
         return;
     OrthonormalBasis(plane._normal, &plane._tangent, &plane._bitangent);
-    Scene::Shape shape;
-    shape._eKind = Scene::kSK_Plane;
-    shape._nIndex = static_cast<int>(_pScene->_planes.size());
-    shape._nMaterial = material;
     _pScene->_planeShapes.push_back(static_cast<int>(_pScene->_shapes.size()));
-    _pScene->_planes.push_back(plane);
-    _pScene->_shapes.push_back(shape);
+    _Place(Scene::kSK_Plane, &_pScene->_planes, plane, material);
 }
 
 void SceneBuilder::_AddTriangles(const ArgumentReader& reader, const Statement& statement,
@@ -1098,12 +1099,7 @@ void SceneBuilder::_AddIndexedMesh(const ArgumentReader& reader, const Statement
                                    static_cast<std::uint32_t>(triangles));
     if (instance._nMesh < 0)
         return;
-    Scene::Shape shape;
-    shape._eKind = Scene::kSK_Instance;
-    shape._nIndex = static_cast<int>(_pScene->_instances.size());
-    shape._nMaterial = material;
-    _pScene->_instances.push_back(instance);
-    _pScene->_shapes.push_back(shape);
+    _Place(Scene::kSK_Instance, &_pScene->_instances, instance, material);
 }
 
 // The scene's mesh of these counts in this buffer: one already made for
@@ -1183,12 +1179,7 @@ void SceneBuilder::_AddMesh(Scene::Mesh mesh, const Affine& placement, int mater
                 std::swap(mesh._uvs[2 * (i + 1) + 1], mesh._uvs[2 * (i + 2) + 1]);
             }
         }
-    Scene::Shape shape;
-    shape._eKind = Scene::kSK_Mesh;
-    shape._nIndex = static_cast<int>(_pScene->_meshes.size());
-    shape._nMaterial = material;
-    _pScene->_meshes.push_back(std::move(mesh));
-    _pScene->_shapes.push_back(shape);
+    _Place(Scene::kSK_Mesh, &_pScene->_meshes, std::move(mesh), material);
 }
 
 void SceneBuilder::_AddLights()

@@ -597,15 +597,22 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
     }
 }
 
+// A diffuse floor lit by a small light over its left half: noisy everywhere.
+void LitFloor(Renderer& test)
+{
+    test.Primitive(
+        test.Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
+    test.Primitive(test.Program({{kVertex, kSphere}, {kRay, kEmissive}}));
+    test.Set("centre", {-1.5f, -0.5f, -4});
+    test.Set("radius", {0.3f});
+    test.Set("radiance", {20, 20, 20});
+}
+
 TEST_F(Renderer, FloorIsBrighterNearItsLight)
 {
     Targets(1, 32, 32);
     SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-    Primitive(Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
-    Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
-    Set("centre", {-1.5f, -0.5f, -4});
-    Set("radius", {0.3f});
-    Set("radiance", {20, 20, 20});
+    LitFloor(*this);
     for (int frame = 0; frame < 4; ++frame)
         Render();
     // The floor fills the lower rows; the light sits over its left half.
@@ -617,14 +624,9 @@ TEST_F(Renderer, FloorIsBrighterNearItsLight)
 
 TEST_F(Renderer, FrameIndexChoosesTheSamples)
 {
-    // A floor lit by a small light: every pixel is noisy.
     Targets(1, 16, 16);
     SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_0);
-    Primitive(Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
-    Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
-    Set("centre", {-1.5f, -0.5f, -4});
-    Set("radius", {0.3f});
-    Set("radiance", {20, 20, 20});
+    LitFloor(*this);
     int index = -1;
     ksGetFrameParameteriv(KS_FRAME_INDEX, &index);
     EXPECT_EQ(index, 0);
