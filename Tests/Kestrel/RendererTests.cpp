@@ -127,6 +127,17 @@ public:
     }
 
     // A primitive drawn with `program`, left bound for Set.
+    // A frame whose narrow camera looks straight down at the origin from 5
+    // units above, so every pixel sees a floor at y = 0 head-on.
+    void LookStraightDown(const std::string& outputs)
+    {
+        UseFrame(Program({{kFrame, FrameSource(outputs)}}));
+        Set("eye", {0, 5, 0});
+        Set("target", {0, 0, 0});
+        Set("up", {0, 0, -1});
+        Set("fov", {0.5f});
+    }
+
     KSprimitive Primitive(_KSprogram* program)
     {
         const KSprimitive primitive = NewPrimitive();
@@ -577,11 +588,7 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
         Targets(1, 32, 32);
         SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
         ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
-        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-        Set("eye", {0, 5, 0});
-        Set("target", {0, 0, 0});
-        Set("up", {0, 0, -1});
-        Set("fov", {0.5f});
+        LookStraightDown("output(0, radiance);\n");
         Primitive(Program({{kVertex, kPlane}, {kRay, kDiffuse}}));
         Set("point", {0, 0, 0});
         Set("normal", {0, 1, 0});
@@ -762,11 +769,7 @@ TEST_F(Renderer, MetallicRoughnessReflectsWhatItsModelSays)
                 Targets(1, 32, 32);
                 SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
                 ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
-                UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-                Set("eye", {0, 5, 0});
-                Set("target", {0, 0, 0});
-                Set("up", {0, 0, -1});
-                Set("fov", {0.5f});
+                LookStraightDown("output(0, radiance);\n");
                 Set("sky", {sky ? 1.0f : 0.0f, 0, 0});
                 Primitive(Program({{kVertex, kPlane}, {kRay, kMetallicRoughness}}));
                 Set("normal", {0, 1, 0});
@@ -820,11 +823,7 @@ TEST_F(Renderer, MetallicRoughnessMapsScaleTheirFactors)
         SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
         const bool furnace = std::string(c.map) == "mr_map";
         ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, furnace ? 1 : 0);
-        UseFrame(Program({{kFrame, FrameSource(std::string("output(0, ") + c.output + ");\n")}}));
-        Set("eye", {0, 5, 0});
-        Set("target", {0, 0, 0});
-        Set("up", {0, 0, -1});
-        Set("fov", {0.5f});
+        LookStraightDown(std::string("output(0, ") + c.output + ");\n");
         Set("sky", {furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f});
         _KStexture* texture = NewTexture();
         ksBindTexture(KS_TEXTURE_2D, texture);
