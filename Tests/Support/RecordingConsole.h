@@ -7,6 +7,7 @@
 
 #include "CoreInterfaces/VireoCore.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -36,8 +37,7 @@ inline const char* ConsoleCallKindName(ConsoleCallKind eKind)
 {
     static const char* const kNames[] = {"Print",      "PrintDetail", "PrintTrace", "PrintWarning",
                                          "PrintError", "BeginBlock",  "EndBlock"};
-    const int nKind = static_cast<int>(eKind);
-    return nKind >= 0 && nKind <= kCCK_EndBlock ? kNames[nKind] : "?";
+    return eKind >= kCCK_Print && eKind <= kCCK_EndBlock ? kNames[eKind] : "?";
 }
 
 // One recorded call. Prints record the formatted text; blocks record their
@@ -112,22 +112,17 @@ public:
 
     void BeginBlock(IConsole::VerbosityLevel level, const char* text) override
     {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _calls.push_back({kCCK_BeginBlock, text != nullptr ? text : "", level});
-        ++_nDepth;
+        _Block(kCCK_BeginBlock, level, text);
+    }
+    void EndBlock(IConsole::VerbosityLevel level, const char* text) override
+    {
+        _Block(kCCK_EndBlock, level, text);
     }
     // Opened and not yet closed; surplus closes do not go below zero.
     int GetBlockDepth() const override
     {
         std::lock_guard<std::mutex> lock(_mutex);
         return _nDepth;
-    }
-    void EndBlock(IConsole::VerbosityLevel level, const char* text) override
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _calls.push_back({kCCK_EndBlock, text != nullptr ? text : "", level});
-        if (_nDepth > 0)
-            --_nDepth;
     }
 
     // A snapshot: the console may still be written to.
@@ -158,21 +153,25 @@ public:
     }
 
 private:
+    void _Block(ConsoleCallKind eKind, IConsole::VerbosityLevel level, const char* text)
+    {
+        std::lock_guard<std::mutex> lock(_mutex);
+        _calls.push_back({eKind, text != nullptr ? text : "", level});
+        _nDepth = eKind == kCCK_BeginBlock ? _nDepth + 1 : std::max(_nDepth - 1, 0);
+    }
+
     void _Record(ConsoleCallKind eKind, const char* format, va_list arguments)
     {
         std::string text;
-        if (format != nullptr)
+        va_list measure;
+        va_copy(measure, arguments);
+        const int nLength = format != nullptr ? std::vsnprintf(nullptr, 0, format, measure) : 0;
+        va_end(measure);
+        if (nLength > 0)
         {
-            va_list measure;
-            va_copy(measure, arguments);
-            const int nLength = std::vsnprintf(nullptr, 0, format, measure);
-            va_end(measure);
-            if (nLength > 0)
-            {
-                text.resize(static_cast<std::size_t>(nLength) + 1);
-                std::vsnprintf(&text[0], text.size(), format, arguments);
-                text.resize(static_cast<std::size_t>(nLength));
-            }
+            text.resize(static_cast<std::size_t>(nLength) + 1);
+            std::vsnprintf(&text[0], text.size(), format, arguments);
+            text.resize(static_cast<std::size_t>(nLength));
         }
         std::lock_guard<std::mutex> lock(_mutex);
         _calls.push_back({eKind, std::move(text), IConsole::kVL_Normal});
@@ -247,36 +246,22 @@ private:
     int _nAnswer;
 };
 
-// Makes a console the process-wide one for a scope, then puts back the
-// previous one.
-class AutoInstallConsole
+// Makes a console or an assertion handler the process-wide one for a scope,
+// then puts back the previous one.
+template <class T, T* (*Install)(T*)>
+class AutoInstall
 {
 public:
-    explicit AutoInstallConsole(IMgrConsole* pConsole) : _pPrevious(SetMgrConsole(pConsole)) {}
-    ~AutoInstallConsole() { SetMgrConsole(_pPrevious); }
-    AutoInstallConsole(const AutoInstallConsole&) = delete;
-    AutoInstallConsole& operator=(const AutoInstallConsole&) = delete;
+    explicit AutoInstall(T* pNew) : _pPrevious(Install(pNew)) {}
+    ~AutoInstall() { Install(_pPrevious); }
+    AutoInstall(const AutoInstall&) = delete;
+    AutoInstall& operator=(const AutoInstall&) = delete;
 
 private:
-    IMgrConsole* _pPrevious;
+    T* _pPrevious;
 };
-
-// Makes a handler the active one for a scope, then puts back the previous
-// one.
-class AutoInstallAssertHandler
-{
-public:
-    explicit AutoInstallAssertHandler(IAssertHandler* pHandler)
-        : _pPrevious(SetActiveAssertHandler(pHandler))
-    {
-    }
-    ~AutoInstallAssertHandler() { SetActiveAssertHandler(_pPrevious); }
-    AutoInstallAssertHandler(const AutoInstallAssertHandler&) = delete;
-    AutoInstallAssertHandler& operator=(const AutoInstallAssertHandler&) = delete;
-
-private:
-    IAssertHandler* _pPrevious;
-};
+using AutoInstallConsole = AutoInstall<IMgrConsole, &SetMgrConsole>;
+using AutoInstallAssertHandler = AutoInstall<IAssertHandler, &SetActiveAssertHandler>;
 
 } // namespace Testing
 } // namespace Vireo

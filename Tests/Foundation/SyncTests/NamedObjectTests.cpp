@@ -12,6 +12,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -241,4 +243,43 @@ TEST(NamedObjectTest, EventSetInOtherProcess)
         EXPECT_EQ(event.Wait(0), bManualReset);
         EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
     }
+}
+
+// An opener that finds the object sized but not yet marked ready waits for
+// its creator (here another process, held up by hand) instead of giving up.
+TEST(NamedObjectTest, OpenerWaitsForACreatorStillSettingUp)
+{
+    const std::wstring name = UniqueName(L"setup");
+    Channel created;
+    Channel done;
+    const pid_t child = RunInChild(
+        [&]
+        {
+            Vireo::Event own(true, true, name.c_str());
+            created.Send();
+            return done.Receive() ? static_cast<int>(kCR_Ok) : static_cast<int>(kCR_NoSignal);
+        });
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(created.Receive());
+    const std::string shmName = "/vireo.event." + std::string(name.begin(), name.end());
+    const int fd = shm_open(shmName.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    auto* pState = static_cast<std::atomic<std::uint32_t>*>(
+        mmap(nullptr, sizeof(std::uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    close(fd);
+    ASSERT_NE(pState, MAP_FAILED);
+    const std::uint32_t ready = pState->exchange(0); // the creator has not finished
+
+    std::thread creatorFinishes(
+        [&]
+        {
+            std::this_thread::sleep_for(milliseconds(50));
+            pState->store(ready);
+        });
+    Vireo::Event opener(false, false, name.c_str());
+    creatorFinishes.join();
+    EXPECT_TRUE(opener.Wait(0)) << "the opener gave up on the object";
+    done.Send();
+    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
+    munmap(pState, sizeof(std::uint32_t));
 }
