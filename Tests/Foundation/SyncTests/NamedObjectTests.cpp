@@ -103,6 +103,7 @@ TEST(NamedObjectTest, LaterOpenerGetsTheEventAsItIsUntilTheLastCloses)
         EXPECT_TRUE(opener.Wait(0));
         opener.Reset();
         EXPECT_FALSE(creator.Wait(0));
+        creator.Set(); // what a fresh object of the name must not inherit
     }
     Vireo::Event fresh(true, false, name.c_str());
     EXPECT_FALSE(fresh.Wait(0));
@@ -122,6 +123,7 @@ TEST(NamedObjectTest, DifferentNamesStayApart)
         {L"x", L"X"},
         {L".", L" "},
         {L"\u00e9\u6f22", L"%C3%A9%E6%BC%A2"},
+        {L"\U0010FFFF", L"\uFFFD"}, // the last code point is not the replacement
         {longText + L"1", longText + L"2"},
         {longText, longText.substr(0, 200)},
     };
