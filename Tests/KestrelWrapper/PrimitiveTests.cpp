@@ -255,6 +255,19 @@ TEST_F(WrapperFixture, EverySetterBindsCallsOnceAndReportsFailure)
         EXPECT_EQ(errors.back(), FailureText(c.failureWord, "u", primitive->GetHandle()));
         EXPECT_EQ(BoundPrimitive(), primitive->GetHandle()) << "bound also after a failure";
         EXPECT_EQ(_console.CountOf(kCCK_PrintTrace), 0u) << "no trace unless asked";
+
+        // One line for either flag, but the single int heeds the object's alone.
+        for (bool classWide : {false, true})
+        {
+            TraceFlagsTestPeer::SetPrimitiveTrace(classWide);
+            primitive->SetTrace(!classWide);
+            _console.Clear();
+            c.set(*primitive);
+            EXPECT_EQ(_console.CountOf(kCCK_PrintTrace),
+                      classWide && std::string(c.label) == "int" ? 0u : 1u);
+        }
+        TraceFlagsTestPeer::SetPrimitiveTrace(false);
+        primitive->SetTrace(false);
     }
     _pContext->DestroyIKSPrimitive(primitive);
     _pContext->DestroyIKSPrimitive(other);
@@ -363,18 +376,4 @@ TEST_F(WrapperFixture, TraceLinesMatchTheirFormat)
     EXPECT_EQ(_console.TextsOf(kCCK_PrintError).back(),
               FailureText("float", "a%n%s", ball->GetHandle()));
     _pContext->DestroyIKSPrimitive(ball);
-}
-
-TEST_F(WrapperFixture, ClassWideTraceSkipsOnlyTheSingleInt)
-{
-    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
-    TraceFlagsTestPeer::SetPrimitiveTrace(true);
-    primitive->SetUniform("i", 1, 3);
-    primitive->SetUniform("f", 2, 1.5f);
-    TraceFlagsTestPeer::SetPrimitiveTrace(false);
-    primitive->SetTrace(true);
-    primitive->SetUniform("j", 3, 4);
-    EXPECT_EQ(_console.TextsOf(kCCK_PrintTrace),
-              (std::vector<std::string>{".f (2) # 1 1.5 \n", ".j (3) # 1 4 \n"}));
-    _pContext->DestroyIKSPrimitive(primitive);
 }
