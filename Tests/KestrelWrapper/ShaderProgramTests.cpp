@@ -316,7 +316,10 @@ TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
         program->AddListenerLink(onLink);
     }
     FastDelegate1<IKSProgram*, bool> onDelete = MakeDelegate(&watchers[2], &Watcher::OnProgram);
+    FastDelegate1<IKSProgram*, bool> removed = MakeDelegate(&watchers[1], &Watcher::OnProgram);
     program->AddListenerDelete(onDelete);
+    program->AddListenerDelete(removed);
+    program->RemoveListenerDelete(removed);
 
     {
         AutoFaults faults;
@@ -339,9 +342,13 @@ TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
     int status = 0;
     ksGetProgramiv(program->GetKSProgram(), KS_LINK_STATUS, &status);
     EXPECT_NE(status, 0);
+    watchers[0].bAnswer = true;
+    program->RemoveListenerLink(removed);
+    EXPECT_TRUE(program->Link());
 
     EXPECT_TRUE(_pContext->DestroyIKSProgram(program));
-    EXPECT_EQ(watchers[0].seen.size(), 3u) << "no link listener at shutdown";
+    EXPECT_EQ(watchers[0].seen.size(), 4u) << "no link listener at shutdown";
+    EXPECT_EQ(watchers[1].seen.size(), 2u) << "removed from both lists";
     EXPECT_EQ(watchers[2].seen.size(), 1u);
     for (IKSShader* shader : shaders)
         _pContext->DestroyIKSShader(shader);
