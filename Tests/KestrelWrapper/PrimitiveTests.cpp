@@ -53,26 +53,6 @@ TEST_F(WrapperFixture, ShutdownTwiceDeletesOnce)
     EXPECT_EQ(primitive.GetName(), "kept");
 }
 
-TEST_F(WrapperFixture, AutoBindNestsAndUnwindsInReverse)
-{
-    IKSPrimitive* p = _pContext->CreateIKSPrimitive();
-    IKSPrimitive* q = _pContext->CreateIKSPrimitive();
-    IKSPrimitive* r = _pContext->CreateIKSPrimitive();
-    q->Bind();
-    {
-        AutoBindKSPrimitive outer(p);
-        {
-            AutoBindKSPrimitive inner(r);
-            EXPECT_EQ(BoundPrimitive(), r->GetHandle());
-        }
-        EXPECT_EQ(BoundPrimitive(), p->GetHandle());
-    }
-    EXPECT_EQ(BoundPrimitive(), q->GetHandle());
-    for (IKSPrimitive* each : {p, q, r})
-        _pContext->DestroyIKSPrimitive(each);
-    EXPECT_NO_KS_ERROR();
-}
-
 // --- Setters ----------------------------------------------------------------
 
 namespace
