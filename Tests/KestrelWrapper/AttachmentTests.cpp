@@ -1,12 +1,11 @@
 // Frame buffer attachments: client memory as the storage Kestrel renders
-// into, the running sum of kBM_Accumulated, the host's lock, and resizes
-// that never leave Kestrel naming freed memory.
+// into, the running sum of kBM_Accumulated, and resizes that never leave
+// Kestrel naming freed memory. The lock is the frame buffer tests' and the
+// mutex's own.
 #include "WrapperFixture.h"
 
-#include <chrono>
 #include <cstdint>
 #include <cstring>
-#include <future>
 
 using namespace WrapperTest;
 using namespace Vireo;
@@ -234,36 +233,6 @@ TEST_F(AttachmentTest, TopIndexWorksEndToEndAndTheNextIsRefused)
     EXPECT_EQ(ksGetError(), KS_INVALID_ENUM) << "no point 17";
     ksDeleteProgram(program);
     ksDeleteShader(shader);
-}
-
-TEST_F(AttachmentTest, LockBelongsToTheThreadThatTookIt)
-{
-    IKSFrameBufferAttachment* attachment = Create(0, Att::kBM_Accumulated, Color4f{});
-    ASSERT_NE(attachment, nullptr);
-    // Another thread gives back a hold it does not have, then tries once.
-    auto elsewhere = [attachment]
-    {
-        return std::async(std::launch::async,
-                          [attachment]
-                          {
-                              attachment->UnLock();
-                              const bool locked = attachment->Lock(0);
-                              if (locked)
-                                  attachment->UnLock();
-                              return locked;
-                          })
-            .get();
-    };
-    EXPECT_TRUE(elsewhere()) << "starts free";
-    ASSERT_TRUE(attachment->Lock(0));
-    ASSERT_TRUE(attachment->Lock(0)) << "the owner may take it again";
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_FALSE(elsewhere()) << "neither released by a stranger nor waited for";
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-    attachment->UnLock();
-    EXPECT_FALSE(elsewhere()) << "one hold left";
-    attachment->UnLock();
-    EXPECT_TRUE(elsewhere());
 }
 
 // Refused sizes are the bad-input sweep's. Here the old storage is let go and
