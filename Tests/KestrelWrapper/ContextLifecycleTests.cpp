@@ -61,16 +61,14 @@ TEST(ManagerTest, CurrentContextFollowsSetAndDestroy)
     EXPECT_FALSE(manager->DestroyKestrelContext(nullptr));
 }
 
-TEST(ManagerTest, ContextWithoutKestrelContextCannotBecomeCurrent)
+// Without its second phase a context cannot become current, and Kestrel is
+// not asked; attributes Kestrel does not know give no context at all.
+TEST(ManagerTest, HalfMadeOrRefusedContextsAreNeverCurrent)
 {
-    KestrelContextImp context(nullptr, false, false); // second phase never run
+    KestrelContextImp context(nullptr, false, false);
     CallLog log;
     EXPECT_FALSE(GetMgrKestrel()->SetCurrentKestrelContext(&context));
-    EXPECT_EQ(log.Calls(), Calls{}) << "Kestrel must not be asked";
-}
-
-TEST(ManagerTest, BadAttributesGiveNull)
-{
+    EXPECT_EQ(log.Calls(), Calls{});
     const long long attributes[] = {0x7fff, 1, 0};
     EXPECT_EQ(GetMgrKestrel()->CreateKestrelContext(nullptr, false, false, attributes), nullptr);
 }
@@ -190,6 +188,16 @@ TEST(ContextTest, NoConsoleGivesTheSameAnswers)
     EXPECT_TRUE(context.ErrorCheck());
     EXPECT_FALSE(context.ErrorCheck());
     EXPECT_EQ(context.RenderFrame(), IKestrelContext::kRFS_Failed) << "nothing is bound";
+
+    const char* source = "uniform float radius;\n";
+    _KSshader* shader = context.CreateShader(KS_VERTEX_SHADER, &source, 1);
+    EXPECT_NE(shader, nullptr);
+    Kestrel::Testing::AutoFaults faults;
+    Kestrel::Testing::InjectFault("ksCompileShader");
+    Kestrel::Testing::InjectFault("ksLinkProgram");
+    EXPECT_EQ(context.CreateShader(KS_VERTEX_SHADER, &source, 1), nullptr);
+    EXPECT_EQ(context.CreateProgram(shader), nullptr);
+    context.DestroyShader(shader);
 }
 
 TEST(LeakReportTest, CrossContextDestroyMovesBothCounts)

@@ -104,19 +104,3 @@ TEST_F(RawFixture, ProgramsLinkInOrderAndLeaveShadersToTheCaller)
     Raw()->DestroyShader(material);
     EXPECT_NO_KS_ERROR();
 }
-
-TEST_F(RawFixture, NoConsoleChangesNoResult)
-{
-    IKestrelContext* silent = _pManager->CreateKestrelContext(nullptr, false, false, nullptr);
-    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(silent));
-    auto* raw = dynamic_cast<KestrelContextImp*>(silent);
-    _KSshader* shape = raw->CreateShader(KS_VERTEX_SHADER, kShapeParts, 2);
-    EXPECT_NE(shape, nullptr);
-    AutoFaults faults;
-    InjectFault("ksCompileShader");
-    InjectFault("ksLinkProgram");
-    EXPECT_EQ(raw->CreateShader(KS_VERTEX_SHADER, kShapeParts, 2), nullptr);
-    EXPECT_EQ(raw->CreateProgram(shape), nullptr);
-    _pManager->DestroyKestrelContext(silent);
-    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
-}
