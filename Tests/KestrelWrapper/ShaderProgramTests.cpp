@@ -312,10 +312,20 @@ TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
     program->AddListenerDelete(removed);
     program->RemoveListenerDelete(removed);
 
+    // A failed link prints the name as text, nothing between the quotes for
+    // an unnamed program.
+    for (const char* name : {"", "%s%n"})
     {
+        if (*name != '\0')
+            program->SetName(name);
+        _console.Clear();
         AutoFaults faults;
         InjectFault("ksLinkProgram");
         EXPECT_FALSE(program->Link());
+        EXPECT_EQ(_console.Calls(),
+                  (std::vector<ConsoleCall>{
+                      {kCCK_PrintError, std::string("KS: program '") + name + "' link failed:\n"},
+                      {kCCK_PrintError, "KS: 0:0: error: injected fault\n"}}));
     }
     EXPECT_EQ(log.CallsOf("ksDeleteShader"), Calls{}) << "a failed link deletes none";
     EXPECT_TRUE(program->Link());
@@ -344,30 +354,6 @@ TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
     for (IKSShader* shader : shaders)
         _pContext->DestroyIKSShader(shader);
     EXPECT_NO_KS_ERROR() << "deleting a link-once handle again is harmless";
-}
-
-// The name is text, never a format; an unnamed program has nothing between
-// the quotes.
-TEST_F(ShaderFixture, LinkFailurePrintsNameAndLog)
-{
-    IKSProgram* program = _pContext->CreateIKSProgram();
-    IKSShader* shader = Compiled(IKSShader::kST_Vertex, kShapeSource);
-    program->AddShader(shader);
-    for (const char* name : {"", "%s%n"})
-    {
-        if (*name != '\0')
-            program->SetName(name);
-        _console.Clear();
-        AutoFaults faults;
-        InjectFault("ksLinkProgram");
-        EXPECT_FALSE(program->Link());
-        EXPECT_EQ(_console.Calls(),
-                  (std::vector<ConsoleCall>{
-                      {kCCK_PrintError, std::string("KS: program '") + name + "' link failed:\n"},
-                      {kCCK_PrintError, "KS: 0:0: error: injected fault\n"}}));
-    }
-    _pContext->DestroyIKSProgram(program);
-    _pContext->DestroyIKSShader(shader);
 }
 
 // A shader in two programs dies first; then the programs; then a shader that
