@@ -35,22 +35,17 @@ TEST_F(WrapperFixture, SetNameBindsAndSendsTheNameButTheNullPrimitiveKeepsIt)
     EXPECT_EQ(log.Calls(), Calls{});
     EXPECT_TRUE(none->Bind());
     EXPECT_EQ(BoundPrimitive(), 0u);
+
+    // Shut down twice: one delete, and the name stays.
+    auto* concrete = dynamic_cast<KSPrimitive*>(primitive);
+    concrete->Shutdown();
+    concrete->Shutdown();
+    EXPECT_EQ(log.CallsOf("ksDeletePrimitives").size(), 1u);
+    EXPECT_EQ(primitive->GetHandle(), 0u);
+    EXPECT_EQ(concrete->GetKSContext(), nullptr);
+    EXPECT_EQ(primitive->GetName(), "ball");
     _pContext->DestroyIKSPrimitive(primitive);
     EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(WrapperFixture, ShutdownTwiceDeletesOnce)
-{
-    KSPrimitive primitive;
-    primitive.Init(_pContext);
-    primitive.SetName("kept");
-    CallLog log;
-    primitive.Shutdown();
-    primitive.Shutdown();
-    EXPECT_EQ(log.CallsOf("ksDeletePrimitives").size(), 1u);
-    EXPECT_EQ(primitive.GetHandle(), 0u);
-    EXPECT_EQ(primitive.GetKSContext(), nullptr);
-    EXPECT_EQ(primitive.GetName(), "kept");
 }
 
 // --- Setters ----------------------------------------------------------------
