@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <thread>
 
@@ -27,83 +28,85 @@ _KSbuffer* BoundPixelPackBuffer()
     return buffer;
 }
 
+class SlotFixture : public WrapperFixture
+{
+protected:
+    void SetUp() override
+    {
+        WrapperFixture::SetUp();
+        ksGenTextures(2, _textures);
+        ksGenBuffers(2, _buffers);
+    }
+
+    _KStexture* _textures[2] = {};
+    _KSbuffer* _buffers[2] = {};
+};
+
 } // namespace
 
-TEST_F(WrapperFixture, PairsRestoreWhatWasBound)
+TEST_F(SlotFixture, PairsSaveBindAndRestoreWhatWasBound)
 {
-    _KStexture* before = nullptr;
-    _KStexture* mine = nullptr;
-    ksGenTextures(1, &before);
-    ksGenTextures(1, &mine);
-    _KSbuffer* packBefore = nullptr;
-    _KSbuffer* packMine = nullptr;
-    ksGenBuffers(1, &packBefore);
-    ksGenBuffers(1, &packMine);
-    ksBindTexture(KS_TEXTURE_2D, before);
-    ksBindBuffer(KS_PIXEL_PACK_BUFFER, packBefore);
-
-    _pContext->BindTexture2D(mine);
-    _pContext->BindPixelPackBuffer(packMine);
-    EXPECT_EQ(BoundTexture(), mine);
-    EXPECT_EQ(BoundPixelPackBuffer(), packMine);
+    ksBindTexture(KS_TEXTURE_2D, _textures[0]);
+    ksBindBuffer(KS_PIXEL_PACK_BUFFER, _buffers[0]);
+    _pContext->BindTexture2D(_textures[1]);
+    _pContext->BindPixelPackBuffer(_buffers[1]);
+    EXPECT_EQ(BoundTexture(), _textures[1]);
+    EXPECT_EQ(BoundPixelPackBuffer(), _buffers[1]);
     _pContext->UnbindPixelPackBuffer();
     _pContext->UnbindTexture2D();
-    EXPECT_EQ(BoundTexture(), before);
-    EXPECT_EQ(BoundPixelPackBuffer(), packBefore);
-
-    // Nothing bound before: nothing bound after.
-    ksBindTexture(KS_TEXTURE_2D, nullptr);
-    _pContext->BindTexture2D(mine);
-    _pContext->UnbindTexture2D();
-    EXPECT_EQ(BoundTexture(), nullptr);
+    EXPECT_EQ(BoundTexture(), _textures[0]);
+    EXPECT_EQ(BoundPixelPackBuffer(), _buffers[0]);
     EXPECT_NO_KS_ERROR();
 }
 
-TEST_F(WrapperFixture, OpenTexturePairBlocksASecondThreadButNotThePixelPackPair)
+// Each pair is a lock of its own: an open pair makes a second thread wait on
+// the same pair, never on the other.
+TEST_F(SlotFixture, OpenPairBlocksASecondThreadOnItsOwnSlotOnly)
 {
-    _KStexture* first = nullptr;
-    _KStexture* second = nullptr;
-    ksGenTextures(1, &first);
-    ksGenTextures(1, &second);
+    Vireo::IKestrelContext* context = _pContext;
+    struct Pair
+    {
+        const char* what;
+        std::function<void(int)> bind;
+        std::function<void()> unbind;
+        std::function<void*()> bound;
+    };
+    const Pair pairs[] = {
+        {"texture", [&](int i) { context->BindTexture2D(_textures[i]); },
+         [context] { context->UnbindTexture2D(); }, [] { return (void*)BoundTexture(); }},
+        {"pixel pack", [&](int i) { context->BindPixelPackBuffer(_buffers[i]); },
+         [context] { context->UnbindPixelPackBuffer(); },
+         [] { return (void*)BoundPixelPackBuffer(); }},
+    };
+    for (int k : {0, 1})
+    {
+        const Pair& mine = pairs[k];
+        const Pair& other = pairs[1 - k];
+        SCOPED_TRACE(mine.what);
+        mine.bind(0);
+        std::async(std::launch::async,
+                   [&other]
+                   {
+                       other.bind(1);
+                       other.unbind();
+                   })
+            .wait();
 
-    _pContext->BindTexture2D(first);
-
-    // The pixel pack pair is a lock of its own.
-    std::async(std::launch::async,
-               [this]
-               {
-                   _pContext->BindPixelPackBuffer(nullptr);
-                   _pContext->UnbindPixelPackBuffer();
-               })
-        .wait();
-
-    std::atomic<bool> entered{false};
-    std::thread other(
-        [&]
-        {
-            _pContext->BindTexture2D(second);
-            entered = true;
-            _pContext->UnbindTexture2D();
-        });
-    std::this_thread::sleep_for(50ms);
-    EXPECT_FALSE(entered) << "the second bind must wait for the unbind";
-    EXPECT_EQ(BoundTexture(), first);
-    _pContext->UnbindTexture2D();
-    other.join();
-    EXPECT_TRUE(entered);
-    EXPECT_EQ(BoundTexture(), nullptr);
+        std::atomic<bool> entered{false};
+        std::thread second(
+            [&]
+            {
+                mine.bind(1);
+                entered = true;
+                mine.unbind();
+            });
+        std::this_thread::sleep_for(50ms);
+        EXPECT_FALSE(entered) << "the second bind must wait for the unbind";
+        EXPECT_EQ(mine.bound(), k == 0 ? (void*)_textures[0] : (void*)_buffers[0]);
+        mine.unbind();
+        second.join();
+        EXPECT_TRUE(entered);
+        EXPECT_EQ(mine.bound(), nullptr) << "nothing bound before, nothing after";
+    }
     EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(WrapperFixture, TexturePairMakesExactlyTheSaveBindRestoreCalls)
-{
-    _KStexture* texture = nullptr;
-    ksGenTextures(1, &texture);
-    Kestrel::Testing::CallLog log;
-    _pContext->BindTexture2D(texture);
-    _pContext->UnbindTexture2D();
-    const std::string name = Kestrel::Testing::Describe(texture);
-    EXPECT_EQ(log.Calls(), (Calls{"ksGetTexture(KS_TEXTURE_BINDING_2D, ptr)",
-                                  "ksBindTexture(KS_TEXTURE_2D, " + name + ")",
-                                  "ksBindTexture(KS_TEXTURE_2D, null)"}));
 }

@@ -2,6 +2,8 @@
 // notifications, error checks and the leak report.
 #include "WrapperFixture.h"
 
+#include <functional>
+
 using namespace WrapperTest;
 using namespace Vireo;
 using Kestrel::Testing::CallLog;
@@ -22,12 +24,12 @@ TEST(ManagerTest, GivesOneInstance)
     EXPECT_NE(GetMgrKestrel(), nullptr);
 }
 
-TEST(ManagerTest, ManagerAndConstructorTakeTheFlagsInOppositeOrder)
+// The manager takes release mode first, then the report; the constructor the
+// other way round (the teardown test below has the report on).
+TEST(ManagerTest, ManagerTakesReleaseModeBeforeTheReport)
 {
     RecordingConsole console;
     IMgrKestrel* manager = GetMgrKestrel();
-
-    // Manager: release mode first, then the report.
     IKestrelContext* released = manager->CreateKestrelContext(&console, true, false, nullptr);
     ASSERT_NE(released, nullptr);
     EXPECT_TRUE(released->IsReleaseMode());
@@ -35,17 +37,6 @@ TEST(ManagerTest, ManagerAndConstructorTakeTheFlagsInOppositeOrder)
     IKSPrimitive* leftover = released->CreateIKSPrimitive();
     manager->DestroyKestrelContext(released);
     EXPECT_EQ(console.CountOf(kCCK_PrintWarning), 0u) << "report must be off";
-    delete dynamic_cast<KSPrimitive*>(leftover);
-
-    // Constructor: the report first, then release mode.
-    auto* constructed = new KestrelContextImp(&console, true, false);
-    ASSERT_TRUE(constructed->CreateKestrelContext(false, nullptr));
-    EXPECT_FALSE(constructed->IsReleaseMode());
-    ASSERT_TRUE(manager->SetCurrentKestrelContext(constructed));
-    leftover = constructed->CreateIKSPrimitive();
-    manager->DestroyKestrelContext(constructed);
-    EXPECT_EQ(console.TextsOf(kCCK_PrintWarning),
-              (std::vector<std::string>{kLeakHeading, "  IKSPrimitive count: 1\n"}));
     delete dynamic_cast<KSPrimitive*>(leftover);
 }
 
@@ -70,25 +61,14 @@ TEST(ManagerTest, CurrentContextFollowsSetAndDestroy)
     EXPECT_FALSE(manager->DestroyKestrelContext(nullptr));
 }
 
-TEST(ManagerTest, ContextWithoutKestrelContextCannotBecomeCurrent)
+// Without its second phase a context cannot become current, and Kestrel is
+// not asked; attributes Kestrel does not know give no context at all.
+TEST(ManagerTest, HalfMadeOrRefusedContextsAreNeverCurrent)
 {
-    KestrelContextImp context(nullptr, false, false); // second phase never run
+    KestrelContextImp context(nullptr, false, false);
     CallLog log;
     EXPECT_FALSE(GetMgrKestrel()->SetCurrentKestrelContext(&context));
-    EXPECT_EQ(log.Calls(), Calls{}) << "Kestrel must not be asked";
-}
-
-TEST(ManagerTest, FailedKestrelCreationGivesNull)
-{
-    Kestrel::Testing::AutoFaults faults;
-    Kestrel::Testing::InjectFault("KestrelCreateContext");
-    const int before = Kestrel::Testing::CountContexts();
-    EXPECT_EQ(GetMgrKestrel()->CreateKestrelContext(nullptr, false, true, nullptr), nullptr);
-    EXPECT_EQ(Kestrel::Testing::CountContexts(), before);
-}
-
-TEST(ManagerTest, BadAttributesGiveNull)
-{
+    EXPECT_EQ(log.Calls(), Calls{});
     const long long attributes[] = {0x7fff, 1, 0};
     EXPECT_EQ(GetMgrKestrel()->CreateKestrelContext(nullptr, false, false, attributes), nullptr);
 }
@@ -128,6 +108,7 @@ TEST(ContextTest, TeardownTwiceRunsOnceAndRecreateStartsAgain)
 {
     RecordingConsole console;
     KestrelContextImp context(&console, true, false);
+    EXPECT_FALSE(context.IsReleaseMode());
     ASSERT_TRUE(context.CreateKestrelContext(false, nullptr));
     ASSERT_TRUE(context.MakeKestrelContextActive());
     IKSPrimitive* nullPrimitive = context.TheNullPrimitive();
@@ -173,39 +154,32 @@ TEST(ContextTest, RefusedSwitchReassertsTheRayDepthOnTheCurrentContext)
     EXPECT_EQ(log.CallsOf("ksFrameParameter1i").size(), 1u);
 }
 
-TEST_F(WrapperFixture, NotificationTexts)
-{
-    auto* imp = dynamic_cast<KestrelContextImp*>(_pContext);
-    ASSERT_NE(imp, nullptr);
-    imp->KestrelNotification(KS_RENDER_STOPPED, "frame stopped");
-    imp->KestrelNotification(KS_RENDER_STOPPED, nullptr);
-    imp->KestrelNotification(1282, nullptr);
-    imp->KestrelNotification(1281, "ksBindBuffer: bad");
-    EXPECT_EQ(_console.TextsOf(kCCK_PrintError),
-              (std::vector<std::string>{"Kestrel Error 1282\n",
-                                        "Kestrel Error 1281: ksBindBuffer: bad\n"}));
-}
-
-TEST_F(WrapperFixture, KestrelErrorsReachTheConsoleThroughTheCallback)
-{
-    Kestrel::Testing::RaiseError(KS_INVALID_OPERATION);
-    EXPECT_TRUE(_pContext->ErrorCheck());
-    const std::vector<std::string> errors = _console.TextsOf(kCCK_PrintError);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_EQ(errors[0].rfind("Kestrel Error 1282", 0), 0u) << errors[0]; // decimal
-    EXPECT_EQ(errors[1], "Kestrel error 0x502 occurred.\n");              // hexadecimal
-}
-
-TEST_F(WrapperFixture, ErrorCheckTreatsAStopAsPendingButSilent)
+// A stop is pending but silent; Kestrel's other notices print in decimal, the
+// context's own check in hexadecimal.
+TEST_F(WrapperFixture, KestrelErrorsReachTheConsoleButAStopDoesNot)
 {
     EXPECT_FALSE(_pContext->ErrorCheck());
     Kestrel::Testing::RaiseError(KS_RENDER_STOPPED);
     EXPECT_TRUE(_pContext->ErrorCheck());
     EXPECT_FALSE(_pContext->ErrorCheck());
+    auto* imp = dynamic_cast<KestrelContextImp*>(_pContext);
+    imp->KestrelNotification(KS_RENDER_STOPPED, "frame stopped");
+    imp->KestrelNotification(KS_RENDER_STOPPED, nullptr);
     EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{});
+
+    imp->KestrelNotification(1281, "ksBindBuffer: bad");
+    Kestrel::Testing::RaiseError(KS_INVALID_OPERATION);
+    EXPECT_TRUE(_pContext->ErrorCheck());
+    imp->KestrelNotification(1282, nullptr);
+    const std::vector<std::string> errors = _console.TextsOf(kCCK_PrintError);
+    ASSERT_EQ(errors.size(), 4u);
+    EXPECT_EQ(errors[0], "Kestrel Error 1281: ksBindBuffer: bad\n");
+    EXPECT_EQ(errors[1].rfind("Kestrel Error 1282", 0), 0u) << errors[1];
+    EXPECT_EQ(errors[2], "Kestrel error 0x502 occurred.\n");
+    EXPECT_EQ(errors[3], "Kestrel Error 1282\n");
 }
 
-TEST(ContextTest, ErrorCheckWithoutConsoleGivesTheSameAnswer)
+TEST(ContextTest, NoConsoleGivesTheSameAnswers)
 {
     KestrelContextImp context(nullptr, false, false);
     ASSERT_TRUE(context.CreateKestrelContext(false, nullptr));
@@ -213,16 +187,17 @@ TEST(ContextTest, ErrorCheckWithoutConsoleGivesTheSameAnswer)
     Kestrel::Testing::RaiseError(KS_INVALID_VALUE);
     EXPECT_TRUE(context.ErrorCheck());
     EXPECT_FALSE(context.ErrorCheck());
-}
+    EXPECT_EQ(context.RenderFrame(), IKestrelContext::kRFS_Failed) << "nothing is bound";
 
-TEST_F(WrapperFixture, FactoryMakesAndTakesBackPrimitives)
-{
-    EXPECT_FALSE(_pContext->DestroyIKSPrimitive(nullptr));
-    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
-    ASSERT_NE(primitive, nullptr);
-    EXPECT_NE(primitive->GetHandle(), 0u);
-    EXPECT_TRUE(_pContext->DestroyIKSPrimitive(primitive));
-    EXPECT_NO_KS_ERROR();
+    const char* source = "uniform float radius;\n";
+    _KSshader* shader = context.CreateShader(KS_VERTEX_SHADER, &source, 1);
+    EXPECT_NE(shader, nullptr);
+    Kestrel::Testing::AutoFaults faults;
+    Kestrel::Testing::InjectFault("ksCompileShader");
+    Kestrel::Testing::InjectFault("ksLinkProgram");
+    EXPECT_EQ(context.CreateShader(KS_VERTEX_SHADER, &source, 1), nullptr);
+    EXPECT_EQ(context.CreateProgram(shader), nullptr);
+    context.DestroyShader(shader);
 }
 
 TEST(LeakReportTest, CrossContextDestroyMovesBothCounts)
@@ -246,13 +221,51 @@ TEST(LeakReportTest, CrossContextDestroyMovesBothCounts)
     EXPECT_EQ(consoleA.CountOf(kCCK_PrintError), 0u);
 }
 
-TEST(LeakReportTest, CleanContextPrintsNothing)
+// Counts 1 to 6 of the six kinds, so that a count printed on another kind's
+// line shows; once all is given back, a teardown says nothing.
+TEST(LeakReportTest, EveryKindLeftOverIsReportedWithItsCount)
 {
     RecordingConsole console;
-    IMgrKestrel* manager = GetMgrKestrel();
-    IKestrelContext* context = manager->CreateKestrelContext(&console, false, true, nullptr);
-    ASSERT_TRUE(manager->SetCurrentKestrelContext(context));
-    context->DestroyIKSPrimitive(context->CreateIKSPrimitive());
-    manager->DestroyKestrelContext(context);
+    KestrelContextImp context(&console, true, false);
+    ASSERT_TRUE(context.CreateKestrelContext(false, nullptr));
+    ASSERT_TRUE(context.MakeKestrelContextActive());
+    KestrelContextImp* c = &context;
+    std::vector<std::function<bool()>> leftovers;
+    auto leave = [&leftovers](int n, auto make, auto giveBack)
+    {
+        for (int i = 0; i < n; ++i)
+            leftovers.push_back([object = make(), giveBack] { return giveBack(object); });
+    };
+    leave(
+        1, [c] { return c->CreateIKSPrimitive(); },
+        [c](IKSPrimitive* object) { return c->DestroyIKSPrimitive(object); });
+    leave(
+        2, [c] { return c->CreateIKSShader(IKSShader::kST_Vertex); },
+        [c](IKSShader* object) { return c->DestroyIKSShader(object); });
+    leave(
+        3, [c] { return c->CreateIKSProgram(); },
+        [c](IKSProgram* object) { return c->DestroyIKSProgram(object); });
+    leave(
+        4, [c] { return c->CreateIKSBuffer(); },
+        [c](IKSBuffer* object) { return c->DestroyIKSBuffer(object); });
+    leave(
+        5, [c] { return c->CreateIKSFrameBuffer(); },
+        [c](IKSFrameBuffer* object) { return c->DestroyIKSFrameBuffer(object); });
+    leave(
+        6, [c] { return c->CreateIKSTexImage2D(); },
+        [c](IKSTexImage2D* object) { return c->DestroyIKSTexImage2D(object); });
+    context.DestroyKestrelContext();
+    EXPECT_EQ(console.TextsOf(kCCK_PrintWarning),
+              (std::vector<std::string>{kLeakHeading, "  IKSPrimitive count: 1\n",
+                                        "  IKSShader count: 2\n", "  IKSProgram count: 3\n",
+                                        "  IKSBuffer count: 4\n", "  IKSFrameBuffer count: 5\n",
+                                        "  IKSTexImage2D count: 6\n"}));
+    EXPECT_EQ(console.CountOf(kCCK_PrintError), 0u);
+
+    for (const auto& giveBack : leftovers)
+        EXPECT_TRUE(giveBack());
+    console.Clear();
+    ASSERT_TRUE(context.CreateKestrelContext(false, nullptr));
+    context.DestroyKestrelContext();
     EXPECT_EQ(console.Calls(), std::vector<ConsoleCall>{});
 }

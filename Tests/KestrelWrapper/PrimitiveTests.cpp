@@ -13,99 +13,38 @@ using Kestrel::Testing::CallLog;
 using Vireo::Testing::kCCK_PrintError;
 using Vireo::Testing::kCCK_PrintTrace;
 
-TEST(PrimitiveTest, DefaultConstructedHoldsNothing)
-{
-    KSPrimitive primitive;
-    EXPECT_EQ(primitive.GetHandle(), 0u);
-    EXPECT_EQ(primitive.GetName(), "");
-    EXPECT_EQ(primitive.GetKSContext(), nullptr);
-    CallLog log;
-    primitive.SetName("before init");
-    EXPECT_EQ(primitive.GetName(), "before init");
-    EXPECT_EQ(log.Calls(), Calls{}) << "no handle, no Kestrel call";
-}
-
-TEST_F(WrapperFixture, SetNameBindsAndSendsTheName)
+TEST_F(WrapperFixture, SetNameBindsAndSendsTheNameButTheNullPrimitiveKeepsIt)
 {
     IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
-    const std::string handle = Text(primitive->GetHandle());
-    {
-        CallLog log;
-        primitive->SetName("ball");
-        EXPECT_EQ(log.Calls(),
-                  (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + handle + ")", "ksGetError()",
-                         "ksPrimitiveParameterString(KS_PRIMITIVE, KS_PRIMITIVE_NAME, \"ball\")"}));
-    }
+    const Calls named = {"ksBindPrimitive(KS_PRIMITIVE, " + Text(primitive->GetHandle()) + ")",
+                         "ksGetError()",
+                         "ksPrimitiveParameterString(KS_PRIMITIVE, KS_PRIMITIVE_NAME, \"ball\")"};
+    CallLog log;
+    primitive->SetName("ball");
+    primitive->SetName(primitive->GetName()); // the same name is sent again
+    Calls twice = named;
+    twice.insert(twice.end(), named.begin(), named.end());
+    EXPECT_EQ(log.Calls(), twice);
     EXPECT_EQ(BoundPrimitive(), primitive->GetHandle()) << "stays bound";
 
-    // The same name again is still sent.
-    CallLog log;
-    primitive->SetName(primitive->GetName());
-    EXPECT_EQ(log.CallsOf("ksPrimitiveParameterString").size(), 1u);
-
-    // The null primitive stores the name only.
-    CallLog nullLog;
-    _pContext->TheNullPrimitive()->SetName("frame");
-    EXPECT_EQ(nullLog.Calls(), Calls{});
-    EXPECT_EQ(_pContext->TheNullPrimitive()->GetName(), "frame");
-    _pContext->DestroyIKSPrimitive(primitive);
-    EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(WrapperFixture, BindFailurePrintsTheHandleInHex)
-{
-    IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
-    Kestrel::Testing::AutoFaults faults;
-    Kestrel::Testing::InjectFault("ksBindPrimitive");
-    EXPECT_FALSE(primitive->Bind());
-    char expected[64];
-    std::snprintf(expected, sizeof(expected), "KSPrimitive::Bind prim %08x\n",
-                  static_cast<unsigned>(primitive->GetHandle()));
-    EXPECT_EQ(_console.TextsOf(kCCK_PrintError).back(), expected);
-
-    // The null primitive binds none, and that is no error.
-    EXPECT_TRUE(_pContext->TheNullPrimitive()->Bind());
+    // The null primitive stores the name only, and binds none without error.
+    log.Clear();
+    IKSPrimitive* none = _pContext->TheNullPrimitive();
+    none->SetName("frame");
+    EXPECT_EQ(none->GetName(), "frame");
+    EXPECT_EQ(log.Calls(), Calls{});
+    EXPECT_TRUE(none->Bind());
     EXPECT_EQ(BoundPrimitive(), 0u);
-    _pContext->DestroyIKSPrimitive(primitive);
-}
 
-TEST_F(WrapperFixture, ShutdownTwiceDeletesOnce)
-{
-    KSPrimitive primitive;
-    primitive.Init(_pContext);
-    primitive.SetName("kept");
-    CallLog log;
-    primitive.Shutdown();
-    primitive.Shutdown();
+    // Shut down twice: one delete, and the name stays.
+    auto* concrete = dynamic_cast<KSPrimitive*>(primitive);
+    concrete->Shutdown();
+    concrete->Shutdown();
     EXPECT_EQ(log.CallsOf("ksDeletePrimitives").size(), 1u);
-    EXPECT_EQ(primitive.GetHandle(), 0u);
-    EXPECT_EQ(primitive.GetKSContext(), nullptr);
-    EXPECT_EQ(primitive.GetName(), "kept");
-}
-
-TEST_F(WrapperFixture, AutoBindNestsAndUnwindsInReverse)
-{
-    IKSPrimitive* p = _pContext->CreateIKSPrimitive();
-    IKSPrimitive* q = _pContext->CreateIKSPrimitive();
-    IKSPrimitive* r = _pContext->CreateIKSPrimitive();
-    {
-        AutoBindKSPrimitive outer(p);
-        EXPECT_EQ(BoundPrimitive(), p->GetHandle());
-    }
-    EXPECT_EQ(BoundPrimitive(), 0u) << "nothing was bound before";
-
-    q->Bind();
-    {
-        AutoBindKSPrimitive outer(p);
-        {
-            AutoBindKSPrimitive inner(r);
-            EXPECT_EQ(BoundPrimitive(), r->GetHandle());
-        }
-        EXPECT_EQ(BoundPrimitive(), p->GetHandle());
-    }
-    EXPECT_EQ(BoundPrimitive(), q->GetHandle());
-    for (IKSPrimitive* each : {p, q, r})
-        _pContext->DestroyIKSPrimitive(each);
+    EXPECT_EQ(primitive->GetHandle(), 0u);
+    EXPECT_EQ(concrete->GetKSContext(), nullptr);
+    EXPECT_EQ(primitive->GetName(), "ball");
+    _pContext->DestroyIKSPrimitive(primitive);
     EXPECT_NO_KS_ERROR();
 }
 
@@ -192,8 +131,18 @@ std::vector<SetterCase> AllSetters(const KSprimitive* prims)
          "ksUniformtv(2, 2, ptr)", "texture[]", Stored("texture", 2, {}, {}, {0, 0})},
         {"texture", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, (_KStexture*)nullptr); },
          "ksUniformt(2, null)", "texture", Stored("texture", 1, {}, {}, {0})},
-        {"int[][]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 3, std::uint64_t(2), kInts); },
+        {"int[][] of 1",
+         [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, std::uint64_t(3), kInts); },
+         "ksUniform1iv(2, 3, ptr)", "int[][]", Stored("int", 3, {}, {1, 2, 3})},
+        {"int[][] of 2",
+         [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 2, std::uint64_t(3), kInts); },
+         "ksUniform2iv(2, 3, ptr)", "int[][]", Stored("ivec2", 3, {}, {1, 2, 3, 4, 5, 6})},
+        {"int[][] of 3",
+         [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 3, std::uint64_t(2), kInts); },
          "ksUniform3iv(2, 2, ptr)", "int[][]", Stored("ivec3", 2, {}, {1, 2, 3, 4, 5, 6})},
+        {"int[][] of 4",
+         [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 4, std::uint64_t(2), kInts); },
+         "ksUniform4iv(2, 2, ptr)", "int[][]", Stored("ivec4", 2, {}, {1, 2, 3, 4, 5, 6, 7, 8})},
         {"ivec4[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v4i); },
          "ksUniform4iv(2, 1, ptr)", "ivec4[]", Stored("ivec4", 1, {}, {1, 2, 3, 4})},
         {"ivec3[]", [=](IKSPrimitive& p) { return p.SetUniform(n, 2, 1, v3i); },
@@ -233,10 +182,10 @@ std::vector<SetterCase> AllSetters(const KSprimitive* prims)
     };
 }
 
-std::string FailureText(const char* word, KSprimitive handle)
+std::string FailureText(const char* word, const char* name, KSprimitive handle)
 {
     char text[96];
-    std::snprintf(text, sizeof(text), "SetUniform %s 'u' prim %08x\n", word,
+    std::snprintf(text, sizeof(text), "SetUniform %s '%s' prim %08x\n", word, name,
                   static_cast<unsigned>(handle));
     return text;
 }
@@ -250,7 +199,7 @@ TEST_F(WrapperFixture, EverySetterBindsCallsOnceAndReportsFailure)
     const std::string handle = Text(primitive->GetHandle());
     const KSprimitive values[2] = {other->GetHandle(), primitive->GetHandle()};
     const std::vector<SetterCase> cases = AllSetters(values);
-    ASSERT_EQ(cases.size(), 23u);
+    ASSERT_EQ(cases.size(), 26u);
     for (const SetterCase& c : cases)
     {
         SCOPED_TRACE(c.label);
@@ -278,9 +227,22 @@ TEST_F(WrapperFixture, EverySetterBindsCallsOnceAndReportsFailure)
         EXPECT_FALSE(c.set(*primitive));
         const std::vector<std::string> errors = _console.TextsOf(kCCK_PrintError);
         ASSERT_FALSE(errors.empty());
-        EXPECT_EQ(errors.back(), FailureText(c.failureWord, primitive->GetHandle()));
+        EXPECT_EQ(errors.back(), FailureText(c.failureWord, "u", primitive->GetHandle()));
         EXPECT_EQ(BoundPrimitive(), primitive->GetHandle()) << "bound also after a failure";
         EXPECT_EQ(_console.CountOf(kCCK_PrintTrace), 0u) << "no trace unless asked";
+
+        // One line for either flag, but the single int heeds the object's alone.
+        for (bool classWide : {false, true})
+        {
+            TraceFlagsTestPeer::SetPrimitiveTrace(classWide);
+            primitive->SetTrace(!classWide);
+            _console.Clear();
+            c.set(*primitive);
+            EXPECT_EQ(_console.CountOf(kCCK_PrintTrace),
+                      classWide && std::string(c.label) == "int" ? 0u : 1u);
+        }
+        TraceFlagsTestPeer::SetPrimitiveTrace(false);
+        primitive->SetTrace(false);
     }
     _pContext->DestroyIKSPrimitive(primitive);
     _pContext->DestroyIKSPrimitive(other);
@@ -301,14 +263,39 @@ TEST_F(WrapperFixture, TupleSizeOutsideOneToFourBindsButCallsNothing)
     _pContext->DestroyIKSPrimitive(primitive);
 }
 
-TEST_F(WrapperFixture, CountsReachKestrelAtFullWidth)
+// Counts go to Kestrel as given, unchecked: an int sign-extended, an unsigned
+// 64-bit one whole, and 0 still makes the bind and the call.
+TEST_F(WrapperFixture, CountsReachKestrelUncheckedEvenZero)
 {
     IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
-    CallLog log;
-    primitive->SetUniform("f", -1, -1, kFloats);                          // int, sign-extended
-    primitive->SetUniform("i", -1, std::uint64_t(0x100000002ull), kInts); // whole
-    EXPECT_EQ(log.CallsOf("ksUniform1fv"), Calls{"ksUniform1fv(-1, -1, ptr)"});
-    EXPECT_EQ(log.CallsOf("ksUniform1iv"), Calls{"ksUniform1iv(-1, 4294967298, ptr)"});
+    const KSprimitive values[1] = {primitive->GetHandle()};
+    const struct
+    {
+        std::function<bool()> set;
+        const char* call;
+        bool result;
+    } rows[] = {
+        {[=] { return primitive->SetUniform("f", 2, -1, kFloats); }, "ksUniform1fv(2, -1, ptr)",
+         false},
+        {[=] { return primitive->SetUniform("i", 2, std::uint64_t(0x100000002ull), kInts); },
+         "ksUniform1iv(2, 4294967298, ptr)", false},
+        {[=] { return primitive->SetUniform("f", 2, 0, kFloats); }, "ksUniform1fv(2, 0, ptr)",
+         true},
+        {[=] { return primitive->SetUniform("i", 2, std::uint64_t(0), kInts); },
+         "ksUniform1iv(2, 0, ptr)", true},
+        {[=] { return primitive->SetUniform("t", 2, 2, std::uint64_t(0), kInts); },
+         "ksUniform2iv(2, 0, ptr)", true},
+        {[=] { return primitive->SetUniform("p", 2, std::uint64_t(0), values); },
+         "ksUniformpv(2, 0, ptr)", true},
+    };
+    for (const auto& row : rows)
+    {
+        SCOPED_TRACE(row.call);
+        CallLog log;
+        EXPECT_EQ(row.set(), row.result);
+        EXPECT_EQ(log.Calls(), (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + Text(values[0]) + ")",
+                                      row.call, "ksGetError()"}));
+    }
     _pContext->DestroyIKSPrimitive(primitive);
 }
 
@@ -328,6 +315,7 @@ TEST_F(WrapperFixture, TraceLinesMatchTheirFormat)
     ball->SetUniform("p", 9, KSprimitive(4000000000u));
     ball->SetUniform("wide", 10, 0, std::uint64_t(1), ids);
     ball->SetUniform("five", 11, 5, std::uint64_t(1), kInts);
+    ball->SetUniform("huge", 12, std::uint64_t(0x100000002ull), ids);
 
     KSPrimitive unnamed;
     unnamed.InitNull(_pContext);
@@ -347,22 +335,41 @@ TEST_F(WrapperFixture, TraceLinesMatchTheirFormat)
                                                      "ball.p (9) # 1 4000000000 \n",
                                                      "ball.wide (10) # 1  \n",
                                                      "ball.five (11) # 1 {1, 2, 3, 4, 5} \n",
+                                                     "ball.huge (12) # 2 1 2 \n",
                                                      ".m (0) # 1 ((1,0,0), (0,1,0), (0,0,1), ) \n",
                                                  }));
     ksGetError();
+
+    // Names are text, never a format: not in the trace, nor in the failure.
+    _console.Clear();
+    ball->SetName("%s%d");
+    Kestrel::Testing::AutoFaults faults;
+    Kestrel::Testing::InjectErrorAfter("ksUniform1f", KS_INVALID_OPERATION);
+    EXPECT_FALSE(ball->SetUniform("a%n%s", 1, 0.5f));
+    EXPECT_EQ(_console.TextsOf(kCCK_PrintTrace),
+              std::vector<std::string>{"%s%d.a%n%s (1) # 1 0.5 \n"});
+    EXPECT_EQ(_console.TextsOf(kCCK_PrintError).back(),
+              FailureText("float", "a%n%s", ball->GetHandle()));
     _pContext->DestroyIKSPrimitive(ball);
 }
 
-TEST_F(WrapperFixture, ClassWideTraceSkipsOnlyTheSingleInt)
+// A block binds the primitive like any setter, but is never traced.
+TEST_F(WrapperFixture, UniformBlockBindsThePrimitiveAndIsNeverTraced)
 {
     IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    IKSBuffer* buffer = _pContext->CreateIKSBuffer();
+    ASSERT_TRUE(buffer->Init(IKSBuffer::kUsage_StaticDraw, 64));
     TraceFlagsTestPeer::SetPrimitiveTrace(true);
-    primitive->SetUniform("i", 1, 3);
-    primitive->SetUniform("f", 2, 1.5f);
-    TraceFlagsTestPeer::SetPrimitiveTrace(false);
     primitive->SetTrace(true);
-    primitive->SetUniform("j", 3, 4);
-    EXPECT_EQ(_console.TextsOf(kCCK_PrintTrace),
-              (std::vector<std::string>{".f (2) # 1 1.5 \n", ".j (3) # 1 4 \n"}));
+    CallLog log;
+    EXPECT_TRUE(primitive->SetUniformBlock("block", 0, buffer));
+    TraceFlagsTestPeer::SetPrimitiveTrace(false);
+    EXPECT_EQ(
+        log.Calls(),
+        (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + Text(primitive->GetHandle()) + ")",
+               "ksUniformBlockBuffer(0, " + Kestrel::Testing::Describe(buffer->GetKSBuffer()) + ")",
+               "ksGetError()"}));
+    EXPECT_EQ(_console.CountOf(kCCK_PrintTrace), 0u);
+    _pContext->DestroyIKSBuffer(buffer);
     _pContext->DestroyIKSPrimitive(primitive);
 }

@@ -28,8 +28,6 @@ const char* const kShapeSource = "uniform vec3 center;\nuniform float radius;\n"
                                  "sphere(center, radius);\n";
 const char* const kSharedSource = "uniform float exposure;\n";
 const char* const kInjectedLog = "0:0: error: injected fault";
-const char* const kNoSource =
-    "KS: ksGetShaderString(KS_SHADER_SOURCE) failure. Returned empty string";
 
 // Records each notification it gets, with what the call log held then.
 struct Watcher
@@ -106,10 +104,6 @@ TEST_F(ShaderFixture, ShaderKindsNamesAndShutdown)
         EXPECT_EQ(shader->GetName(), "-Unnamed-");
         EXPECT_TRUE(_pContext->DestroyIKSShader(shader));
     }
-    EXPECT_FALSE(_pContext->DestroyIKSShader(nullptr));
-    AutoFaults faults;
-    InjectFault("ksCreateShader", 1, 0);
-    EXPECT_EQ(_pContext->CreateIKSShader(IKSShader::kST_Vertex), nullptr);
 
     KSShader shader(&_console, false);
     ASSERT_TRUE(shader.Init(IKSShader::kST_Vertex));
@@ -183,73 +177,42 @@ TEST_F(ShaderFixture, CompileTextsFollowTraceLevelAndReleaseMode)
     EXPECT_NO_KS_ERROR();
 }
 
-TEST_F(ShaderFixture, CompileReportsWhatKestrelGives)
-{
-    // Kestrel's own log, whatever its words, after the source: an undeclared name.
-    TraceFlagsTestPeer::SetShaderTrace(KSShader::kTrace_Always);
-    IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
-    Result result;
-    std::string wrong = "sphere(nowhere, 1.0);\n";
-    const bool compiled = shader->SetString(wrong, &result);
-    int status = 0;
-    const char* log = nullptr;
-    ksGetShaderiv(shader->GetKSShader(), KS_COMPILE_STATUS, &status);
-    ksGetShaderString(shader->GetKSShader(), KS_SHADER_LOG, &log);
-    ASSERT_NE(log, nullptr);
-    EXPECT_EQ(compiled, status != 0);
-    EXPECT_EQ(result.GetText(), wrong + (compiled ? "" : log));
-
-    // No source to show: the failure text, without a line end in the Result.
-    _console.Clear();
-    AutoFaults faults;
-    InjectFault("ksGetShaderString", 1, 0);
-    Result missing;
-    std::string good = kShapeSource;
-    EXPECT_TRUE(shader->SetString(good, &missing));
-    EXPECT_EQ(missing.GetText(), kNoSource);
-    EXPECT_EQ(_console.Calls(),
-              (std::vector<ConsoleCall>{{kCCK_Print, std::string(kNoSource) + "\n"}}));
-    _pContext->DestroyIKSShader(shader);
-}
-
-TEST_F(ShaderFixture, ChangeListenersHearOnlyGoodCompiles)
+// Order, uniqueness and the stop at a false answer are the listener list's.
+TEST_F(ShaderFixture, ChangeListenersHearOnlyGoodCompilesAfterTheReport)
 {
     TraceFlagsTestPeer::SetShaderTrace(KSShader::kTrace_Always);
     IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
     std::string source = kShapeSource;
     Result result;
-    EXPECT_TRUE(shader->SetString(source, &result)) << "no listeners: the compile decides";
-
-    Watcher watchers[2];
-    for (Watcher& watcher : watchers)
-        watcher.probe = [&result] { return result.GetText(); };
-    FastDelegate0<bool> first = MakeDelegate(&watchers[0], &Watcher::OnChange);
-    FastDelegate0<bool> second = MakeDelegate(&watchers[1], &Watcher::OnChange);
-    EXPECT_TRUE(shader->AddListenerChange(second));
-    EXPECT_TRUE(shader->AddListenerChange(first));
-    EXPECT_TRUE(shader->AddListenerChange(first));
-
-    result.Clear();
-    EXPECT_TRUE(shader->SetString(source, &result));
-    const std::string heard = std::string("change:") + kShapeSource;
-    EXPECT_EQ(watchers[0].seen, std::vector<std::string>{heard}) << "after the report, once";
-
+    Watcher watcher;
+    watcher.probe = [&result] { return result.GetText(); };
+    FastDelegate0<bool> listener = MakeDelegate(&watcher, &Watcher::OnChange);
+    EXPECT_TRUE(shader->AddListenerChange(listener));
+    {
+        // No source to show: the failure text, without a line end in the
+        // Result, and still a good compile.
+        AutoFaults faults;
+        InjectFault("ksGetShaderString", 1, 0);
+        EXPECT_TRUE(shader->SetString(source, &result));
+    }
+    const std::string noSource =
+        "KS: ksGetShaderString(KS_SHADER_SOURCE) failure. Returned empty string";
+    EXPECT_EQ(watcher.seen, std::vector<std::string>{"change:" + noSource});
+    EXPECT_EQ(_console.Calls(), (std::vector<ConsoleCall>{{kCCK_Print, noSource + "\n"}}));
     {
         AutoFaults faults;
         InjectFault("ksCompileShader");
         EXPECT_FALSE(shader->SetString(source, nullptr));
     }
-    watchers[0].bAnswer = false;
+    watcher.bAnswer = false;
     EXPECT_FALSE(shader->SetString(source, nullptr)) << "a false listener fails the call";
-    EXPECT_EQ(watchers[0].seen.size(), 2u);
-    EXPECT_EQ(watchers[1].seen.size(), 1u) << "nor is the next one told";
+    EXPECT_EQ(watcher.seen.size(), 2u);
 
-    EXPECT_TRUE(shader->RemoveListenerChange(first));
-    EXPECT_TRUE(shader->RemoveListenerChange(first));
-    EXPECT_TRUE(shader->SetString(source, nullptr));
-    EXPECT_EQ(watchers[1].seen.size(), 2u);
+    EXPECT_TRUE(shader->RemoveListenerChange(listener));
+    EXPECT_TRUE(shader->RemoveListenerChange(listener));
+    EXPECT_TRUE(shader->SetString(source, nullptr)) << "no listeners: the compile decides";
     _pContext->DestroyIKSShader(shader);
-    EXPECT_EQ(watchers[1].seen.size(), 2u) << "no change at shutdown";
+    EXPECT_EQ(watcher.seen.size(), 2u) << "neither after removal nor at shutdown";
 }
 
 TEST_F(ShaderFixture, DeleteListenersRunBeforeTheHandleGoes)
@@ -281,29 +244,26 @@ TEST_F(ShaderFixture, DeleteListenersRunBeforeTheHandleGoes)
 TEST_F(ShaderFixture, ProgramAttachesEachShaderOnce)
 {
     IKSProgram* program = _pContext->CreateIKSProgram();
-    ASSERT_NE(program, nullptr);
     IKSShader* shader = Compiled(IKSShader::kST_Vertex, kShapeSource);
-    const std::string pair =
-        "(" + Describe(program->GetKSProgram()) + ", " + Describe(shader->GetKSShader()) + ")";
+    const std::string prog = Describe(program->GetKSProgram());
+    const std::string pair = "(" + prog + ", " + Describe(shader->GetKSShader()) + ")";
     CallLog log;
     EXPECT_TRUE(program->AddShader(shader));
     EXPECT_TRUE(program->AddShader(shader));
     EXPECT_TRUE(program->RemoveShader(nullptr));
     EXPECT_EQ(log.Calls(), Calls{"ksAttachShader" + pair});
 
-    EXPECT_TRUE(program->SetName("lit"));
-    EXPECT_TRUE(program->Link());
-    for (const char* name : {"center", "radius", "nothing"})
-        EXPECT_EQ(program->GetLocationUniform(name),
-                  ksGetUniformLocation(program->GetKSProgram(), name));
-    EXPECT_EQ(program->GetLocationUniform("nothing"), -1);
-    EXPECT_EQ(program->GetLocationUniformBlock("nothing"), -1);
-    EXPECT_EQ(program->GetLocationAttribute("nothing"), -1);
+    // Each query asks Kestrel by its own call, unexamined.
+    log.Clear();
+    program->GetLocationUniformBlock("block");
+    program->GetLocationAttribute("attribute");
+    EXPECT_EQ(log.Calls(), (Calls{"ksGetUniformBlockIndex(" + prog + ", \"block\")",
+                                  "ksGetAttribLocation(" + prog + ", \"attribute\")"}));
 
     log.Clear();
     EXPECT_TRUE(program->RemoveShader(shader));
     EXPECT_TRUE(program->RemoveShader(shader));
-    EXPECT_EQ(log.Calls(), Calls{"ksDetachShader" + pair});
+    EXPECT_EQ(log.Calls(), Calls{"ksDetachShader" + pair}) << "one entry, detached once";
     EXPECT_NO_KS_ERROR();
 
     // Shut down: no name, and the null handle goes to Kestrel unexamined.
@@ -315,89 +275,85 @@ TEST_F(ShaderFixture, ProgramAttachesEachShaderOnce)
     ksGetError();
     _pContext->DestroyIKSProgram(program);
     _pContext->DestroyIKSShader(shader);
-    EXPECT_FALSE(_pContext->DestroyIKSProgram(nullptr));
 }
 
-TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersBeforeTellingListeners)
+// Removing the second of four keeps the order of the rest, and a shader
+// added twice is one entry: each link deletes the link-once handles once
+// each, in order of attachment, before any listener hears of it.
+TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
 {
     IKSProgram* program = _pContext->CreateIKSProgram();
-    IKSShader* shaders[] = {Compiled(IKSShader::kST_LinkOnce, kSharedSource),
-                            Compiled(IKSShader::kST_Vertex, kShapeSource),
+    IKSShader* shaders[] = {Compiled(IKSShader::kST_Vertex, kShapeSource),
                             Compiled(IKSShader::kST_LinkOnce, "uniform float gain;\n"),
+                            Compiled(IKSShader::kST_LinkOnce, kSharedSource),
                             Compiled(IKSShader::kST_LinkOnce, "uniform float bias;\n")};
     for (IKSShader* shader : shaders)
         program->AddShader(shader);
-    program->RemoveShader(shaders[2]);
+    program->AddShader(shaders[2]);
+    program->RemoveShader(shaders[1]);
     // A deleted handle reads differently in the log, so describe at each use.
     auto linkOnceDeletes = [&shaders]
     {
-        return Calls{"ksDeleteShader(" + Describe(shaders[0]->GetKSShader()) + ")",
+        return Calls{"ksDeleteShader(" + Describe(shaders[2]->GetKSShader()) + ")",
                      "ksDeleteShader(" + Describe(shaders[3]->GetKSShader()) + ")"};
     };
     Calls expected = linkOnceDeletes();
     CallLog log;
-    Watcher watchers[2];
+    Watcher watchers[3]; // two on the link list, ascending, and one on the delete list
     watchers[0].probe = [&log] { return Count(log, "ksDeleteShader"); };
-    FastDelegate1<IKSProgram*, bool> onLink = MakeDelegate(&watchers[0], &Watcher::OnProgram);
-    FastDelegate1<IKSProgram*, bool> onDelete = MakeDelegate(&watchers[1], &Watcher::OnProgram);
-    program->AddListenerLink(onLink);
-    program->AddListenerDelete(onDelete);
-
+    for (Watcher* watcher : {&watchers[1], &watchers[0]})
     {
+        FastDelegate1<IKSProgram*, bool> onLink = MakeDelegate(watcher, &Watcher::OnProgram);
+        program->AddListenerLink(onLink);
+    }
+    FastDelegate1<IKSProgram*, bool> onDelete = MakeDelegate(&watchers[2], &Watcher::OnProgram);
+    FastDelegate1<IKSProgram*, bool> removed = MakeDelegate(&watchers[1], &Watcher::OnProgram);
+    program->AddListenerDelete(onDelete);
+    program->AddListenerDelete(removed);
+    program->RemoveListenerDelete(removed);
+
+    // A failed link prints the name as text, nothing between the quotes for
+    // an unnamed program.
+    for (const char* name : {"", "%s%n"})
+    {
+        if (*name != '\0')
+            program->SetName(name);
+        _console.Clear();
         AutoFaults faults;
         InjectFault("ksLinkProgram");
         EXPECT_FALSE(program->Link());
+        EXPECT_EQ(_console.Calls(),
+                  (std::vector<ConsoleCall>{
+                      {kCCK_PrintError, std::string("KS: program '") + name + "' link failed:\n"},
+                      {kCCK_PrintError, "KS: 0:0: error: injected fault\n"}}));
     }
     EXPECT_EQ(log.CallsOf("ksDeleteShader"), Calls{}) << "a failed link deletes none";
     EXPECT_TRUE(program->Link());
-    EXPECT_EQ(log.CallsOf("ksDeleteShader"), expected) << "in order of attachment";
+    EXPECT_EQ(log.CallsOf("ksDeleteShader"), expected);
     const Calls again = linkOnceDeletes();
     expected.insert(expected.end(), again.begin(), again.end());
     EXPECT_TRUE(program->Link());
     EXPECT_EQ(log.CallsOf("ksDeleteShader"), expected) << "and again at the next link";
     EXPECT_EQ(watchers[0].seen, (std::vector<std::string>{"program:2", "program:4"}));
-    EXPECT_EQ(watchers[1].seen, std::vector<std::string>{}) << "Link tells no delete listener";
+    EXPECT_EQ(watchers[2].seen, std::vector<std::string>{}) << "Link tells no delete listener";
 
     watchers[0].bAnswer = false;
     EXPECT_FALSE(program->Link()) << "linked, but a listener said false";
+    EXPECT_EQ(watchers[1].seen.size(), 2u) << "the listener after it was not told";
     int status = 0;
     ksGetProgramiv(program->GetKSProgram(), KS_LINK_STATUS, &status);
     EXPECT_NE(status, 0);
+    watchers[0].bAnswer = true;
+    program->RemoveListenerLink(removed);
+    EXPECT_TRUE(program->Link());
 
     EXPECT_TRUE(_pContext->DestroyIKSProgram(program));
-    EXPECT_EQ(watchers[0].seen.size(), 3u) << "no link listener at shutdown";
-    EXPECT_EQ(watchers[1].seen.size(), 1u);
+    EXPECT_EQ(watchers[0].seen.size(), 4u) << "no link listener at shutdown";
+    EXPECT_EQ(watchers[1].seen.size(), 2u) << "removed from both lists";
+    EXPECT_EQ(watchers[2].seen.size(), 1u);
     for (IKSShader* shader : shaders)
         _pContext->DestroyIKSShader(shader);
     EXPECT_NO_KS_ERROR() << "deleting a link-once handle again is harmless";
-}
-
-TEST_F(ShaderFixture, LinkFailurePrintsNameAndLog)
-{
-    IKSProgram* program = _pContext->CreateIKSProgram();
-    IKSShader* shader = Compiled(IKSShader::kST_Vertex, kShapeSource);
-    program->AddShader(shader);
-    const struct
-    {
-        const char* name;
-        const char* heading;
-    } rows[] = {{nullptr, "KS: program '' link failed:\n"},
-                {"sky", "KS: program 'sky' link failed:\n"}};
-    for (const auto& row : rows)
-    {
-        if (row.name != nullptr)
-            program->SetName(row.name);
-        _console.Clear();
-        AutoFaults faults;
-        InjectFault("ksLinkProgram");
-        EXPECT_FALSE(program->Link());
-        EXPECT_EQ(_console.Calls(), (std::vector<ConsoleCall>{
-                                        {kCCK_PrintError, row.heading},
-                                        {kCCK_PrintError, "KS: 0:0: error: injected fault\n"}}));
-    }
-
-    _pContext->DestroyIKSProgram(program);
-    _pContext->DestroyIKSShader(shader);
 }
 
 // A shader in two programs dies first; then the programs; then a shader that
