@@ -211,22 +211,11 @@ std::string Made(const void* object)
     return object != nullptr ? "object" : "null";
 }
 
-std::string Copied(const void* map)
-{
-    return map != nullptr ? "copy" : "null";
-}
-
 std::string Status(IKestrelContext::KSRenderFrameStatus status)
 {
-    switch (status)
-    {
-    case IKestrelContext::kRFS_Finished:
-        return "finished";
-    case IKestrelContext::kRFS_Stopped:
+    if (status == IKestrelContext::kRFS_Stopped)
         return "stopped";
-    default:
-        return "failed";
-    }
+    return status == IKestrelContext::kRFS_Finished ? "finished" : "failed";
 }
 
 template <class T>
@@ -494,7 +483,7 @@ SaidWhen Says(Lines lines)
     return [lines](Bench&, const std::string&) { return lines; };
 }
 
-Lines PrimitiveBindFailed(Bench& bench)
+Lines PrimitiveBindFailed(Bench& bench, const std::string&)
 {
     return {Error(Format("KSPrimitive::Bind prim %08x\n", unsigned(bench.PrimitiveHandle())))};
 }
@@ -509,7 +498,7 @@ SaidWhen SetterFailed(const char* word)
 }
 
 // The name is the uniform block target's, whatever target the bind had.
-Lines BufferBindFailed(Bench& bench)
+Lines BufferBindFailed(Bench& bench, const std::string&)
 {
     const auto handle = static_cast<unsigned>(
         reinterpret_cast<std::uintptr_t>(bench.buffers.back()->GetKSBuffer()));
@@ -693,12 +682,10 @@ std::vector<Row> ShaderProgramPrimitiveRows()
          "1", "-1", "ksGetUniformLocation"},
         {"primitive Bind", &Bench::Primitive,
          [](Bench& b) { return Flag(b.primitives.back()->Bind()); }, "true", "false", "",
-         [](Bench& b, const std::string&) { return PrimitiveBindFailed(b); },
-         "KS_PRIMITIVE_BINDING"},
+         PrimitiveBindFailed, "KS_PRIMITIVE_BINDING"},
         {"primitive SetName", &Bench::Primitive,
          Does([](Bench& b) { b.primitives.back()->SetName("sweep"); }), "void", "void", "",
-         [](Bench& b, const std::string&) { return PrimitiveBindFailed(b); },
-         "KS_PRIMITIVE_BINDING"},
+         PrimitiveBindFailed, "KS_PRIMITIVE_BINDING"},
         {"primitive SetUniform float", &Bench::Primitive,
          [](Bench& b) { return Flag(b.primitives.back()->SetUniform("u", 2, 0.5f)); }, "true",
          "false", "", SetterFailed("float"), "KS_PRIMITIVE_BINDING"},
@@ -724,7 +711,7 @@ std::vector<Row> ShaderProgramPrimitiveRows()
          "true", "false", "", Says({Error("SetUniformBlock u\n")}), "KS_PRIMITIVE_BINDING"},
         {"AutoBindKSPrimitive scope", &Bench::Primitive,
          Does([](Bench& b) { AutoBindKSPrimitive bound(b.primitives.back()); }), "void", "void", "",
-         [](Bench& b, const std::string&) { return PrimitiveBindFailed(b); }},
+         PrimitiveBindFailed},
     };
 }
 
@@ -745,11 +732,10 @@ std::vector<Row> BufferTextureRows()
          "true", "false", "ksMapBuffer"},
         {"buffer Bind", &Bench::Buffer,
          [](Bench& b) { return Flag(b.buffers.back()->Bind(KS_UNIFORM_BLOCK_BUFFER)); }, "true",
-         "false", "", [](Bench& b, const std::string&) { return BufferBindFailed(b); },
-         "KS_UNIFORM_BLOCK_BUFFER_BINDING"},
+         "false", "", BufferBindFailed, "KS_UNIFORM_BLOCK_BUFFER_BINDING"},
         {"AutoBindKSBuffer scope", &Bench::Buffer,
          Does([](Bench& b) { AutoBindKSBuffer bound(b.buffers.back(), KS_ARRAY_BUFFER); }), "void",
-         "void", "", [](Bench& b, const std::string&) { return BufferBindFailed(b); }},
+         "void", "", BufferBindFailed},
         // A failed bind leaves the sentinel to be mapped instead.
         {"KSBufferMapping scope", &Bench::Buffer,
          [](Bench& b)
@@ -767,9 +753,9 @@ std::vector<Row> BufferTextureRows()
          [](Bench& b)
          {
              KSBufferMappingMultiple mapping(b.buffers, KSBufferMapping::kAccess_ReadOnly);
-             return Copied(mapping.GetMap(0)) + " " + Copied(mapping.GetMap(1));
+             return Made(mapping.GetMap(0)) + " " + Made(mapping.GetMap(1));
          },
-         "copy copy", "null copy", "ksMapBuffer ksBindBuffer"},
+         "object object", "null object", "ksMapBuffer ksBindBuffer"},
         {"texture SetImage on client storage", &Bench::Texture,
          [](Bench& b)
          {

@@ -11,17 +11,14 @@
 
 using namespace WrapperTest;
 using namespace std::chrono_literals;
-using Kestrel::Testing::AutoFaults;
 using Kestrel::Testing::CallLog;
 using Kestrel::Testing::Describe;
-using Kestrel::Testing::InjectFault;
 using Kestrel::Testing::ReadTexture;
 using Kestrel::Testing::TextureRecord;
 using Vireo::IKSTexImage;
 using Vireo::IKSTexImage2D;
 using Vireo::Testing::AssertCall;
 using Vireo::Testing::AutoInstallAssertHandler;
-using Vireo::Testing::kCCK_PrintWarning;
 using Vireo::Testing::RecordingAssertHandler;
 
 namespace
@@ -58,24 +55,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(TextureTest, FailedTextureIsNotCountedAndGivenTexturesAreDeleted)
-{
-    {
-        AutoFaults faults;
-        InjectFault("ksGenTextures", 1, 0);
-        EXPECT_EQ(_pContext->CreateIKSTexImage2D(), nullptr);
-    }
-    IKSTexImage2D* texture = _pContext->CreateIKSTexImage2D();
-    _KStexture* handle = texture->GetKSTexture();
-    EXPECT_TRUE(_pContext->DestroyIKSTexImage2D(texture));
-    ksBindTexture(KS_TEXTURE_2D, handle);
-    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE) << "the Kestrel texture is gone";
-    _console.Clear();
-    _pManager->DestroyKestrelContext(_pContext);
-    _pContext = nullptr;
-    EXPECT_EQ(_console.CountOf(kCCK_PrintWarning), 0u) << "no count left over";
-}
 
 TEST_F(TextureTest, EachFormatReachesKestrelAsItsThreeValues)
 {
