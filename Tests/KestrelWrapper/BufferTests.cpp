@@ -205,11 +205,15 @@ TEST_F(BufferTest, FailedBindPrintsTheUniformBlockBuffersNameAndUndoesNothing)
     EXPECT_NO_KS_ERROR();
 }
 
-TEST_F(BufferTest, ShutdownForgetsHandleAndContextButKeepsTheSize)
+TEST_F(BufferTest, ShutdownDeletesInItsOwnContextAndLeavesThatOneCurrent)
 {
     IKSBuffer* buffer = Filled(Sequence(4));
     _KSbuffer* handle = buffer->GetKSBuffer();
+    Vireo::IKestrelContext* other = _pManager->CreateKestrelContext(nullptr, false, false, nullptr);
+    ASSERT_TRUE(_pManager->SetCurrentKestrelContext(other));
     buffer->Shutdown();
+    EXPECT_EQ(_pManager->GetCurrentKestrelContext(), _pContext);
+    _pManager->DestroyKestrelContext(other);
     EXPECT_EQ(buffer->GetKSBuffer(), nullptr);
     EXPECT_EQ(buffer->GetSize(), 4u);
     ksBindBuffer(KS_ARRAY_BUFFER, handle);
