@@ -121,29 +121,6 @@ TEST_F(MappingTest, LiveMapHoldsItsBindPointAndPutsItBack)
     EXPECT_EQ(BoundBuffer(KS_PIXEL_PACK_BUFFER_BINDING), buffer->GetKSBuffer()) << "by default";
 }
 
-// The inner mapping of one buffer is refused; its unmap must not end the
-// outer one, under which Kestrel would then take new storage.
-TEST_F(MappingTest, RefusedInnerMappingLeavesTheOuterOneLive)
-{
-    IKSBuffer* buffer = Filled({1, 2, 3, 4});
-    {
-        KSBufferMapping outer(buffer, KSBufferMapping::kAccess_ReadWrite);
-        ASSERT_NE(outer.GetMap(), nullptr);
-        {
-            KSBufferMapping inner(buffer, KSBufferMapping::kAccess_ReadOnly);
-            EXPECT_EQ(inner.GetMap(), nullptr);
-        }
-        EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION) << "the refused map";
-        ksBindBuffer(KS_ARRAY_BUFFER, buffer->GetKSBuffer());
-        ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_STATIC_DRAW);
-        EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION) << "new storage under a live map";
-        ksBindBuffer(KS_ARRAY_BUFFER, _others[0]);
-        static_cast<unsigned char*>(outer.GetMap())[0] = 9;
-    }
-    EXPECT_EQ(Contents(buffer), (Bytes{9, 2, 3, 4}));
-    EXPECT_NO_KS_ERROR();
-}
-
 TEST_F(MappingTest, SafeMappingWritesBackOnlyAtItsEndWhateverItsAccess)
 {
     IKSBuffer* buffer = Filled({1, 2, 3});
