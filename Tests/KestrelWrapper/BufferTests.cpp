@@ -142,6 +142,26 @@ TEST_F(BufferTest, ResizeKeepingContentsKeepsTheLeadingBytesAndTheHandle)
     }
 }
 
+// The block goes to the primitive it is set on, whatever is bound; Resize
+// keeps the handle, so the primitive still holds the buffer afterwards.
+TEST_F(BufferTest, BufferSetAsUniformBlockStaysSetThroughResize)
+{
+    IKSBuffer* buffer = Filled(Sequence(8));
+    Vireo::IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
+    KSprimitive bound = KSprimitive(0);
+    ksGenPrimitives(1, &bound);
+    ksBindPrimitive(KS_PRIMITIVE, bound);
+    ASSERT_TRUE(primitive->SetUniformBlock("block", 2, buffer));
+    ASSERT_TRUE(buffer->Resize(IKSBuffer::kUsage_StaticDraw, 16, false));
+    ASSERT_TRUE(buffer->Resize(IKSBuffer::kUsage_StaticDraw, 4, true));
+    Kestrel::Testing::PrimitiveRecord record;
+    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(primitive->GetHandle(), &record));
+    EXPECT_EQ(record.blocks, (std::vector<std::pair<int, _KSbuffer*>>{{2, buffer->GetKSBuffer()}}));
+    EXPECT_TRUE(_pContext->DestroyIKSPrimitive(primitive));
+    ksDeletePrimitives(1, &bound);
+    EXPECT_NO_KS_ERROR();
+}
+
 TEST_F(BufferTest, FailedResizeLeavesTheBufferAsItWas)
 {
     IKSBuffer* unready = Create();
