@@ -1,5 +1,6 @@
-// Bad input at the wrapper's surface: values outside every enum's table,
-// null and foreign objects, sizes of 0, negative or beyond 32 bits, and
+// Bad input at the wrapper's surface: values outside the enums' tables (the
+// texture formats and bind points with their own groups), null and foreign
+// objects, sizes of 0, negative or beyond 32 bits, and
 // filters too small to sample. Each gives the result its interface promises
 // without a crash, and once the test's objects are given back Kestrel holds
 // nothing more than before and the leak report has nothing to say.
