@@ -1,9 +1,9 @@
 // Bad input at the wrapper's surface: values outside the enums' tables (the
 // texture formats and bind points with their own groups), null and foreign
-// objects, sizes of 0, negative or beyond 32 bits, and
-// filters too small to sample. Each gives the result its interface promises
-// without a crash, and once the test's objects are given back Kestrel holds
-// nothing more than before and the leak report has nothing to say.
+// objects, sizes of 0, negative or beyond 32 bits, and filters too small to
+// sample. Each gives the result its interface promises without a crash, and
+// once the test's objects are given back Kestrel holds nothing more than
+// before and the leak report has nothing to say.
 #include "SlotProbes.h"
 #include "WrapperFixture.h"
 
