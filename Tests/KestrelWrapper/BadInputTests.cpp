@@ -1,16 +1,15 @@
-// Bad input at the wrapper's surface: values outside every enum's table,
-// null and foreign objects, sizes of 0, negative or beyond 32 bits, and
-// filters too small to sample. Each gives the result its interface promises
-// without a crash, and once the test's objects are given back Kestrel holds
-// nothing more than before and the leak report has nothing to say.
+// Bad input at the wrapper's surface: values outside the enums' tables (the
+// texture formats and bind points with their own groups), null and foreign
+// objects, sizes of 0, negative or beyond 32 bits, and filters too small to
+// sample. Each gives the result its interface promises without a crash, and
+// once the test's objects are given back Kestrel holds nothing more than
+// before and the leak report has nothing to say.
+#include "SlotProbes.h"
 #include "WrapperFixture.h"
 
-#include <atomic>
 #include <climits>
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
-#include <cstring>
 #include <functional>
 #include <limits>
 #include <string>
@@ -20,54 +19,17 @@ using namespace WrapperTest;
 using namespace Vireo;
 using Kestrel::Testing::CallLog;
 using Kestrel::Testing::CountObjects;
-using Kestrel::Testing::Describe;
 using Kestrel::Testing::ObjectCounts;
-using Kestrel::Testing::ReadTexture;
 using Kestrel::Testing::TextureRecord;
 using Vireo::Testing::AutoInstallAssertHandler;
 using Vireo::Testing::AutoInstallConsole;
 using Vireo::Testing::kCCK_Print;
-using Vireo::Testing::kCCK_PrintError;
 using Vireo::Testing::kCCK_PrintWarning;
 using Vireo::Testing::RecordingAssertHandler;
 using Att = IKSFrameBufferAttachment;
-using fastdelegate::FastDelegate0;
-using fastdelegate::FastDelegate1;
 
 namespace
 {
-
-std::string CountsText(const ObjectCounts& counts)
-{
-    char text[160];
-    std::snprintf(text, sizeof(text),
-                  "%d shaders, %d programs, %d primitives, %d buffers, %d textures, "
-                  "%d frame buffers",
-                  counts.shaders, counts.programs, counts.primitives, counts.buffers,
-                  counts.textures, counts.framebuffers);
-    return text;
-}
-
-_KStexture* BoundTexture()
-{
-    _KStexture* texture = nullptr;
-    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
-    return texture;
-}
-
-_KSbuffer* BoundBuffer(int query)
-{
-    _KSbuffer* buffer = nullptr;
-    ksGetBuffer(query, &buffer);
-    return buffer;
-}
-
-TextureRecord Image(_KStexture* texture)
-{
-    TextureRecord record;
-    EXPECT_TRUE(ReadTexture(texture, 0, &record));
-    return record;
-}
 
 // Whatever the test gives, the assertion handler answers "go on", so that no
 // site latches for the tests after it.
@@ -90,8 +52,7 @@ protected:
         {
             ksGetError();
             const ObjectCounts now = CountObjects(_pKestrel);
-            EXPECT_TRUE(now == _baseline)
-                << CountsText(now) << " left, " << CountsText(_baseline) << " before";
+            EXPECT_EQ(now, _baseline) << "left in Kestrel";
             _console.Clear();
             _pManager->DestroyKestrelContext(_pContext);
             _pContext = nullptr;
@@ -120,91 +81,6 @@ int g_nForeignCalls = 0;
         return result;                                                                             \
     }
 
-class ForeignPrimitive : public IKSPrimitive
-{
-public:
-    FOREIGN(, void SetName(const std::string&))
-    FOREIGN("", std::string GetName() const)
-    FOREIGN(false, bool Bind())
-    FOREIGN(KSprimitive(0), KSprimitive GetHandle() const)
-    FOREIGN(nullptr, IKestrelContext* GetKSContext() const)
-    FOREIGN(false, bool SetUniform(const std::string&, int, std::uint64_t, const KSprimitive*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, KSprimitive))
-    FOREIGN(false, bool SetUniform(const std::string&, int, std::uint64_t, _KStexture* const*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, _KStexture*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, std::uint64_t, const int*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const Vector4i*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const Vector3i*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const Vector2i*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, std::uint64_t, const int*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, const Vector4i&))
-    FOREIGN(false, bool SetUniform(const std::string&, int, const Vector3i&))
-    FOREIGN(false, bool SetUniform(const std::string&, int, const Vector2i&))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int))
-    FOREIGN(false, bool SetUniform(const std::string&, int, std::uint64_t, const Matrix44f*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, std::uint64_t, const Matrix33f*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const Vector4f*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const Vector3f*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const Vector2f*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, int, const float*))
-    FOREIGN(false, bool SetUniform(const std::string&, int, const Vector4f&))
-    FOREIGN(false, bool SetUniform(const std::string&, int, const Vector3f&))
-    FOREIGN(false, bool SetUniform(const std::string&, int, const Vector2f&))
-    FOREIGN(false, bool SetUniform(const std::string&, int, float))
-    FOREIGN(false, bool SetUniformBlock(const std::string&, int, const IKSBuffer*))
-    FOREIGN(, void SetTrace(bool))
-    ~ForeignPrimitive() override = default;
-};
-
-class ForeignShader : public IKSShader
-{
-public:
-    FOREIGN(false, bool AddListenerDelete(FastDelegate1<IKSShader*, bool>&))
-    FOREIGN(false, bool RemoveListenerDelete(FastDelegate1<IKSShader*, bool>&))
-    FOREIGN(false, bool AddListenerChange(FastDelegate0<bool>&))
-    FOREIGN(false, bool RemoveListenerChange(FastDelegate0<bool>&))
-    FOREIGN(false, bool SetName(const std::string&))
-    FOREIGN("", std::string GetName())
-    FOREIGN(false, bool SetString(std::string&, Result*))
-    FOREIGN(nullptr, _KSshader* GetKSShader())
-    FOREIGN(kST_Vertex, Type GetType())
-    ~ForeignShader() override = default;
-};
-
-class ForeignProgram : public IKSProgram
-{
-public:
-    FOREIGN(false, bool AddListenerDelete(FastDelegate1<IKSProgram*, bool>&))
-    FOREIGN(false, bool RemoveListenerDelete(const FastDelegate1<IKSProgram*, bool>&))
-    FOREIGN(false, bool SetName(const std::string&))
-    FOREIGN(false, bool AddShader(IKSShader*))
-    FOREIGN(false, bool RemoveShader(IKSShader*))
-    FOREIGN(false, bool AddListenerLink(FastDelegate1<IKSProgram*, bool>&))
-    FOREIGN(false, bool RemoveListenerLink(const FastDelegate1<IKSProgram*, bool>&))
-    FOREIGN(false, bool Link())
-    FOREIGN(-1, int GetLocationUniform(const char*))
-    FOREIGN(-1, int GetLocationUniformBlock(const char*))
-    FOREIGN(-1, int GetLocationAttribute(const char*))
-    FOREIGN(nullptr, _KSprogram* GetKSProgram())
-    ~ForeignProgram() override = default;
-};
-
-class ForeignTexture : public IKSTexImage2D
-{
-public:
-    FOREIGN(, void Shutdown())
-    FOREIGN(false, bool GenerateMipMaps())
-    FOREIGN(false, bool SetImage(int, int, TextureFormat, int, int, int, void*, bool))
-    FOREIGN(, void SetWrapMode(int, int))
-    FOREIGN(, void SetMinFilter(int))
-    FOREIGN(, void SetMagFilter(int))
-    FOREIGN(0, int GetWidth() const)
-    FOREIGN(0, int GetHeight() const)
-    FOREIGN(kTF_None, TextureFormat GetTextureFormat() const)
-    FOREIGN(nullptr, _KStexture* GetKSTexture() const)
-    ~ForeignTexture() override = default;
-};
-
 class ForeignAttachment : public IKSFrameBufferAttachment
 {
 public:
@@ -225,23 +101,6 @@ public:
 private:
     _KStexture* _pTexture = nullptr;
     Color4f _color;
-};
-
-class ForeignFrameBuffer : public IKSFrameBuffer
-{
-public:
-    FOREIGN(false, bool Init(int, int))
-    FOREIGN(, void Shutdown())
-    FOREIGN(false, bool Resize(int, int))
-    FOREIGN(false, bool SetFilter(IKSFrameBufferFilter*))
-    FOREIGN(, void Clear())
-    FOREIGN(, void ClearAttachment(int))
-    FOREIGN(false, bool Bind())
-    FOREIGN(nullptr,
-            IKSFrameBufferAttachment* CreateAttachment(int, Att::eFormat, Att::eDataType, bool,
-                                                       Att::eBlendMode, const Color4f&))
-    FOREIGN(false, bool DestroyAttachment(IKSFrameBufferAttachment*))
-    ~ForeignFrameBuffer() override = default;
 };
 
 class ForeignBuffer : public IKSBuffer
@@ -289,70 +148,23 @@ constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 // --- Enums outside their tables ------------------------------------------------
 
-TEST_F(BadInput, TextureFormatsOutsideTheTableLeaveTheImageAsItWas)
-{
-    IKSTexImage2D* texture = _pContext->CreateIKSTexImage2D();
-    unsigned char pixels[2 * 2 * 4] = {};
-    ASSERT_TRUE(texture->SetImage(2, 2, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
-                                  pixels, false));
-    for (const int format : {int(IKSTexImage::kTF_Count), 8, 1000, -1, INT_MIN, INT_MAX})
-    {
-        for (const bool clientStorage : {false, true})
-        {
-            SCOPED_TRACE(::testing::Message()
-                         << "format " << format << ", client storage " << clientStorage);
-            const auto eFormat = static_cast<IKSTexImage::TextureFormat>(format);
-            CallLog log;
-            EXPECT_FALSE(texture->SetImage(3, 5, eFormat, KS_REPEAT, KS_LINEAR, KS_LINEAR, pixels,
-                                           clientStorage));
-            EXPECT_EQ(log.Calls(), Calls{}) << "refused before Kestrel";
-            EXPECT_EQ(texture->GetTextureFormat(), eFormat) << "stored before it is looked at";
-            const TextureRecord image = Image(texture->GetKSTexture());
-            EXPECT_EQ(image.width, 2);
-            EXPECT_EQ(image.format, KS_RGBA);
-            EXPECT_FALSE(image.clientStorage);
-        }
-    }
-    EXPECT_TRUE(texture->SetImage(2, 2, IKSTexImage::kTF_Luminance8, KS_REPEAT, KS_LINEAR,
-                                  KS_LINEAR, pixels, false))
-        << "the texture is still usable";
-    EXPECT_EQ(Image(texture->GetKSTexture()).format, KS_LUMINANCE);
-    EXPECT_NO_KS_ERROR();
-    EXPECT_TRUE(_pContext->DestroyIKSTexImage2D(texture));
-}
-
 // There is no usage test in the wrapper: a value outside the nine reaches
 // Kestrel as no usage at all, which Kestrel refuses for the host to hear of.
 TEST_F(BadInput, BufferUsagesOutsideTheTableReachKestrelAsNone)
 {
-    for (const int usage : {9, 100, -1, INT_MIN, INT_MAX})
+    for (const int usage : {9, -1, INT_MIN, INT_MAX})
     {
         SCOPED_TRACE(::testing::Message() << "usage " << usage);
         const auto eUsage = static_cast<IKSBuffer::Usage>(usage);
         IKSBuffer* buffer = _pContext->CreateIKSBuffer();
-        {
-            CallLog log;
-            EXPECT_TRUE(buffer->Init(eUsage, 64));
-            EXPECT_EQ(log.CallsOf("ksBufferData"),
-                      Calls{"ksBufferData(KS_ARRAY_BUFFER, 64, null, 0)"});
-        }
+        CallLog log;
+        EXPECT_TRUE(buffer->Init(eUsage, 64));
         EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
         EXPECT_TRUE(buffer->Resize(eUsage, 32, false));
         EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
-        EXPECT_FALSE(buffer->Resize(eUsage, 32, true)) << "there is no storage to keep";
-        EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION);
-        {
-            KSBufferSafeMapping<char> mapping(buffer, KSBufferMapping::kAccess_ReadWrite);
-            EXPECT_EQ(mapping.GetMap(), nullptr) << "nothing to copy from";
-        }
-        EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION);
-
-        EXPECT_TRUE(buffer->Resize(IKSBuffer::kUsage_StreamDraw, 16, false));
-        {
-            KSBufferSafeMapping<char> mapping(buffer, KSBufferMapping::kAccess_ReadWrite);
-            EXPECT_NE(mapping.GetMap(), nullptr) << "a good usage gives the buffer storage";
-        }
-        EXPECT_NO_KS_ERROR();
+        EXPECT_EQ(log.CallsOf("ksBufferData"),
+                  (Calls{"ksBufferData(KS_ARRAY_BUFFER, 64, null, 0)",
+                         "ksBufferData(KS_ARRAY_BUFFER, 32, null, 0)"}));
         EXPECT_TRUE(_pContext->DestroyIKSBuffer(buffer));
     }
 }
@@ -367,69 +179,6 @@ TEST_F(BadInput, ShaderTypesOutsideTheTableMakeNoShader)
         EXPECT_EQ(log.CallsOf("ksCreateShader"), Calls{"ksCreateShader(0)"});
         EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
     }
-}
-
-TEST_F(BadInput, BindPointsAndAccessesOutsideTheirTablesUseTheFirstRow)
-{
-    IKSBuffer* buffer = _pContext->CreateIKSBuffer();
-    ASSERT_TRUE(buffer->Init(IKSBuffer::kUsage_StaticDraw, 4));
-    IKSBuffer* other = _pContext->CreateIKSBuffer();
-    ASSERT_TRUE(other->Init(IKSBuffer::kUsage_StaticDraw, 4));
-    ksBindBuffer(KS_ARRAY_BUFFER, other->GetKSBuffer());
-    const std::string mapped = Describe(buffer->GetKSBuffer());
-    const std::string saved = Describe(other->GetKSBuffer());
-
-    for (const int value : {5, 1000, -1, INT_MIN})
-    {
-        SCOPED_TRACE(::testing::Message() << "value " << value);
-        {
-            CallLog log;
-            {
-                KSBufferMapping mapping(buffer, static_cast<KSBufferMapping::Access>(value),
-                                        static_cast<KSBufferMapping::BindPoint>(value));
-                EXPECT_NE(mapping.GetMap(), nullptr);
-            }
-            // What the constructor opens, the destructor closes.
-            EXPECT_EQ(log.Calls(), (Calls{"ksGetBuffer(KS_ARRAY_BUFFER_BINDING, ptr)",
-                                          "ksBindBuffer(KS_ARRAY_BUFFER, " + mapped + ")",
-                                          "ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_ONLY)",
-                                          "ksUnmapBuffer(KS_ARRAY_BUFFER)",
-                                          "ksBindBuffer(KS_ARRAY_BUFFER, " + saved + ")"}));
-        }
-        EXPECT_EQ(BoundBuffer(KS_ARRAY_BUFFER_BINDING), other->GetKSBuffer());
-        {
-            KSBufferSafeMapping<char> mapping(buffer, static_cast<KSBufferMapping::Access>(value));
-            ASSERT_NE(mapping.GetMap(), nullptr) << "not left mapped";
-            mapping.GetMap()[0] = static_cast<char>(value & 0x7f);
-        }
-        {
-            KSBufferMapping mapping(buffer, KSBufferMapping::kAccess_ReadOnly);
-            ASSERT_NE(mapping.GetMap(), nullptr);
-            EXPECT_EQ(static_cast<const char*>(mapping.GetMap())[0],
-                      static_cast<char>(value & 0x7f))
-                << "the copy went back whatever its access said";
-        }
-        EXPECT_NO_KS_ERROR();
-    }
-
-    // A target Kestrel does not know: the bind fails, is printed, and
-    // changes no binding.
-    _console.Clear();
-    EXPECT_FALSE(buffer->Bind(0x1234));
-    const std::vector<std::string> errors = _console.TextsOf(kCCK_PrintError);
-    char message[64];
-    std::snprintf(message, sizeof(message), "KSBuffer::Bind \"\" %08x\n",
-                  static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(buffer->GetKSBuffer())));
-    ASSERT_FALSE(errors.empty());
-    EXPECT_EQ(errors.back(), message);
-    EXPECT_EQ(BoundBuffer(KS_ARRAY_BUFFER_BINDING), other->GetKSBuffer());
-    for (int query : {KS_ELEMENT_ARRAY_BUFFER_BINDING, KS_PIXEL_PACK_BUFFER_BINDING,
-                      KS_PIXEL_UNPACK_BUFFER_BINDING, KS_UNIFORM_BLOCK_BUFFER_BINDING})
-        EXPECT_EQ(BoundBuffer(query), nullptr);
-    ksGetError();
-    ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
-    EXPECT_TRUE(_pContext->DestroyIKSBuffer(buffer));
-    EXPECT_TRUE(_pContext->DestroyIKSBuffer(other));
 }
 
 TEST_F(BadInput, AttachmentEnumsOutsideTheirTablesMakeNothing)
@@ -485,33 +234,24 @@ TEST_F(BadInput, AttachmentEnumsOutsideTheirTablesMakeNothing)
 
 TEST_F(BadInput, NullAndForeignObjectsAreRefusedUntouched)
 {
-    ForeignPrimitive primitive;
-    ForeignShader shader;
-    ForeignProgram program;
-    ForeignTexture texture;
-    ForeignFrameBuffer frameBuffer;
     ForeignBuffer buffer;
     ForeignAttachment attachment;
     IKSFrameBuffer* real = _pContext->CreateIKSFrameBuffer();
     ASSERT_TRUE(real->Init(2, 2));
     IKestrelContext* context = _pContext;
 
+    // Every kind is taken back by one template: a foreign buffer stands for
+    // them all. Attachments are taken back by their frame buffer.
     const struct
     {
         const char* sName;
         std::function<bool()> destroy;
     } rows[] = {
         {"DestroyIKSPrimitive(null)", [&] { return context->DestroyIKSPrimitive(nullptr); }},
-        {"DestroyIKSPrimitive(foreign)", [&] { return context->DestroyIKSPrimitive(&primitive); }},
         {"DestroyIKSShader(null)", [&] { return context->DestroyIKSShader(nullptr); }},
-        {"DestroyIKSShader(foreign)", [&] { return context->DestroyIKSShader(&shader); }},
         {"DestroyIKSProgram(null)", [&] { return context->DestroyIKSProgram(nullptr); }},
-        {"DestroyIKSProgram(foreign)", [&] { return context->DestroyIKSProgram(&program); }},
         {"DestroyIKSTexImage2D(null)", [&] { return context->DestroyIKSTexImage2D(nullptr); }},
-        {"DestroyIKSTexImage2D(foreign)", [&] { return context->DestroyIKSTexImage2D(&texture); }},
         {"DestroyIKSFrameBuffer(null)", [&] { return context->DestroyIKSFrameBuffer(nullptr); }},
-        {"DestroyIKSFrameBuffer(foreign)",
-         [&] { return context->DestroyIKSFrameBuffer(&frameBuffer); }},
         {"DestroyIKSBuffer(null)", [&] { return context->DestroyIKSBuffer(nullptr); }},
         {"DestroyIKSBuffer(foreign)", [&] { return context->DestroyIKSBuffer(&buffer); }},
         {"DestroyAttachment(null)", [&] { return real->DestroyAttachment(nullptr); }},
@@ -576,8 +316,7 @@ TEST_F(BadInput, ObjectsGivenBackThroughTheOtherContextLeaveNothing)
     makeAndGiveBack(_pContext, other);
     makeAndGiveBack(other, _pContext);
 
-    EXPECT_TRUE(CountObjects(otherKestrel) == otherBaseline)
-        << CountsText(CountObjects(otherKestrel));
+    EXPECT_EQ(CountObjects(otherKestrel), otherBaseline);
     otherConsole.Clear();
     EXPECT_TRUE(_pManager->DestroyKestrelContext(other));
     EXPECT_EQ(otherConsole.CountOf(kCCK_PrintWarning), 0u) << "its report spoke";
@@ -606,38 +345,11 @@ const Size kBadSizes[] = {
 
 } // namespace
 
-TEST_F(BadInput, FrameBufferSizesOfZeroNegativeOrBeyond32BitsMakeNoAttachment)
-{
-    for (const Size& size : kBadSizes)
-    {
-        SCOPED_TRACE(::testing::Message() << size);
-        IKSFrameBuffer* frameBuffer = _pContext->CreateIKSFrameBuffer();
-        EXPECT_TRUE(frameBuffer->Init(size.width, size.height)) << "the size is not tested";
-        _process.Clear();
-        {
-            CallLog log;
-            EXPECT_EQ(frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false,
-                                                    Att::kBM_Accumulated, Color4f{}),
-                      nullptr);
-            EXPECT_EQ(log.Calls(), Calls{});
-        }
-        EXPECT_EQ(_process.TextsOf(kCCK_Print),
-                  std::vector<std::string>{"KSFramebuffer attachment failed to initialize"});
-        EXPECT_TRUE(frameBuffer->Resize(size.width, size.height)) << "no attachment to fail";
-        EXPECT_TRUE(frameBuffer->Resize(3, 2));
-        EXPECT_NE(frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false,
-                                                Att::kBM_Accumulated, Color4f{}),
-                  nullptr)
-            << "usable at a good size";
-        EXPECT_TRUE(_pContext->DestroyIKSFrameBuffer(frameBuffer));
-        EXPECT_NO_KS_ERROR();
-    }
-}
-
-// On a refused size the attachment lets go of its storage, and Kestrel's
-// texture keeps none of it: frames and clears afterwards touch nothing of
-// ours, and another size brings storage back.
-TEST_F(BadInput, AttachmentResizedToABadSizeKeepsNoStorageOfOurs)
+// A frame buffer takes any size, but no attachment is made at a bad one. An
+// attachment resized to one lets go of its storage, and Kestrel's texture
+// keeps none of it: frames and clears afterwards touch nothing of ours, and
+// another size brings storage back.
+TEST_F(BadInput, SizesOfZeroNegativeOrBeyond32BitsLeaveNoAttachmentStorage)
 {
     IKSFrameBuffer* frameBuffer = _pContext->CreateIKSFrameBuffer();
     ASSERT_TRUE(frameBuffer->Init(4, 4));
@@ -649,6 +361,21 @@ TEST_F(BadInput, AttachmentResizedToABadSizeKeepsNoStorageOfOurs)
     for (const Size& size : kBadSizes)
     {
         SCOPED_TRACE(::testing::Message() << size);
+        IKSFrameBuffer* unmade = _pContext->CreateIKSFrameBuffer();
+        EXPECT_TRUE(unmade->Init(size.width, size.height)) << "the size is not tested";
+        _process.Clear();
+        {
+            CallLog log;
+            EXPECT_EQ(unmade->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false,
+                                               Att::kBM_Accumulated, Color4f{}),
+                      nullptr);
+            EXPECT_EQ(log.Calls(), Calls{});
+        }
+        EXPECT_EQ(_process.TextsOf(kCCK_Print),
+                  std::vector<std::string>{"KSFramebuffer attachment failed to initialize"});
+        EXPECT_TRUE(unmade->Resize(size.width, size.height)) << "no attachment to fail";
+        EXPECT_TRUE(_pContext->DestroyIKSFrameBuffer(unmade));
+
         EXPECT_FALSE(frameBuffer->Resize(size.width, size.height));
         EXPECT_EQ(attachment->GetClientBuffer(), nullptr);
         const TextureRecord image = Image(attachment->GetKSTexture());
@@ -670,55 +397,6 @@ TEST_F(BadInput, AttachmentResizedToABadSizeKeepsNoStorageOfOurs)
     }
     ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
     EXPECT_TRUE(_pContext->DestroyIKSFrameBuffer(frameBuffer));
-}
-
-// The wrapper passes a texture's size on untested and leaves Kestrel's
-// refusal pending for the host; the image Kestrel had stays.
-TEST_F(BadInput, TextureSizesKestrelRefusesLeaveTheImageAsItWas)
-{
-    struct Case
-    {
-        Size size;
-        int error;
-    };
-    const Case cases[] = {
-        {{0, 0}, KS_NO_ERROR},
-        {{-1, 4}, KS_INVALID_VALUE},
-        {{4, -1}, KS_INVALID_VALUE},
-        {{INT_MIN, INT_MIN}, KS_INVALID_VALUE},
-        {{65537, 1}, KS_INVALID_VALUE},
-        {{1, INT_MAX}, KS_INVALID_VALUE},
-        {{65536, 65536}, KS_OUT_OF_MEMORY}, // 64 GiB of RGBA floats
-    };
-    IKSTexImage2D* texture = _pContext->CreateIKSTexImage2D();
-    _KStexture* bound = nullptr;
-    ksGenTextures(1, &bound);
-    ksBindTexture(KS_TEXTURE_2D, bound);
-    for (const Case& c : cases)
-    {
-        for (const bool clientStorage : {false, true})
-        {
-            SCOPED_TRACE(::testing::Message() << c.size << ", client storage " << clientStorage);
-            ASSERT_TRUE(texture->SetImage(2, 2, IKSTexImage::kTF_RGBA32F, KS_REPEAT, KS_LINEAR,
-                                          KS_LINEAR, nullptr, false));
-            EXPECT_TRUE(texture->SetImage(c.size.width, c.size.height, IKSTexImage::kTF_RGBA32F,
-                                          KS_REPEAT, KS_LINEAR, KS_LINEAR, nullptr, clientStorage));
-            EXPECT_EQ(ksGetError(), c.error);
-            EXPECT_EQ(texture->GetWidth(), c.size.width);
-            EXPECT_EQ(texture->GetHeight(), c.size.height);
-            const TextureRecord image = Image(texture->GetKSTexture());
-            EXPECT_EQ(image.width, c.error == KS_NO_ERROR ? c.size.width : 2);
-            EXPECT_EQ(image.height, c.error == KS_NO_ERROR ? c.size.height : 2);
-            EXPECT_EQ(BoundTexture(), bound);
-            // Client storage ended with the call, refused or not.
-            ASSERT_TRUE(texture->SetImage(1, 1, IKSTexImage::kTF_RGBA32F, KS_REPEAT, KS_LINEAR,
-                                          KS_LINEAR, nullptr, false));
-            EXPECT_FALSE(Image(texture->GetKSTexture()).clientStorage);
-            EXPECT_NO_KS_ERROR();
-        }
-    }
-    ksDeleteTextures(1, &bound);
-    EXPECT_TRUE(_pContext->DestroyIKSTexImage2D(texture));
 }
 
 // --- Filters ------------------------------------------------------------------------

@@ -1,7 +1,8 @@
 // The library's promises across threads, driven hard: a frame stopped from
-// another thread, the context's texture pair used by two threads at once, and
+// another thread, the context's bind pairs used by two threads at once, and
 // an attachment read under its lock while passes complete on another thread.
 // Each must hold under the thread sanitizer too.
+#include "SlotProbes.h"
 #include "WrapperFixture.h"
 
 #include <atomic>
@@ -14,7 +15,6 @@
 using namespace WrapperTest;
 using namespace Vireo;
 using Kestrel::Testing::AutoRenderHook;
-using Kestrel::Testing::ReadTexture;
 using Kestrel::Testing::TextureRecord;
 using Att = IKSFrameBufferAttachment;
 
@@ -51,20 +51,6 @@ private:
     IKestrelContext* _pContext;
     IKSFrameBuffer* _pFrameBuffer;
 };
-
-_KStexture* BoundTexture()
-{
-    _KStexture* texture = nullptr;
-    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
-    return texture;
-}
-
-TextureRecord Image(_KStexture* texture)
-{
-    TextureRecord record;
-    ReadTexture(texture, 0, &record);
-    return record;
-}
 
 class ThreadStress : public WrapperFixture
 {
@@ -204,6 +190,40 @@ TEST_F(ThreadStress, TexturePairKeepsTwoThreadsApart)
     _pContext->DestroyIKSTexImage2D(client);
     _pContext->DestroyIKSTexImage2D(copied);
     ksDeleteTextures(1, &before);
+}
+
+// Each pair is a lock of its own: an open pixel pack pair holds up another
+// thread's pixel pack pair until its unbind, and not the texture pair.
+TEST_F(ThreadStress, OpenPixelPackPairBlocksASecondThreadButNotTheTexturePair)
+{
+    _KSbuffer* buffers[2] = {};
+    ksGenBuffers(2, buffers);
+    _pContext->BindPixelPackBuffer(buffers[0]);
+    std::async(std::launch::async,
+               [this]
+               {
+                   _pContext->BindTexture2D(nullptr);
+                   _pContext->UnbindTexture2D();
+               })
+        .wait();
+
+    std::atomic<bool> entered{false};
+    std::thread other(
+        [&]
+        {
+            _pContext->BindPixelPackBuffer(buffers[1]);
+            entered = true;
+            _pContext->UnbindPixelPackBuffer();
+        });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(entered) << "the second bind must wait for the unbind";
+    EXPECT_EQ(BoundBuffer(KS_PIXEL_PACK_BUFFER_BINDING), buffers[0]);
+    _pContext->UnbindPixelPackBuffer();
+    other.join();
+    EXPECT_TRUE(entered);
+    EXPECT_EQ(BoundBuffer(KS_PIXEL_PACK_BUFFER_BINDING), nullptr);
+    ksDeleteBuffers(2, buffers);
+    EXPECT_NO_KS_ERROR();
 }
 
 // One thread completes passes: a frame leaves 0.25 everywhere, and the sum

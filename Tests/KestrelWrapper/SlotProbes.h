@@ -1,0 +1,81 @@
+// Reading Kestrel's binding slots, buffer bytes and texture images behind the
+// wrapper's back, for the buffer, texture, bad-input and fault tests.
+#ifndef VIREO_TESTS_KESTRELWRAPPER_SLOTPROBES_H
+#define VIREO_TESTS_KESTRELWRAPPER_SLOTPROBES_H
+
+#include "KestrelTesting.h"
+
+#include <algorithm>
+#include <ostream>
+#include <vector>
+
+namespace Kestrel
+{
+namespace Testing
+{
+
+// So that a failed comparison of counts shows them.
+inline void PrintTo(const ObjectCounts& counts, std::ostream* stream)
+{
+    *stream << counts.shaders << " shaders, " << counts.programs << " programs, "
+            << counts.primitives << " primitives, " << counts.buffers << " buffers, "
+            << counts.textures << " textures, " << counts.framebuffers << " frame buffers";
+}
+
+} // namespace Testing
+} // namespace Kestrel
+
+namespace WrapperTest
+{
+
+using Bytes = std::vector<unsigned char>;
+
+inline _KSbuffer* BoundBuffer(int bindingQuery)
+{
+    _KSbuffer* buffer = nullptr;
+    ksGetBuffer(bindingQuery, &buffer);
+    return buffer;
+}
+
+inline _KStexture* BoundTexture()
+{
+    _KStexture* texture = nullptr;
+    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
+    return texture;
+}
+
+inline Kestrel::Testing::TextureRecord Image(_KStexture* texture, int level = 0)
+{
+    Kestrel::Testing::TextureRecord record;
+    Kestrel::Testing::ReadTexture(texture, level, &record);
+    return record;
+}
+
+// Raw access through the unpack target, which none of the code under test
+// binds; its binding is put back.
+inline Bytes ReadBytes(_KSbuffer* buffer, std::size_t size)
+{
+    _KSbuffer* saved = BoundBuffer(KS_PIXEL_UNPACK_BUFFER_BINDING);
+    ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, buffer);
+    Bytes bytes;
+    if (const auto* map =
+            static_cast<const unsigned char*>(ksMapBuffer(KS_PIXEL_UNPACK_BUFFER, KS_READ_ONLY)))
+        bytes.assign(map, map + size);
+    ksUnmapBuffer(KS_PIXEL_UNPACK_BUFFER);
+    ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, saved);
+    return bytes;
+}
+
+inline void WriteBytes(_KSbuffer* buffer, const Bytes& bytes)
+{
+    _KSbuffer* saved = BoundBuffer(KS_PIXEL_UNPACK_BUFFER_BINDING);
+    ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, buffer);
+    if (void* map = ksMapBuffer(KS_PIXEL_UNPACK_BUFFER, KS_WRITE_ONLY))
+        std::copy(bytes.begin(), bytes.end(), static_cast<unsigned char*>(map));
+    ksUnmapBuffer(KS_PIXEL_UNPACK_BUFFER);
+    ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, saved);
+}
+
+} // namespace WrapperTest
+
+#endif // VIREO_TESTS_KESTRELWRAPPER_SLOTPROBES_H
