@@ -220,24 +220,27 @@ TEST_F(ShaderFixture, DeleteListenersRunBeforeTheHandleGoes)
     IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
     const std::string handle = Describe(shader->GetKSShader());
     CallLog log;
-    Watcher watchers[3];
+    Watcher watchers[4]; // [0] is added and taken away again
     for (Watcher& watcher : watchers)
         watcher.probe = [&log, shader]
         { return Describe(shader->GetKSShader()) + " deletes " + Count(log, "ksDeleteShader"); };
-    watchers[1].bAnswer = false;
-    for (int i : {2, 1, 0})
+    watchers[2].bAnswer = false;
+    for (int i : {3, 2, 1, 0})
     {
         FastDelegate1<IKSShader*, bool> listener = MakeDelegate(&watchers[i], &Watcher::OnShader);
-        shader->AddListenerDelete(listener);
+        EXPECT_TRUE(shader->AddListenerDelete(listener));
     }
-    FastDelegate0<bool> change = MakeDelegate(&watchers[2], &Watcher::OnChange);
-    shader->AddListenerChange(change);
+    FastDelegate1<IKSShader*, bool> removed = MakeDelegate(&watchers[0], &Watcher::OnShader);
+    EXPECT_TRUE(shader->RemoveListenerDelete(removed));
+    FastDelegate0<bool> change = MakeDelegate(&watchers[3], &Watcher::OnChange);
+    EXPECT_TRUE(shader->AddListenerChange(change));
 
     EXPECT_TRUE(_pContext->DestroyIKSShader(shader));
     const std::vector<std::string> heard = {"shader:" + handle + " deletes 0"};
-    EXPECT_EQ(watchers[0].seen, heard);
+    EXPECT_EQ(watchers[0].seen, std::vector<std::string>{}) << "removed";
     EXPECT_EQ(watchers[1].seen, heard);
-    EXPECT_EQ(watchers[2].seen, std::vector<std::string>{}) << "hidden by a false answer";
+    EXPECT_EQ(watchers[2].seen, heard);
+    EXPECT_EQ(watchers[3].seen, std::vector<std::string>{}) << "hidden by a false answer";
     EXPECT_EQ(log.CallsOf("ksDeleteShader"), Calls{"ksDeleteShader(" + handle + ")"});
 }
 
@@ -304,13 +307,13 @@ TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
     for (Watcher* watcher : {&watchers[1], &watchers[0]})
     {
         FastDelegate1<IKSProgram*, bool> onLink = MakeDelegate(watcher, &Watcher::OnProgram);
-        program->AddListenerLink(onLink);
+        EXPECT_TRUE(program->AddListenerLink(onLink));
     }
     FastDelegate1<IKSProgram*, bool> onDelete = MakeDelegate(&watchers[2], &Watcher::OnProgram);
     FastDelegate1<IKSProgram*, bool> removed = MakeDelegate(&watchers[1], &Watcher::OnProgram);
-    program->AddListenerDelete(onDelete);
-    program->AddListenerDelete(removed);
-    program->RemoveListenerDelete(removed);
+    EXPECT_TRUE(program->AddListenerDelete(onDelete));
+    EXPECT_TRUE(program->AddListenerDelete(removed));
+    EXPECT_TRUE(program->RemoveListenerDelete(removed));
 
     // A failed link prints the name as text, nothing between the quotes for
     // an unnamed program.
