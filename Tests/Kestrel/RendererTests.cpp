@@ -245,13 +245,16 @@ public:
         ASSERT_NO_KS_ERROR();
     }
 
-    // Starts a case of a table over: a new context with fresh targets, each
-    // blended by `mode` when one is given.
-    void Start(int count, int width, int height, int mode = 0)
+    // Starts a case of a table over: a new context (with that many render
+    // threads when given) with fresh targets, each blended by `mode` when one
+    // is given.
+    void Start(int count, int width, int height, int mode = 0, long long threads = -1)
     {
         KestrelDestroyContext(_pContext);
         _images.clear();
-        _pContext = KestrelCreateContext(nullptr, &NoticeRecorder::Callback, &_recorder);
+        const long long attributes[] = {KS_CONTEXT_RENDER_THREADS, threads, 0};
+        _pContext = KestrelCreateContext(threads < 0 ? nullptr : attributes,
+                                         &NoticeRecorder::Callback, &_recorder);
         ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
         Targets(count, width, height);
         for (int i = 0; mode && i < count; ++i)
@@ -1187,21 +1190,12 @@ TEST_F(Renderer, ImagesDoNotDependOnTheThreadCount)
     std::vector<std::vector<float>> images;
     for (long long threads : {1LL, 2LL, 0LL}) // 0: one per core
     {
-        const long long attributes[] = {KS_CONTEXT_RENDER_THREADS, threads, 0};
-        void* context = KestrelCreateContext(attributes, nullptr, nullptr);
-        ASSERT_EQ(KestrelSetCurrentContext(context), 1);
-        _images.clear();
-        Targets(2, 70, 50);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-        SetAttachment(1, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        Start(2, 70, 50, KS_BLEND_MODE_2, threads);
         BuildRichScene(*this);
         Render(2);
         images.push_back(_images[0]);
         images.back().insert(images.back().end(), _images[1].begin(), _images[1].end());
-        KestrelDestroyContext(context);
     }
-    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    ASSERT_EQ(images.size(), 3u);
     EXPECT_EQ(images[0], images[1]);
     EXPECT_EQ(images[0], images[2]);
     // Not a blank picture that any thread count would agree on.
