@@ -54,7 +54,10 @@ protected:
     KSprimitive _ePrimitive = KSprimitive(0);
 };
 
-TEST_F(KestrelUniformValues, EachSetterStoresItsTypeCountAndValues)
+// Without a program in use every setter is taken and stores its type, count
+// and values (the last call at a location wins); under a program only the
+// setters of the declared type are.
+TEST_F(KestrelUniformValues, EachSetterStoresItsValuesAndMustMatchTheDeclaredType)
 {
     _KStexture* textures[2] = {NewTexture(), nullptr};
     const KSprimitive others[2] = {NewPrimitive(), KSprimitive(0)};
@@ -104,13 +107,46 @@ TEST_F(KestrelUniformValues, EachSetterStoresItsTypeCountAndValues)
     {
         SCOPED_TRACE(c.stored);
         c.set(location);
-        // The same location again, after another type: the last call wins.
         ksUniform1i(location + 100, 1);
         c.set(location + 100);
         ASSERT_NO_KS_ERROR();
         EXPECT_EQ(Stored(_ePrimitive, location), c.stored);
         EXPECT_EQ(Stored(_ePrimitive, location + 100), c.stored);
         ++location;
+    }
+
+    const auto typeOf = [](const std::string& stored)
+    { return stored.substr(0, stored.find(' ')); };
+    std::string source;
+    for (const auto& c : cases)
+        if (source.find(" " + typeOf(c.stored) + " ") == std::string::npos)
+            source += "uniform " + typeOf(c.stored) + " u_" + typeOf(c.stored) + ";\n";
+    _KSshader* shader = ksCreateShader(KS_LINK_ONCE_SHADER);
+    const char* text = source.c_str();
+    ksShaderSource(shader, 1, &text, nullptr);
+    ksCompileShader(shader);
+    _KSprogram* program = ksCreateProgram();
+    ksAttachShader(program, shader);
+    ksLinkProgram(program);
+    ksUseProgram(program);
+    ASSERT_NO_KS_ERROR();
+    for (const auto& declared : cases)
+    {
+        const std::string type = typeOf(declared.stored);
+        const int at = ksGetUniformLocation(program, ("u_" + type).c_str());
+        ASSERT_GE(at, 0) << type;
+        for (const auto& used : cases)
+        {
+            SCOPED_TRACE(type + " set as " + used.stored);
+            used.set(at);
+            if (typeOf(used.stored) != type)
+            {
+                EXPECT_KS_ERROR(KS_INVALID_OPERATION);
+                continue;
+            }
+            EXPECT_NO_KS_ERROR();
+            EXPECT_EQ(Stored(_ePrimitive, at), used.stored);
+        }
     }
 }
 

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <string>
@@ -440,58 +439,6 @@ TEST_F(ShadingLanguage, LinksUseTheLastGoodCompile)
     Kestrel::Testing::InjectFault("ksCompileShader");
     EXPECT_EQ(relink(nullptr, true), failed);
     EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(ShadingLanguage, UniformCallsMustMatchTheDeclaredType)
-{
-    static const float floats[16] = {};
-    static const int ints[4] = {};
-    const struct
-    {
-        const char* type;
-        std::function<void(int)> set;
-    } setters[] = {
-        {"float", [](int l) { ksUniform1f(l, 1.0f); }},
-        {"int", [](int l) { ksUniform1i(l, 1); }},
-        {"vec2", [](int l) { ksUniform2fv(l, 1, floats); }},
-        {"vec3", [](int l) { ksUniform3fv(l, 1, floats); }},
-        {"vec4", [](int l) { ksUniform4fv(l, 1, floats); }},
-        {"ivec2", [](int l) { ksUniform2iv(l, 1, ints); }},
-        {"ivec3", [](int l) { ksUniform3iv(l, 1, ints); }},
-        {"ivec4", [](int l) { ksUniform4iv(l, 1, ints); }},
-        {"mat3", [](int l) { ksUniformMatrix3fv(l, 1, 0, floats); }},
-        {"mat4", [](int l) { ksUniformMatrix4fv(l, 1, 0, floats); }},
-        {"texture", [](int l) { ksUniformt(l, nullptr); }},
-        {"primitive", [](int l) { ksUniformp(l, KSprimitive(0)); }},
-    };
-    std::string source;
-    for (const auto& s : setters)
-        source += std::string("uniform ") + s.type + " u_" + s.type + ";\n";
-    _KSprogram* program = Linked({Shader(kOnce, source.c_str())});
-    const KSprimitive primitive = NewPrimitive();
-    ksBindPrimitive(KS_PRIMITIVE, primitive);
-    ksUseProgram(program);
-    ASSERT_NO_KS_ERROR();
-    for (int declared = 0; declared < 12; ++declared)
-    {
-        ASSERT_EQ(
-            ksGetUniformLocation(program, (std::string("u_") + setters[declared].type).c_str()),
-            declared);
-        for (const auto& used : setters)
-        {
-            SCOPED_TRACE(std::string(setters[declared].type) + " set as " + used.type);
-            used.set(declared);
-            if (used.type != setters[declared].type)
-            {
-                EXPECT_KS_ERROR(KS_INVALID_OPERATION);
-                continue;
-            }
-            EXPECT_NO_KS_ERROR();
-            Kestrel::Testing::UniformRecord stored;
-            ASSERT_TRUE(Kestrel::Testing::ReadUniform(primitive, declared, &stored));
-            EXPECT_EQ(stored.type, used.type);
-        }
-    }
 }
 
 } // namespace
