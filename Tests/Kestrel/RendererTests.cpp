@@ -1110,30 +1110,41 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
     }
 }
 
-TEST_F(Renderer, NegativeLobesWeighOnlyWhatIsAdded)
+// A sample weighs the table's magnitude over its integral, with the sign of
+// its cell: with {3, -1} it weighs +2 or -2, a quarter of the samples
+// negative, and averages to 1. Lobes that cancel keep their bare signs; a
+// table of no weight is no table. Only what is added is weighed.
+TEST_F(Renderer, FilterWeightsFollowTheTable)
 {
-    // Three quarters of the table's weight positive, one quarter negative:
-    // samples then weigh +2 or -2, and average to 1.
-    const float table[4] = {3.0f, -1.0f, 0.0f, 0.0f};
-    Targets(2, 32, 32);
-    SetAttachment(0, KS_ATTACHMENT_FILTER, 1);
-    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-    SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
-    Frame("output(0, radiance);\noutput(1, radiance);\n", {{"sky", {1, 0.5f, 0.25f}}});
-    SetFilter(1.0f, 2, table);
-    Render();
-    int negative = 0;
-    for (int y = 0; y < 32; ++y)
-        for (int x = 0; x < 32; ++x)
-        {
-            const float* added = At(0, x, y);
-            const float sign = added[0] < 0.0f ? -1.0f : 1.0f;
-            negative += sign < 0.0f;
-            EXPECT_EQ(added[0], 2.0f * sign);
-            EXPECT_EQ(added[2], 0.5f * sign);
-            EXPECT_EQ(At(1, x, y)[1], 0.5f) << "a replaced sample is not weighed";
-        }
-    EXPECT_NEAR(negative, 256, 48);
+    const struct
+    {
+        std::array<float, 4> table;
+        float weight;
+        int negative; // of 1024 samples
+    } cases[] = {{{3, -1, 0, 0}, 2, 256}, {{1, -1, 0, 0}, 1, 512}, {{0, kNaN, 0, 0}, 1, 0}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.table[0] << " " << c.table[1]);
+        Start(2, 32, 32);
+        SetAttachment(0, KS_ATTACHMENT_FILTER, 1);
+        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
+        Frame("output(0, radiance);\noutput(1, radiance);\n", {{"sky", {1, 0.5f, 0.25f}}});
+        SetFilter(1.0f, 2, c.table.data());
+        Render();
+        int negative = 0;
+        for (int y = 0; y < 32; ++y)
+            for (int x = 0; x < 32; ++x)
+            {
+                const float* added = At(0, x, y);
+                const float sign = added[0] < 0.0f ? -1.0f : 1.0f;
+                negative += sign < 0.0f;
+                EXPECT_EQ(added[0], c.weight * sign);
+                EXPECT_EQ(added[2], 0.25f * c.weight * sign);
+                EXPECT_EQ(At(1, x, y)[1], 0.5f) << "a replaced sample is not weighed";
+            }
+        EXPECT_NEAR(negative, c.negative, 48);
+    }
 }
 
 // ---------------------------------------------------------------------------
