@@ -404,18 +404,22 @@ TEST_F(Renderer, ShapesAndTransformsPlaceSurfaces)
     for (const Case& c : cases)
     {
         SCOPED_TRACE(c.source);
-        Start(2, 16, 16);
-        Frame("output(0, depth);\noutput(1, normal);\n");
-        Shape(c.source, kDiffuse, c.uniforms);
+        Start(3, 16, 16);
+        ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 0);
+        Frame("output(0, depth);\noutput(1, normal);\noutput(2, radiance);\n");
+        Shape(c.source, kMetallicRoughness, c.uniforms);
+        Set({{"emission", {1, 1, 1}}});
         if (!c.mesh.empty())
             Mesh(c.mesh);
         Render();
-        // These pixels lie within 0.1 radians of the view's axis.
+        // These pixels lie within 0.1 radians of the view's axis. Only the
+        // front emits: the outside of a shape faces the camera.
         for (int y = 7; y <= 8; ++y)
             for (int x = 7; x <= 8; ++x)
             {
                 EXPECT_NEAR(At(0, x, y)[0], 4.05f, 0.05f);
                 EXPECT_GT(At(1, x, y)[2], 0.95f);
+                EXPECT_EQ(At(2, x, y)[0], 1.0f);
             }
         EXPECT_EQ(At(0, 0, 0)[0] > 0.0f, !c.bounded);
         EXPECT_EQ(At(0, 15, 15)[0] > 0.0f, !c.bounded);
