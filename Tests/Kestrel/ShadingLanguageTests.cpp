@@ -155,6 +155,8 @@ const CompileCase kCompileCases[] = {
     {kOnce, "uniform vec3 c;\n/* open", "2:1: error: unterminated comment\n"},
     // Syntax and recovery.
     {kOnce, "uniform radius;", "1:9: error: expected a type, found 'radius'\n"},
+    {kOnce, "uniform 5 x;", "1:9: error: expected a type, found '5'\n"},
+    {kOnce, "attribute uniform c;", "1:11: error: expected a type, found 'uniform'\n"},
     {kOnce, "attribute v\nuniform vec3 c;", "1:11: error: expected a type, found 'v'\n"},
     {kOnce, "uniform float vec3;", "1:15: error: 'vec3' is a reserved word\n"},
     {kVertex, "sphere(vec3(0, 0, 0) 1);", "1:22: error: expected ',' or ')', found '1'\n"},
