@@ -475,6 +475,21 @@ TEST_F(Renderer, FurnaceGivesWhatEachMaterialPromises)
     }
 }
 
+// Between two facing diffuse planes of albedo 1/2 every path bounces until
+// the depth limit or the roulette ends it: the first two bounces always go
+// on, each later one with the chance of its throughput (1/8, then 1/2 once
+// rescaled). A limit of 4 thus gives 2 + (1 + 1/2) / 8 secondary rays a path.
+TEST_F(Renderer, RouletteStartsAtTheThirdBounce)
+{
+    Targets(1, 32, 32);
+    ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 4);
+    Frame("output(0, radiance);\n");
+    for (const char* plane : {kFloor, "plane(vec3(0, 1, 0), vec3(0, -1, 0));\n"})
+        Shape(plane, kDiffuse, {{"albedo", {0.5f, 0.5f, 0.5f}}});
+    Render();
+    EXPECT_NEAR(Statistic(KS_FRAME_STATISTIC_6) / 1024.0, 2.0 + 1.5 / 8, 0.05);
+}
+
 // A diffuse floor lit by an emitter alone: the picture's middle shows the
 // floor point below the camera, whose radiance has a closed form.
 TEST_F(Renderer, DirectLightMatchesTheClosedForms)
