@@ -329,7 +329,6 @@ TEST_F(Renderer, SphereMakesADiscInEveryChannel)
     // The sphere's angular radius is asin(1/5); half the image is 30 degrees.
     const double radius = 16.0 * std::tan(std::asin(0.2)) / std::tan(kPi / 6.0);
     int covered = 0;
-    double cx = 0.0, cy = 0.0;
     for (int y = 0; y < 32; ++y)
         for (int x = 0; x < 32; ++x)
         {
@@ -340,8 +339,6 @@ TEST_F(Renderer, SphereMakesADiscInEveryChannel)
             if (depth > 0.0f)
             {
                 ++covered;
-                cx += x + 0.5;
-                cy += y + 0.5;
                 EXPECT_LT(r, radius + 1.0) << x << "," << y;
                 EXPECT_EQ(std::vector<float>(albedo, albedo + 3),
                           (std::vector<float>{0.5f, 0.25f, 0.125f}));
@@ -359,9 +356,6 @@ TEST_F(Renderer, SphereMakesADiscInEveryChannel)
             }
         }
     EXPECT_NEAR(covered, kPi * radius * radius, 12.0);
-    ASSERT_GT(covered, 0);
-    EXPECT_NEAR(cx / covered, 16.0, 0.3);
-    EXPECT_NEAR(cy / covered, 16.0, 0.3);
     // The middle of the disc is the sphere's nearest point, facing us; the
     // pixel there spans 0.05 radians.
     EXPECT_NEAR(At(2, 16, 16)[0], 4.015f, 0.015f);
