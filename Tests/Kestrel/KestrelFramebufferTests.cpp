@@ -104,9 +104,12 @@ TEST_F(KestrelFramebuffers, DetachedAndDeletedTexturesAreNoLongerWritten)
     EXPECT_TRUE(Filled(images[0], 2.0f));
     EXPECT_TRUE(Filled(images[1], kOld)) << "detached attachment was cleared";
     EXPECT_TRUE(Filled(images[2], kOld)) << "deleted texture stayed attached";
-    // Detaching what is not attached, or was deleted, is silent.
+    // Detaching what is not attached, or was deleted, is silent; so are
+    // counts of nothing.
     Attach(1, nullptr);
     Attach(5, nullptr);
+    ksGenFramebuffers(0, nullptr);
+    ksDeleteFramebuffers(0, nullptr);
     EXPECT_NO_KS_ERROR();
 }
 

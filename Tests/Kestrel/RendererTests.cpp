@@ -867,6 +867,20 @@ TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
         EXPECT_NEAR(At(0, 3, 8)[0], leaning ? -x / std::sqrt(x * x + 1) : 0.0, 0.05);
         EXPECT_NEAR(At(0, 12, 8)[2], leaning ? 1 / std::sqrt(x * x + 1) : 1.0, 0.05);
     }
+
+    // Shading normals all tilted 60 degrees in a sky of 1: a quarter of the
+    // cosine samples about them dip below the surface and are lost.
+    for (int v = 0; v < 4; ++v)
+    {
+        quad.vertices[8 * v + 3] = std::sqrt(0.75f);
+        quad.vertices[8 * v + 5] = 0.5f;
+    }
+    DrawQuad(*this, quad, kDiffuse, "output(0, radiance);\n");
+    Frame("output(0, radiance);\n", {{"sky", {1, 1, 1}}, {"fov", {40}}});
+    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+    ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
+    Render(16);
+    EXPECT_NEAR(Mean(0, 5, 5, 11, 11) / 16, 0.75 * 0.8, 0.05);
 }
 
 TEST_F(Renderer, IndexedMeshLeavesOutWhatItCannotRead)
