@@ -2,6 +2,7 @@
 // values, primitive state, texture images, parameters and mip levels.
 #include "KestrelFixture.h"
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -292,9 +293,15 @@ TEST_F(KestrelTextureContents, ImagesAreCopiedUnlessClientStorage)
     ASSERT_EQ(record.bytes.size(), source.size());
     EXPECT_EQ(record.bytes[5], 42);
 
-    // A rejected image leaves the previous one in place.
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 1, 1, 0, KS_RGBA, 0x1234, nullptr);
-    EXPECT_KS_ERROR(KS_INVALID_ENUM);
+    // A rejected image leaves the previous one in place. Formats and type
+    // of 0 stand for no image only all together.
+    for (const auto [internal, format, type] : {std::array<int, 3>{KS_RGBA, KS_RGBA, 0x1234},
+                                                {0, KS_RGBA, KS_UNSIGNED_BYTE},
+                                                {KS_RGBA, 0, 0}})
+    {
+        ksTexImage2D(KS_TEXTURE_2D, 0, internal, 1, 1, 0, format, type, nullptr);
+        EXPECT_KS_ERROR(KS_INVALID_ENUM) << Hex(internal) << " " << Hex(format) << " " << Hex(type);
+    }
     record = Level(0);
     EXPECT_EQ(record.width, 3);
     EXPECT_TRUE(record.clientStorage);
