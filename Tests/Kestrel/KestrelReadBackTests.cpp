@@ -4,9 +4,9 @@
 
 #include <array>
 #include <cstdint>
-#include <cstring>
 #include <functional>
 #include <sstream>
+#include <string>
 #include <vector>
 
 namespace KestrelTest
@@ -15,11 +15,6 @@ namespace
 {
 
 using namespace Kestrel::Testing;
-
-std::uintptr_t Id(const void* handle)
-{
-    return reinterpret_cast<std::uintptr_t>(handle);
-}
 
 // ---------------------------------------------------------------------------
 // Uniform values
@@ -77,7 +72,8 @@ TEST_F(KestrelUniformValues, EachSetterStoresItsValuesAndMustMatchTheDeclaredTyp
                 rows4[m * 16 + r * 4 + c] = static_cast<float>(m * 100 + r * 10 + c);
                 stored4 += " f" + std::to_string(m * 100 + c * 10 + r);
             }
-    const std::string texture = " h" + std::to_string(Id(textures[0]));
+    const std::string texture =
+        " h" + std::to_string(reinterpret_cast<std::uintptr_t>(textures[0]));
     const std::string primitive = " h" + std::to_string(static_cast<unsigned long long>(others[0]));
 
     const struct
