@@ -222,16 +222,19 @@ TEST_F(KestrelUniformValues, PrimitiveRecordsNameProgramAndBlocks)
     EXPECT_EQ(record.name, "teapot");
     EXPECT_EQ(record.program, program);
     EXPECT_EQ(record.blocks, Blocks({{1, buffers[1]}, {3, buffers[1]}}));
-    // Null takes the program away; so does deleting it, and deleting a
-    // buffer takes it out of the blocks.
+    // Null takes the program away; so does deleting it, from the frame
+    // primitive too, and deleting a buffer takes it out of the blocks.
     ksUseProgram(nullptr);
     EXPECT_EQ(read(_ePrimitive).program, nullptr);
+    ksUseProgram(program);
+    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
     ksUseProgram(program);
     ksDeleteProgram(program);
     ksDeleteBuffers(1, &buffers[1]);
     record = read(_ePrimitive);
     EXPECT_EQ(record.program, nullptr);
     EXPECT_EQ(record.blocks, Blocks());
+    EXPECT_EQ(read(KSprimitive(0)).program, nullptr);
     KSprimitive gone = NewPrimitive();
     ksDeletePrimitives(1, &gone);
     EXPECT_FALSE(ReadPrimitive(gone, &record));

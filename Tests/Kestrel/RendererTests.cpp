@@ -758,6 +758,9 @@ TEST_F(Renderer, MetallicRoughnessStaysFiniteAndPositive)
                 SetTexture(map, texture);
         }
         Shape(kSphere, kEmissive, {{"centre", {2, 3, 0}}, {"radiance", {5, 5, 5}}});
+        // A light so small that the square of its density overflows.
+        Shape(kSphere, kEmissive,
+              {{"centre", {-2, 3, 0}}, {"radius", {1e-11f}}, {"radiance", {5, 5, 5}}});
         for (int frame = 0; frame < 4; ++frame)
         {
             Render();
