@@ -2,11 +2,9 @@
 // statistics.
 #include "KestrelFixture.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace KestrelTest
@@ -16,9 +14,9 @@ namespace
 
 using Kestrel::Testing::AutoRenderHook;
 
-constexpr float kUntouched = -123.0f;
+constexpr float kOld = -123.0f; // what an attachment holds until written
 
-// A frame buffer, bound, with helpers for attachments whose storage is ours.
+// A bound frame buffer, with attachments whose storage is ours.
 class KestrelFramebuffers : public KestrelFixture
 {
 protected:
@@ -27,29 +25,22 @@ protected:
     void SetUp() override
     {
         KestrelFixture::SetUp();
-        _pFramebuffer = NewFramebuffer();
-        ksBindFramebuffer(KS_FRAMEBUFFER, _pFramebuffer);
+        ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
         ASSERT_NO_KS_ERROR();
     }
 
-    // Attaches a fresh 2x2 client-storage image at `index`, filled with kUntouched.
+    // Attaches a fresh 2x2 client-storage image at `index`, filled with kOld.
     _KStexture* AttachImage(int index, Image& image)
     {
-        image.fill(kUntouched);
-        _KStexture* texture =
-            NewClientTexture(2, 2, KS_RGBA, KS_FLOAT, static_cast<void*>(image.data()));
+        image.fill(kOld);
+        _KStexture* texture = NewClientTexture(2, 2, KS_RGBA, KS_FLOAT, image.data());
         Attach(index, texture);
         return texture;
     }
 
     static bool Filled(const Image& image, float value)
     {
-        for (float f : image)
-        {
-            if (f != value)
-                return false;
-        }
-        return true;
+        return std::all_of(image.begin(), image.end(), [=](float f) { return f == value; });
     }
 
     static int FramesRendered()
@@ -58,47 +49,43 @@ protected:
         ksGetIntegerv(KS_FRAME_STATISTIC_5, &frames);
         return frames;
     }
-
-    _KSframebuffer* _pFramebuffer = nullptr;
 };
 
+// Each step clears the attachments its mask names; a mask with a bit below
+// the first attachment's is refused whole and writes nothing.
 TEST_F(KestrelFramebuffers, ClearMaskSelectsAttachments)
 {
     Image images[4];
     const int indices[4] = {0, 1, 2, 15};
     for (int i = 0; i < 4; ++i)
         AttachImage(indices[i], images[i]);
-    ASSERT_NO_KS_ERROR();
-
-    struct Step
+    const unsigned bit = KS_COLOR_ATTACHMENT0_BIT;
+    const struct
     {
-        const char* label;
         unsigned mask;
-        float color;
+        float colour;
         float expected[4]; // of the attachments at 0, 1, 2, 15 after the step
+        int error;
+    } steps[] = {
+        {bit << 2, 0.5f, {kOld, kOld, 0.5f, kOld}, KS_NO_ERROR},
+        {bit | (bit << 15), 0.25f, {0.25f, kOld, 0.5f, 0.25f}, KS_NO_ERROR},
+        {0x1u, 3, {0.25f, kOld, 0.5f, 0.25f}, KS_INVALID_VALUE},
+        {0x2000u, 3, {0.25f, kOld, 0.5f, 0.25f}, KS_INVALID_VALUE},
+        {KS_COLOR_BUFFER_BIT | 0x1u, 3, {0.25f, kOld, 0.5f, 0.25f}, KS_INVALID_VALUE},
+        {(bit << 16) | 0x1000u, 3, {0.25f, kOld, 0.5f, 0.25f}, KS_INVALID_VALUE},
+        {KS_COLOR_BUFFER_BIT, 1.0f, {1.0f, 1.0f, 1.0f, 1.0f}, KS_NO_ERROR},
+        {bit << 1, 0.0f, {1.0f, 0.0f, 1.0f, 1.0f}, KS_NO_ERROR},
+        {bit << 7, 3.0f, {1.0f, 0.0f, 1.0f, 1.0f}, KS_NO_ERROR}, // nothing attached there
     };
-    const Step steps[] = {
-        {"attachment 2 alone",
-         KS_COLOR_ATTACHMENT0_BIT << 2,
-         0.5f,
-         {kUntouched, kUntouched, 0.5f, kUntouched}},
-        {"attachments 0 and 15",
-         KS_COLOR_ATTACHMENT0_BIT | (KS_COLOR_ATTACHMENT0_BIT << 15),
-         0.25f,
-         {0.25f, kUntouched, 0.5f, 0.25f}},
-        {"all", KS_COLOR_BUFFER_BIT, 1.0f, {1.0f, 1.0f, 1.0f, 1.0f}},
-        {"attachment 1 alone", KS_COLOR_ATTACHMENT0_BIT << 1, 0.0f, {1.0f, 0.0f, 1.0f, 1.0f}},
-        {"an index with nothing attached",
-         KS_COLOR_ATTACHMENT0_BIT << 7,
-         3.0f,
-         {1.0f, 0.0f, 1.0f, 1.0f}},
-    };
-    for (const Step& s : steps)
+    for (const auto& s : steps)
     {
-        SCOPED_TRACE(s.label);
-        ksClearColor(s.color, s.color, s.color, s.color);
+        SCOPED_TRACE(Hex(static_cast<int>(s.mask)));
+        ksClearColor(s.colour, s.colour, s.colour, s.colour);
         ksClear(s.mask);
-        EXPECT_NO_KS_ERROR();
+        if (s.error)
+            EXPECT_KS_ERROR_IN(s.error, "ksClear");
+        else
+            EXPECT_NO_KS_ERROR();
         for (int i = 0; i < 4; ++i)
             EXPECT_TRUE(Filled(images[i], s.expected[i])) << "attachment " << indices[i];
     }
@@ -112,17 +99,17 @@ TEST_F(KestrelFramebuffers, DetachedAndDeletedTexturesAreNoLongerWritten)
     _KStexture* third = AttachImage(2, images[2]);
     Attach(1, nullptr);
     ksDeleteTextures(1, &third);
-    ASSERT_NO_KS_ERROR();
     ksClearColor(2, 2, 2, 2);
     ksClear(KS_COLOR_BUFFER_BIT);
-    EXPECT_NO_KS_ERROR();
     EXPECT_TRUE(Filled(images[0], 2.0f));
-    EXPECT_TRUE(Filled(images[1], kUntouched)) << "detached attachment was cleared";
-    EXPECT_TRUE(Filled(images[2], kUntouched)) << "deleted texture stayed attached";
-
-    // Detaching what is not attached, or was deleted, is silent.
+    EXPECT_TRUE(Filled(images[1], kOld)) << "detached attachment was cleared";
+    EXPECT_TRUE(Filled(images[2], kOld)) << "deleted texture stayed attached";
+    // Detaching what is not attached, or was deleted, is silent; so are
+    // counts of nothing.
     Attach(1, nullptr);
     Attach(5, nullptr);
+    ksGenFramebuffers(0, nullptr);
+    ksDeleteFramebuffers(0, nullptr);
     EXPECT_NO_KS_ERROR();
 }
 
@@ -141,74 +128,51 @@ TEST_F(KestrelFramebuffers, ClearAndRenderNeedABoundFrameBuffer)
     EXPECT_EQ(FramesRendered(), 0);
 }
 
-TEST_F(KestrelFramebuffers, ClearRejectsUnknownMaskBits)
-{
-    Image image;
-    AttachImage(0, image);
-    // Every bit from the first attachment's up names one; those below do not.
-    for (unsigned mask : {0x1u, 0x2000u, KS_COLOR_BUFFER_BIT | 0x1u, 0x80000000u | 0x1000u})
-    {
-        ksClear(mask);
-        EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksClear") << Hex(static_cast<int>(mask));
-    }
-    EXPECT_TRUE(Filled(image, kUntouched)) << "a rejected clear wrote";
-}
-
 TEST_F(KestrelFramebuffers, AttachmentArgumentsAreChecked)
 {
     _KStexture* texture = NewTexture();
+    const int first = KS_COLOR_ATTACHMENT0;
     const struct
     {
-        const char* label;
-        int target, point, textureTarget, level;
-        int error;
+        int target, point, textureTarget, level, error;
     } attaches[] = {
-        {"target", KS_FRAMEBUFFER_BINDING, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
-        {"point below", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 - 1, KS_TEXTURE_2D, 0,
-         KS_INVALID_ENUM},
-        {"point 17", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 + 17, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
-        {"texture target", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_BINDING_2D, 0,
-         KS_INVALID_ENUM},
-        {"level", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, 1, KS_INVALID_VALUE},
+        {KS_FRAMEBUFFER_BINDING, first, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, first - 1, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, first + 17, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, first, KS_TEXTURE_BINDING_2D, 0, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, first, KS_TEXTURE_2D, 1, KS_INVALID_VALUE},
     };
     for (const auto& c : attaches)
     {
         ksFramebufferTexture2D(c.target, c.point, c.textureTarget, texture, c.level);
-        EXPECT_KS_ERROR_IN(c.error, "ksFramebufferTexture2D") << c.label;
+        EXPECT_KS_ERROR_IN(c.error, "ksFramebufferTexture2D") << Hex(c.point);
     }
 
-    const int point = KS_COLOR_ATTACHMENT0 + 3;
-    for (int value : {0, 1})
-    {
-        ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, value);
-        EXPECT_NO_KS_ERROR();
-    }
-    for (int mode : {KS_BLEND_MODE_0, KS_BLEND_MODE_1, KS_BLEND_MODE_2, KS_BLEND_MODE_3})
-    {
-        ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, mode);
-        EXPECT_NO_KS_ERROR();
-    }
+    const int point = first + 3;
     const struct
     {
-        const char* label;
-        int target, point, name, value;
-        int error;
+        int target, point, name, value, error;
     } parameters[] = {
-        {"filter 2", KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 2, KS_INVALID_VALUE},
-        {"filter -1", KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, -1, KS_INVALID_VALUE},
-        {"blend mode", KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_3 + 1,
-         KS_INVALID_ENUM},
-        {"blend mode 1 as number", KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, 1,
-         KS_INVALID_ENUM},
-        {"name", KS_FRAMEBUFFER, point, 0x10322, 0, KS_INVALID_ENUM},
-        {"point", KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0 + 17, KS_ATTACHMENT_FILTER, 1,
-         KS_INVALID_ENUM},
-        {"target", KS_TEXTURE_2D, point, KS_ATTACHMENT_FILTER, 1, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 0, KS_NO_ERROR},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 1, KS_NO_ERROR},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_3, KS_NO_ERROR},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 2, KS_INVALID_VALUE},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, -1, KS_INVALID_VALUE},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_3 + 1, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, 1, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, point, 0x10322, 0, KS_INVALID_ENUM},
+        {KS_FRAMEBUFFER, first + 17, KS_ATTACHMENT_FILTER, 1, KS_INVALID_ENUM},
+        {KS_TEXTURE_2D, point, KS_ATTACHMENT_FILTER, 1, KS_INVALID_ENUM},
     };
     for (const auto& c : parameters)
     {
+        SCOPED_TRACE(testing::Message() << Hex(c.target) << " " << Hex(c.point) << " "
+                                        << Hex(c.name) << " " << c.value);
         ksFramebufferAttachmentParameter1i(c.target, c.point, c.name, c.value);
-        EXPECT_KS_ERROR_IN(c.error, "ksFramebufferAttachmentParameter1i") << c.label;
+        if (c.error)
+            EXPECT_KS_ERROR_IN(c.error, "ksFramebufferAttachmentParameter1i");
+        else
+            EXPECT_NO_KS_ERROR();
     }
 }
 
@@ -217,14 +181,11 @@ TEST_F(KestrelFramebuffers, AttachmentsMustShareOneSize)
     Image small;
     AttachImage(0, small);
     std::array<float, 4 * 4 * 4> large{};
-    _KStexture* bigger =
-        NewClientTexture(4, 4, KS_RGBA, KS_FLOAT, static_cast<void*>(large.data()));
+    _KStexture* bigger = NewClientTexture(4, 4, KS_RGBA, KS_FLOAT, large.data());
     Attach(1, bigger);
-    ASSERT_NO_KS_ERROR();
     ksRenderFrame();
     EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksRenderFrame");
     EXPECT_EQ(FramesRendered(), 0);
-
     ksDeleteTextures(1, &bigger); // leaves only the 2x2 attachment
     ksRenderFrame();
     EXPECT_NO_KS_ERROR();
@@ -234,35 +195,22 @@ TEST_F(KestrelFramebuffers, AttachmentsMustShareOneSize)
 TEST_F(KestrelFramebuffers, StatisticsCountFramesAndViewportPixels)
 {
     std::array<float, 8 * 6 * 4> pixels{};
-    Attach(0, NewClientTexture(8, 6, KS_RGBA, KS_FLOAT, static_cast<void*>(pixels.data())));
-    const auto primaryRays = []
-    {
-        long long rays = -1;
-        ksGetLongv(KS_FRAME_STATISTIC_4, &rays);
-        return rays;
-    };
+    Attach(0, NewClientTexture(8, 6, KS_RGBA, KS_FLOAT, pixels.data()));
+    long long rays = -1;
     EXPECT_EQ(FramesRendered(), 0);
     ksRenderFrame();
-    EXPECT_NO_KS_ERROR();
     EXPECT_EQ(FramesRendered(), 1);
-    EXPECT_EQ(primaryRays(), 8 * 6) << "one sample per pixel of the whole attachment";
-
+    ksGetLongv(KS_FRAME_STATISTIC_4, &rays);
+    EXPECT_EQ(rays, 8 * 6) << "one sample per pixel of the whole attachment";
     ksViewport(1, 1, 3, 2);
     ksRenderFrame();
-    EXPECT_NO_KS_ERROR();
     EXPECT_EQ(FramesRendered(), 2);
-    EXPECT_EQ(primaryRays(), 3 * 2);
-
+    ksGetLongv(KS_FRAME_STATISTIC_4, &rays);
+    EXPECT_EQ(rays, 3 * 2);
     double seconds = -1;
     ksGetDoublev(KS_FRAME_STATISTIC_1, &seconds);
     EXPECT_GE(seconds, 0.0);
-    float hitFraction = -1;
-    ksGetFloatv(KS_FRAME_STATISTIC_8, &hitFraction);
-    EXPECT_GE(hitFraction, 0.0f);
-    EXPECT_LE(hitFraction, 1.0f);
-
-    ksViewport(0, 0, -1, 2);
-    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksViewport");
+    EXPECT_NO_KS_ERROR();
     ksViewport(0, 0, 2, -1);
     EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksViewport");
 }
@@ -284,80 +232,18 @@ protected:
     std::array<float, 64 * 48 * 4> _pixels{};
 };
 
-constexpr auto kPatience = std::chrono::seconds(10);
-
-TEST_F(KestrelRender, StopFromAnotherThreadEndsTheFrameOnce)
-{
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool inHook = false;
-    bool stopSent = false;
-    bool hookTimedOut = false;
-    void* hookContext = nullptr;
-    {
-        AutoRenderHook hook(
-            [&](void* context)
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                hookContext = context;
-                inHook = true;
-                changed.notify_all();
-                hookTimedOut = !changed.wait_for(lock, kPatience, [&] { return stopSent; });
-            });
-        std::thread stopper(
-            [&]
-            {
-                std::unique_lock<std::mutex> lock(mutex);
-                if (!changed.wait_for(lock, kPatience, [&] { return inHook; }))
-                    return;
-                lock.unlock();
-                KestrelStopContext(_pContext);
-                lock.lock();
-                stopSent = true;
-                changed.notify_all();
-            });
-        ksRenderFrame();
-        stopper.join();
-    }
-    ASSERT_TRUE(inHook) << "the render hook never ran";
-    EXPECT_FALSE(hookTimedOut);
-    EXPECT_EQ(hookContext, _pContext);
-    EXPECT_EQ(ksGetError(), KS_RENDER_STOPPED);
-    EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-    const std::vector<Notice> notices = _recorder.Take();
-    ASSERT_EQ(notices.size(), 1u);
-    EXPECT_EQ(notices[0].code, KS_RENDER_STOPPED);
-    EXPECT_EQ(notices[0].message, "frame stopped");
-    EXPECT_EQ(notices[0].userData, &_recorder);
-
-    // The stop does not stick to the next frame.
-    const int before = FramesRendered();
-    ksRenderFrame();
-    EXPECT_NO_KS_ERROR();
-    EXPECT_EQ(FramesRendered(), before + 1);
-}
-
-TEST_F(KestrelRender, StopOutsideAFrameIsForgotten)
-{
-    KestrelStopContext(_pContext);
-    KestrelStopContext(nullptr);
-    KestrelStopContext(ForgedHandle<void>());
-    ksRenderFrame();
-    EXPECT_NO_KS_ERROR();
-    EXPECT_EQ(FramesRendered(), 1);
-}
-
 TEST_F(KestrelRender, HookRunsOncePerFrameOnAWorker)
 {
     std::atomic<int> calls{0};
     std::atomic<bool> onCaller{false};
+    std::atomic<void*> context{nullptr};
     const std::thread::id caller = std::this_thread::get_id();
     AutoRenderHook hook(
-        [&](void*)
+        [&](void* current)
         {
             ++calls;
-            if (std::this_thread::get_id() == caller)
-                onCaller = true;
+            onCaller = onCaller || std::this_thread::get_id() == caller;
+            context = current;
         });
     for (int frame = 1; frame <= 3; ++frame)
     {
@@ -366,7 +252,7 @@ TEST_F(KestrelRender, HookRunsOncePerFrameOnAWorker)
         EXPECT_EQ(calls.load(), frame);
     }
     EXPECT_FALSE(onCaller.load());
-
+    EXPECT_EQ(context.load(), _pContext);
     // Frames that fail validation never reach the hook.
     ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
     ksRenderFrame();
@@ -374,29 +260,35 @@ TEST_F(KestrelRender, HookRunsOncePerFrameOnAWorker)
     EXPECT_EQ(calls.load(), 3);
 }
 
+// A stop ends the frame in progress, once: the frames after it run whole,
+// and a stop outside a frame is forgotten.
 TEST_F(KestrelRender, HookMayStopOrRaise)
 {
-    struct Case
+    KestrelStopContext(_pContext);
+    KestrelStopContext(nullptr);
+    KestrelStopContext(ForgedHandle<void>());
+    const struct
     {
-        const char* label;
         Kestrel::Testing::RenderHook hook;
         int expected;
-    };
-    const Case cases[] = {
-        {"stop from the worker", [](void* context) { KestrelStopContext(context); },
+    } cases[] = {
+        {[](void* context) { KestrelStopContext(context); }, KS_RENDER_STOPPED},
+        {[](void* context) { std::thread([context] { KestrelStopContext(context); }).join(); },
          KS_RENDER_STOPPED},
-        {"raise", [](void*) { Kestrel::Testing::RaiseError(KS_OUT_OF_MEMORY); }, KS_OUT_OF_MEMORY},
-        {"read the error", [](void*) { ksGetError(); }, KS_NO_ERROR},
+        {[](void*) { Kestrel::Testing::RaiseError(KS_OUT_OF_MEMORY); }, KS_OUT_OF_MEMORY},
+        {[](void*) { ksGetError(); }, KS_NO_ERROR}, // the worker reads no error
     };
-    for (const Case& c : cases)
+    ksRenderFrame();
+    EXPECT_NO_KS_ERROR();
+    for (const auto& c : cases)
     {
-        SCOPED_TRACE(c.label);
+        SCOPED_TRACE(Hex(c.expected));
         AutoRenderHook hook(c.hook);
         ksRenderFrame();
-        EXPECT_EQ(ksGetError(), c.expected);
-        EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-        const std::vector<Notice> notices = _recorder.Take();
-        EXPECT_EQ(notices.size(), c.expected == KS_NO_ERROR ? 0u : 1u);
+        if (c.expected)
+            EXPECT_KS_ERROR(c.expected);
+        else
+            EXPECT_NO_KS_ERROR();
     }
 }
 

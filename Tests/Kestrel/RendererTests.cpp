@@ -24,6 +24,7 @@ constexpr int kVertex = KS_VERTEX_SHADER;
 constexpr int kRay = KS_SHADER_KIND_2;
 constexpr int kFrame = KS_SHADER_KIND_3;
 constexpr double kPi = 3.14159265358979323846;
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 
 const char* const kSphere = "uniform vec3 centre;\nuniform float radius = 1.0;\n"
                             "sphere(centre, radius);\n";
@@ -32,6 +33,7 @@ const char* const kPlacedSphere = "uniform vec3 centre;\nuniform float radius = 
                                   "sphere(centre, radius);\ntransform(placement);\n";
 const char* const kBox = "uniform vec3 lo;\nuniform vec3 hi;\nbox(lo, hi);\n";
 const char* const kPlane = "uniform vec3 point;\nuniform vec3 normal;\nplane(point, normal);\n";
+const char* const kFloor = "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n";
 const char* const kMesh = "uniformblock mesh;\ntriangles(mesh);\n";
 const char* const kPlacedMesh = "uniformblock mesh;\nuniform mat4 placement;\n"
                                 "triangles(mesh);\ntransform(placement);\n";
@@ -45,6 +47,11 @@ const char* const kEmissive = "uniform vec3 radiance;\nemissive(radiance);\n";
 const char* const kMirror = "uniform vec3 tint;\nmirror(tint);\n";
 const char* const kGlass = "uniform float ior = 1.5;\nglass(ior);\n";
 const char* const kTextured = "uniform texture map;\ndiffuse_texture(map);\n";
+const char* const kMetallicRoughness =
+    "uniform vec3 base = vec3(1, 1, 1);\nuniform float metallic;\nuniform float roughness = 1;\n"
+    "uniform vec3 emission;\nuniform texture base_map;\nuniform texture mr_map;\n"
+    "uniform texture emission_map;\n"
+    "metallic_roughness(base, metallic, roughness, emission, base_map, mr_map, emission_map);\n";
 
 // The frame shader: a camera and a sky from uniforms, then `outputs`.
 std::string FrameSource(const std::string& outputs)
@@ -53,6 +60,31 @@ std::string FrameSource(const std::string& outputs)
            "uniform vec3 up = vec3(0, 1, 0);\nuniform float fov = 60.0;\nuniform vec3 sky;\n"
            "camera(eye, target, up, fov);\nbackground(sky);\n" +
            outputs;
+}
+
+// A uniform by name: 1, 3 or 16 floats.
+struct Uniform
+{
+    const char* name;
+    std::vector<float> values;
+};
+using Uniforms = std::vector<Uniform>;
+
+// A column-major mat4 that scales by `s` and then moves by `t`.
+std::vector<float> Placement(std::array<float, 3> s, std::array<float, 3> t)
+{
+    return {s[0], 0, 0, 0, 0, s[1], 0, 0, 0, 0, s[2], 0, t[0], t[1], t[2], 1};
+}
+
+// Vertex floats followed by the bits of the indices, as an indexed mesh's
+// block holds them.
+std::vector<float> IndexedBlock(std::vector<float> floats,
+                                const std::vector<std::uint32_t>& indices)
+{
+    const std::size_t vertices = floats.size();
+    floats.resize(vertices + indices.size());
+    std::memcpy(&floats[vertices], indices.data(), indices.size() * sizeof(std::uint32_t));
+    return floats;
 }
 
 using Vec = std::array<double, 3>;
@@ -90,12 +122,6 @@ double ProjectedSolidAngle(const Vec& p, const Vec& n, const std::vector<Vec>& p
     return std::fabs(sum) / 2.0;
 }
 
-// A column-major mat4 that scales by `s` and then moves by `t`.
-std::array<float, 16> Placement(std::array<float, 3> s, std::array<float, 3> t)
-{
-    return {s[0], 0, 0, 0, 0, s[1], 0, 0, 0, 0, s[2], 0, t[0], t[1], t[2], 1};
-}
-
 // Helpers are public: scene builders outside the test bodies use them too.
 class Renderer : public KestrelFixture
 {
@@ -110,67 +136,76 @@ public:
             const char* text = shader.second.c_str();
             ksShaderSource(object, 1, &text, nullptr);
             ksCompileShader(object);
-            int status = 0;
-            ksGetShaderiv(object, KS_COMPILE_STATUS, &status);
-            const char* log = nullptr;
-            ksGetShaderString(object, KS_SHADER_LOG, &log);
-            EXPECT_EQ(status, 1) << shader.second << (log ? log : "");
             ksAttachShader(program, object);
         }
         ksLinkProgram(program);
-        int status = 0;
-        ksGetProgramiv(program, KS_LINK_STATUS, &status);
         const char* log = nullptr;
         ksGetProgramString(program, KS_PROGRAM_LOG, &log);
-        EXPECT_EQ(status, 1) << (log ? log : "");
+        EXPECT_STREQ(log, "") << "a shader did not compile, or the program did not link";
         return program;
     }
 
-    // A primitive drawn with `program`, left bound for Set.
-    // A frame whose narrow camera looks straight down at the origin from 5
-    // units above, so every pixel sees a floor at y = 0 head-on.
-    void LookStraightDown(const std::string& outputs)
-    {
-        UseFrame(Program({{kFrame, FrameSource(outputs)}}));
-        Set("eye", {0, 5, 0});
-        Set("target", {0, 0, 0});
-        Set("up", {0, 0, -1});
-        Set("fov", {0.5f});
-    }
-
-    KSprimitive Primitive(_KSprogram* program)
+    // A new primitive drawn with `program`, left bound for Set.
+    KSprimitive Primitive(_KSprogram* program, const Uniforms& uniforms = {})
     {
         const KSprimitive primitive = NewPrimitive();
         ksBindPrimitive(KS_PRIMITIVE, primitive);
-        ksUseProgram(program);
-        _pProgram = program;
+        Use(program, uniforms);
         return primitive;
+    }
+    KSprimitive Shape(const char* shape, const char* material, const Uniforms& uniforms = {})
+    {
+        return Primitive(Program({{kVertex, shape}, {kRay, material}}), uniforms);
     }
 
     // The frame primitive takes `program`; Set then acts on it.
-    void UseFrame(_KSprogram* program)
+    void UseFrame(_KSprogram* program, const Uniforms& uniforms = {})
     {
         ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
-        ksUseProgram(program);
-        _pProgram = program;
+        Use(program, uniforms);
+    }
+    void Frame(const std::string& outputs, const Uniforms& uniforms = {})
+    {
+        UseFrame(Program({{kFrame, FrameSource(outputs)}}), uniforms);
     }
 
-    // A uniform of the bound primitive by name: 1, 3 or 16 floats.
-    void Set(const char* name, std::initializer_list<float> values)
+    // A narrow camera 5 units above the origin, looking straight down: every
+    // pixel sees a floor at y = 0 head-on.
+    void LookStraightDown(const std::string& outputs, const Uniforms& uniforms = {})
     {
-        const int location = ksGetUniformLocation(_pProgram, name);
-        ASSERT_GE(location, 0) << name;
-        const std::vector<float> v(values);
-        if (v.size() == 1)
-            ksUniform1f(location, v[0]);
-        else if (v.size() == 3)
-            ksUniform3fv(location, 1, v.data());
-        else
-            ksUniformMatrix4fv(location, 1, 0, v.data());
+        Frame(outputs, {{"eye", {0, 5, 0}}, {"target", {0, 0, 0}}, {"up", {0, 0, -1}}});
+        Set({{"fov", {0.5f}}});
+        Set(uniforms);
     }
-    void SetMatrix(const char* name, const std::array<float, 16>& m)
+
+    void Use(_KSprogram* program, const Uniforms& uniforms)
     {
-        ksUniformMatrix4fv(ksGetUniformLocation(_pProgram, name), 1, 0, m.data());
+        ksUseProgram(program);
+        _pProgram = program;
+        Set(uniforms);
+    }
+
+    void Set(const Uniforms& uniforms)
+    {
+        for (const Uniform& u : uniforms)
+        {
+            const int location = ksGetUniformLocation(_pProgram, u.name);
+            ASSERT_GE(location, 0) << u.name;
+            if (u.values.size() == 1)
+                ksUniform1f(location, u.values[0]);
+            else if (u.values.size() == 3)
+                ksUniform3fv(location, 1, u.values.data());
+            else
+                ksUniformMatrix4fv(location, 1, 0, u.values.data());
+        }
+    }
+    void SetTexture(const char* name, _KStexture* texture)
+    {
+        ksUniformt(ksGetUniformLocation(_pProgram, name), texture);
+    }
+    void SetInt(const char* name, int value)
+    {
+        ksUniform1i(ksGetUniformLocation(_pProgram, name), value);
     }
 
     // Triangles for the bound primitive's block "mesh", in a new buffer.
@@ -184,12 +219,23 @@ public:
         return buffer;
     }
 
+    // A bound float texture of `texels`, filtered by `filter` when given.
+    static _KStexture* Texture(int width, int height, int format, const float* texels,
+                               int filter = 0)
+    {
+        _KStexture* texture = NewTexture();
+        ksBindTexture(KS_TEXTURE_2D, texture);
+        ksTexImage2D(KS_TEXTURE_2D, 0, format, width, height, 0, format, KS_FLOAT, texels);
+        if (filter)
+            ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_MAG_FILTER, filter);
+        return texture;
+    }
+
     // A bound frame buffer with `count` RGBA float attachments of one size,
     // cleared to 0.
     void Targets(int count, int width, int height)
     {
         _nWidth = width;
-        _nHeight = height;
         ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
         for (int i = 0; i < count; ++i)
         {
@@ -197,6 +243,22 @@ public:
             Attach(i, NewClientTexture(width, height, KS_RGBA, KS_FLOAT, _images.back().data()));
         }
         ASSERT_NO_KS_ERROR();
+    }
+
+    // Starts a case of a table over: a new context (with that many render
+    // threads when given) with fresh targets, each blended by `mode` when one
+    // is given.
+    void Start(int count, int width, int height, int mode = 0, long long threads = -1)
+    {
+        KestrelDestroyContext(_pContext);
+        _images.clear();
+        const long long attributes[] = {KS_CONTEXT_RENDER_THREADS, threads, 0};
+        _pContext = KestrelCreateContext(threads < 0 ? nullptr : attributes,
+                                         &NoticeRecorder::Callback, &_recorder);
+        ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
+        Targets(count, width, height);
+        for (int i = 0; mode && i < count; ++i)
+            SetAttachment(i, KS_ATTACHMENT_BLEND_MODE, mode);
     }
 
     static void SetAttachment(int index, int name, int value)
@@ -207,25 +269,16 @@ public:
 
     const float* At(int attachment, int x, int y) const
     {
-        return &_images[static_cast<std::size_t>(attachment)]
-                       [(static_cast<std::size_t>(y) * static_cast<std::size_t>(_nWidth) +
-                         static_cast<std::size_t>(x)) *
-                        4];
+        return &_images[attachment][(y * _nWidth + x) * 4];
     }
 
-    // Starts a case of a table over: a new context, nothing in it.
-    void Fresh()
+    void Render(int frames = 1)
     {
-        KestrelDestroyContext(_pContext);
-        _images.clear();
-        _pContext = KestrelCreateContext(nullptr, &NoticeRecorder::Callback, &_recorder);
-        ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    }
-
-    void Render()
-    {
-        ksRenderFrame();
-        ASSERT_NO_KS_ERROR();
+        for (int frame = 0; frame < frames; ++frame)
+        {
+            ksRenderFrame();
+            ASSERT_NO_KS_ERROR();
+        }
     }
 
     // Mean of one component of an attachment over a rectangle.
@@ -238,23 +291,28 @@ public:
         return sum / ((x1 - x0) * (y1 - y0));
     }
 
-    static long long MeshBuilds()
-    {
-        long long builds = -1;
-        EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&builds));
-        return builds;
-    }
     static long long SceneBuilds()
     {
         long long builds = -1;
         EXPECT_TRUE(Kestrel::Testing::CountSceneBuilds(&builds));
         return builds;
     }
+    static long long Statistic(int name)
+    {
+        long long value = -1;
+        ksGetLongv(name, &value);
+        return value;
+    }
+    static float HitFraction()
+    {
+        float hits = -1.0f;
+        ksGetFloatv(KS_FRAME_STATISTIC_8, &hits);
+        return hits;
+    }
 
     _KSprogram* _pProgram = nullptr;
     std::deque<std::vector<float>> _images; // stable addresses: client storage
     int _nWidth = 0;
-    int _nHeight = 0;
 };
 
 // ---------------------------------------------------------------------------
@@ -263,18 +321,14 @@ public:
 TEST_F(Renderer, SphereMakesADiscInEveryChannel)
 {
     Targets(4, 32, 32);
-    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, albedo);\n"
-                                           "output(2, depth);\noutput(3, normal);\n")}}));
-    Set("sky", {0.2f, 0.3f, 0.4f});
-    Primitive(Program({{kVertex, kSphere}, {kRay, kDiffuse}}));
-    Set("centre", {0, 0, -5});
-    Set("albedo", {0.5f, 0.25f, 0.125f});
+    Frame("output(0, radiance);\noutput(1, albedo);\noutput(2, depth);\noutput(3, normal);\n",
+          {{"sky", {0.2f, 0.3f, 0.4f}}});
+    Shape(kSphere, kDiffuse, {{"centre", {0, 0, -5}}, {"albedo", {0.5f, 0.25f, 0.125f}}});
     Render();
 
     // The sphere's angular radius is asin(1/5); half the image is 30 degrees.
     const double radius = 16.0 * std::tan(std::asin(0.2)) / std::tan(kPi / 6.0);
     int covered = 0;
-    double cx = 0.0, cy = 0.0;
     for (int y = 0; y < 32; ++y)
         for (int x = 0; x < 32; ++x)
         {
@@ -285,12 +339,9 @@ TEST_F(Renderer, SphereMakesADiscInEveryChannel)
             if (depth > 0.0f)
             {
                 ++covered;
-                cx += x + 0.5;
-                cy += y + 0.5;
                 EXPECT_LT(r, radius + 1.0) << x << "," << y;
-                EXPECT_EQ(albedo[0], 0.5f);
-                EXPECT_EQ(albedo[1], 0.25f);
-                EXPECT_EQ(albedo[2], 0.125f);
+                EXPECT_EQ(std::vector<float>(albedo, albedo + 3),
+                          (std::vector<float>{0.5f, 0.25f, 0.125f}));
                 EXPECT_GE(depth, 4.0f - 1e-3f);
                 // The sky lights the sphere, never brighter than itself.
                 EXPECT_GT(radiance[2], 0.0f);
@@ -299,31 +350,22 @@ TEST_F(Renderer, SphereMakesADiscInEveryChannel)
             else
             {
                 EXPECT_GT(r, radius - 1.0) << x << "," << y;
-                EXPECT_EQ(radiance[0], 0.2f);
-                EXPECT_EQ(radiance[1], 0.3f);
-                EXPECT_EQ(radiance[2], 0.4f);
+                EXPECT_EQ(std::vector<float>(radiance, radiance + 3),
+                          (std::vector<float>{0.2f, 0.3f, 0.4f}));
                 EXPECT_EQ(albedo[0] + albedo[1] + albedo[2], 0.0f);
             }
         }
     EXPECT_NEAR(covered, kPi * radius * radius, 12.0);
-    ASSERT_GT(covered, 0);
-    EXPECT_NEAR(cx / covered, 16.0, 0.3);
-    EXPECT_NEAR(cy / covered, 16.0, 0.3);
     // The middle of the disc is the sphere's nearest point, facing us; the
     // pixel there spans 0.05 radians.
     EXPECT_NEAR(At(2, 16, 16)[0], 4.015f, 0.015f);
     EXPECT_GT(At(3, 16, 16)[2], 0.98f);
 
-    long long primary = 0, secondary = 0;
-    float hits = 0.0f;
+    EXPECT_EQ(Statistic(KS_FRAME_STATISTIC_4), 32 * 32) << "primary rays";
+    EXPECT_EQ(Statistic(KS_FRAME_STATISTIC_6), covered) << "one bounce per hit, which escapes";
+    EXPECT_FLOAT_EQ(HitFraction(), covered / 1024.0f);
     double rate = 0.0;
-    ksGetLongv(KS_FRAME_STATISTIC_4, &primary);
-    ksGetLongv(KS_FRAME_STATISTIC_6, &secondary);
-    ksGetFloatv(KS_FRAME_STATISTIC_8, &hits);
     ksGetDoublev(KS_FRAME_STATISTIC_2, &rate);
-    EXPECT_EQ(primary, 32 * 32);
-    EXPECT_EQ(secondary, covered) << "one bounce per hit, which then escapes";
-    EXPECT_FLOAT_EQ(hits, covered / 1024.0f);
     EXPECT_GT(rate, 0.0);
 }
 
@@ -332,73 +374,46 @@ TEST_F(Renderer, SphereMakesADiscInEveryChannel)
 TEST_F(Renderer, ShapesAndTransformsPlaceSurfaces)
 {
     const std::vector<float> quad = {-1, -1, 0, 1, -1, 0, 1, 1, 0, -1, -1, 0, 1, 1, 0, -1, 1, 0};
+    const std::vector<float> far = {-1, -1, -4, 1, -1, -4, 1,  1, -4,
+                                    -1, -1, -4, 1, 1,  -4, -1, 1, -4};
     struct Case
     {
-        const char* label;
         const char* source;
-        std::function<void(Renderer&)> place;
+        Uniforms uniforms;
+        std::vector<float> mesh;
         bool bounded; // a plane reaches the corners too
     };
     const Case cases[] = {
-        {"sphere", kSphere,
-         [](Renderer& r) {
-             r.Set("centre", {0, 0, -5});
-         },
+        {kSphere, {{"centre", {0, 0, -5}}}, {}, true},
+        // The box's corners in either order.
+        {kBox, {{"lo", {1, 1, -6}}, {"hi", {-1, -1, -4}}}, {}, true},
+        {kPlane, {{"point", {3, 2, -4}}, {"normal", {0, 0, 2}}}, {}, false},
+        {kMesh, {}, far, true},
+        {kPlacedSphere,
+         {{"centre", {0, 0, 0}}, {"placement", Placement({1, 1, 1}, {0, 0, -5})}},
+         {},
          true},
-        {"box", kBox,
-         [](Renderer& r)
-         {
-             r.Set("lo", {1, 1, -6}); // the corners in either order
-             r.Set("hi", {-1, -1, -4});
-         },
-         true},
-        {"plane", kPlane,
-         [](Renderer& r)
-         {
-             r.Set("point", {3, 2, -4});
-             r.Set("normal", {0, 0, 2});
-         },
-         false},
-        {"triangles", kMesh,
-         [&quad](Renderer& r)
-         {
-             std::vector<float> moved = quad;
-             for (std::size_t i = 2; i < moved.size(); i += 3)
-                 moved[i] = -4;
-             r.Mesh(moved);
-         },
-         true},
-        {"moved sphere", kPlacedSphere,
-         [](Renderer& r)
-         {
-             r.Set("centre", {0, 0, 0});
-             r.SetMatrix("placement", Placement({1, 1, 1}, {0, 0, -5}));
-         },
-         true},
-        {"scaled and moved triangles", kPlacedMesh,
-         [&quad](Renderer& r)
-         {
-             r.Mesh(quad);
-             r.SetMatrix("placement", Placement({0.5f, 0.5f, 1}, {0, 0, -4}));
-         },
-         true},
+        {kPlacedMesh, {{"placement", Placement({0.5f, 0.5f, 1}, {0, 0, -4})}}, quad, true},
     };
     for (const Case& c : cases)
     {
-        SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(2, 16, 16);
-        UseFrame(Program({{kFrame, FrameSource("output(0, depth);\noutput(1, normal);\n")}}));
-        Primitive(Program({{kVertex, c.source}, {kRay, kDiffuse}}));
-        c.place(*this);
-        ASSERT_NO_KS_ERROR();
+        SCOPED_TRACE(c.source);
+        Start(3, 16, 16);
+        ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 0);
+        Frame("output(0, depth);\noutput(1, normal);\noutput(2, radiance);\n");
+        Shape(c.source, kMetallicRoughness, c.uniforms);
+        Set({{"emission", {1, 1, 1}}});
+        if (!c.mesh.empty())
+            Mesh(c.mesh);
         Render();
-        // These pixels lie within 0.1 radians of the view's axis.
+        // These pixels lie within 0.1 radians of the view's axis. Only the
+        // front emits: the outside of a shape faces the camera.
         for (int y = 7; y <= 8; ++y)
             for (int x = 7; x <= 8; ++x)
             {
                 EXPECT_NEAR(At(0, x, y)[0], 4.05f, 0.05f);
                 EXPECT_GT(At(1, x, y)[2], 0.95f);
+                EXPECT_EQ(At(2, x, y)[0], 1.0f);
             }
         EXPECT_EQ(At(0, 0, 0)[0] > 0.0f, !c.bounded);
         EXPECT_EQ(At(0, 15, 15)[0] > 0.0f, !c.bounded);
@@ -409,96 +424,64 @@ TEST_F(Renderer, ShapesAndTransformsPlaceSurfaces)
 // Materials
 
 // Convex shapes in a uniform sky: every path that leaves them escapes, so
-// what comes back is known.
+// what comes back is known; with no bounce allowed, nothing does.
 TEST_F(Renderer, FurnaceGivesWhatEachMaterialPromises)
 {
     struct Case
     {
-        const char* label;
         const char* material;
-        std::function<void(Renderer&)> set;
+        Uniforms uniforms;
+        int depthLimit;                // -1: the default
         std::array<float, 3> expected; // times the sky
-        double tolerance;              // of the mean over the disc
-        bool exact;                    // every sample, not only the mean
+        double tolerance;              // of the mean over the disc; 0: every sample
     };
+    const Uniforms albedo = {{"albedo", {0.5f, 0.25f, 1}}};
     const Case cases[] = {
-        {"diffuse",
-         kDiffuse,
-         [](Renderer& r) {
-             r.Set("albedo", {0.5f, 0.25f, 1});
-         },
-         {0.5f, 0.25f, 1},
-         0,
-         true},
-        {"mirror",
-         kMirror,
-         [](Renderer& r) {
-             r.Set("tint", {0.5f, 1, 0.75f});
-         },
-         {0.5f, 1, 0.75f},
-         0,
-         true},
-        {"emissive",
-         kEmissive,
-         [](Renderer& r) {
-             r.Set("radiance", {3, 2, 1});
-         },
-         {3, 2, 1},
-         0,
-         true},
+        {kDiffuse, albedo, -1, {0.5f, 0.25f, 1}, 0},
+        {kDiffuse, albedo, 1, {0.5f, 0.25f, 1}, 0},
+        {kDiffuse, albedo, 0, {0, 0, 0}, 0},
+        {kMirror, {{"tint", {0.5f, 1, 0.75f}}}, -1, {0.5f, 1, 0.75f}, 0},
+        {kEmissive, {{"radiance", {3, 2, 1}}}, -1, {3, 2, 1}, 0},
         // Glass returns all it takes in, some of it after many bounces.
-        {"glass", kGlass, [](Renderer&) {}, {1, 1, 1}, 0.03, false},
+        {kGlass, {}, -1, {1, 1, 1}, 0.03},
     };
+    constexpr int kFrames = 16;
     for (const Case& c : cases)
     {
-        SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(1, 32, 32);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-        Set("sky", {1, 1, 1});
-        Primitive(Program({{kVertex, kSphere}, {kRay, c.material}}));
-        Set("centre", {0, 0, -3});
-        Set("radius", {1.2f});
-        c.set(*this);
-        constexpr int kFrames = 16;
-        for (int frame = 0; frame < kFrames; ++frame)
-            Render();
+        SCOPED_TRACE(testing::Message() << c.material << c.depthLimit);
+        Start(1, 32, 32, KS_BLEND_MODE_2);
+        if (c.depthLimit >= 0)
+            ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, c.depthLimit);
+        Frame("output(0, radiance);\n", {{"sky", {1, 1, 1}}});
+        Shape(kSphere, c.material, {{"centre", {0, 0, -3}}, {"radius", {1.2f}}});
+        Set(c.uniforms);
+        Render(kFrames);
+        EXPECT_EQ(At(0, 0, 0)[0], kFrames) << "the sky itself is seen";
         // The middle of the disc only, away from the rim's mixed pixels.
-        double sum[3] = {};
-        int count = 0;
-        for (int y = 10; y < 22; ++y)
-            for (int x = 10; x < 22; ++x, ++count)
-                for (int k = 0; k < 3; ++k)
-                {
-                    const float value = At(0, x, y)[k] / kFrames;
-                    sum[k] += value;
-                    if (c.exact)
-                    {
-                        EXPECT_FLOAT_EQ(value, c.expected[static_cast<std::size_t>(k)]);
-                    }
-                }
         for (int k = 0; k < 3; ++k)
-            EXPECT_NEAR(sum[k] / count, c.expected[static_cast<std::size_t>(k)],
-                        c.tolerance + 1e-5);
+        {
+            const double expected = c.expected[k];
+            EXPECT_NEAR(Mean(0, 10, 10, 22, 22, k) / kFrames, expected, c.tolerance + 1e-5);
+            for (int y = 10; c.tolerance == 0 && y < 22; ++y)
+                for (int x = 10; x < 22; ++x)
+                    EXPECT_FLOAT_EQ(At(0, x, y)[k] / kFrames, expected);
+        }
     }
 }
 
-TEST_F(Renderer, RayDepthLimitCountsBounces)
+// Between two facing diffuse planes of albedo 1/2 every path bounces until
+// the depth limit or the roulette ends it: the first two bounces always go
+// on, each later one with the chance of its throughput (1/8, then 1/2 once
+// rescaled). A limit of 4 thus gives 2 + (1 + 1/2) / 8 secondary rays a path.
+TEST_F(Renderer, RouletteStartsAtTheThirdBounce)
 {
-    Targets(1, 8, 8);
-    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-    Set("sky", {1, 1, 1});
-    Primitive(Program({{kVertex, kSphere}, {kRay, kDiffuse}}));
-    Set("centre", {0, 0, -2});
-    Set("albedo", {0.5f, 0.5f, 0.5f});
-    ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 0);
+    Targets(1, 32, 32);
+    ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 4);
+    Frame("output(0, radiance);\n");
+    for (const char* plane : {kFloor, "plane(vec3(0, 1, 0), vec3(0, -1, 0));\n"})
+        Shape(plane, kDiffuse, {{"albedo", {0.5f, 0.5f, 0.5f}}});
     Render();
-    EXPECT_EQ(At(0, 4, 4)[0], 0.0f) << "no bounce: the sky cannot reach the camera";
-    EXPECT_EQ(At(0, 0, 0)[0], 1.0f) << "the sky itself is seen";
-    ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
-    Render();
-    EXPECT_EQ(At(0, 4, 4)[0], 0.5f);
+    EXPECT_NEAR(Statistic(KS_FRAME_STATISTIC_6) / 1024.0, 2.0 + 1.5 / 8, 0.05);
 }
 
 // A diffuse floor lit by an emitter alone: the picture's middle shows the
@@ -512,128 +495,67 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
     // A sphere of radius 1 at (2, 1.5, 0): sin^2 of its half angle is 1/6.25.
     const double sphere = albedo * radiance * (1.0 / 6.25) * (1.5 / 2.5);
     const std::vector<Vec> triangle = {{1, 1, -1}, {1, 1.5, 1}, {2, 2, 0}};
-    std::vector<float> triangleFloats;
-    for (const Vec& v : triangle)
-        for (double f : v)
-            triangleFloats.push_back(static_cast<float>(f));
+    const double triangleLight = albedo / kPi * radiance * ProjectedSolidAngle(point, up, triangle);
     // The faces of the box [1, 2] x [1, 2] x [-0.5, 0.5] that face the point.
-    const std::vector<std::vector<Vec>> boxFaces = {
-        {{1, 1, -0.5}, {1, 2, -0.5}, {1, 2, 0.5}, {1, 1, 0.5}}, // x = 1
-        {{1, 1, -0.5}, {2, 1, -0.5}, {2, 1, 0.5}, {1, 1, 0.5}}, // y = 1
-    };
-    double box = 0.0;
-    for (const auto& face : boxFaces)
-        box += ProjectedSolidAngle(point, up, face);
-    box *= albedo / kPi * radiance;
-
+    const double box =
+        albedo / kPi * radiance *
+        (ProjectedSolidAngle(point, up, {{1, 1, -0.5}, {1, 2, -0.5}, {1, 2, 0.5}, {1, 1, 0.5}}) +
+         ProjectedSolidAngle(point, up, {{1, 1, -0.5}, {2, 1, -0.5}, {2, 1, 0.5}, {1, 1, 0.5}}));
     struct Case
     {
-        const char* label;
         const char* shape;
-        std::function<void(Renderer&)> place;
+        Uniforms uniforms;
+        std::vector<float> mesh;
         double expected;
         double tolerance; // relative
     };
     const Case cases[] = {
-        {"sphere, sampled by its cone", kSphere,
-         [](Renderer& r) {
-             r.Set("centre", {2, 1.5f, 0});
-         },
-         sphere, 0.02},
-        // Not quite round: sampled by the cone of a sphere around it.
-        {"stretched sphere, sampled and hit", kPlacedSphere,
-         [](Renderer& r)
-         {
-             r.Set("centre", {0, 0, 0});
-             r.SetMatrix("placement", Placement({1, 1.001f, 1}, {2, 1.5f, 0}));
-         },
-         sphere, 0.02},
+        // Sampled by its cone.
+        {kSphere, {{"centre", {2, 1.5f, 0}}}, {}, sphere, 0.02},
+        // Not quite round: sampled by the cone of a sphere around it, and hit.
+        {kPlacedSphere,
+         {{"centre", {0, 0, 0}}, {"placement", Placement({1, 1.001f, 1}, {2, 1.5f, 0})}},
+         {},
+         sphere,
+         0.02},
         // Above the camera, filling the floor's sky: irradiance pi L.
-        {"infinite plane, sampled and hit", kPlane,
-         [](Renderer& r)
-         {
-             r.Set("point", {0, 6, 0});
-             r.Set("normal", {0, 1, 0});
-         },
-         albedo * radiance, 0.02},
-        {"triangle, sampled by area", kMesh, [&](Renderer& r) { r.Mesh(triangleFloats); },
-         albedo / kPi * radiance * ProjectedSolidAngle(point, up, triangle), 0.03},
-        {"indexed triangle, sampled by area", kIndexedMesh,
-         [&](Renderer& r)
-         {
-             std::vector<float> floats;
-             for (const Vec& v : triangle)
-                 floats.insert(floats.end(),
-                               {float(v[0]), float(v[1]), float(v[2]), 0, 0, 0, 0, 0});
-             const std::uint32_t indices[3] = {0, 1, 2};
-             floats.resize(27);
-             std::memcpy(&floats[24], indices, sizeof indices);
-             r.Mesh(floats);
-             ksUniform1i(ksGetUniformLocation(r._pProgram, "vertices"), 3);
-             ksUniform1i(ksGetUniformLocation(r._pProgram, "triangles"), 1);
-         },
-         albedo / kPi * radiance * ProjectedSolidAngle(point, up, triangle), 0.03},
-        {"box, sampled by area", kBox,
-         [](Renderer& r)
-         {
-             r.Set("lo", {1, 1, -0.5f});
-             r.Set("hi", {2, 2, 0.5f});
-         },
-         box, 0.03},
+        {kPlane, {{"point", {0, 6, 0}}, {"normal", {0, 1, 0}}}, {}, albedo * radiance, 0.02},
+        // Sampled by area.
+        {kMesh, {}, {1, 1, -1, 1, 1.5f, 1, 2, 2, 0}, triangleLight, 0.03},
+        {"uniformblock mesh;\nmesh(mesh, 3, 1);\n",
+         {},
+         IndexedBlock({1, 1, -1, 0, 0, 0, 0, 0, 1, 1.5f, 1, 0, 0, 0, 0, 0, 2, 2, 0, 0, 0, 0, 0, 0},
+                      {0, 1, 2}),
+         triangleLight,
+         0.03},
+        {kBox, {{"lo", {1, 1, -0.5f}}, {"hi", {2, 2, 0.5f}}}, {}, box, 0.03},
     };
+    constexpr int kFrames = 16;
     for (const Case& c : cases)
     {
-        SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(1, 32, 32);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        SCOPED_TRACE(c.shape);
+        Start(1, 32, 32, KS_BLEND_MODE_2);
         ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
         LookStraightDown("output(0, radiance);\n");
-        Primitive(Program({{kVertex, kPlane}, {kRay, kDiffuse}}));
-        Set("point", {0, 0, 0});
-        Set("normal", {0, 1, 0});
-        Set("albedo", {albedo, albedo, albedo});
-        Primitive(Program({{kVertex, c.shape}, {kRay, kEmissive}}));
-        Set("radiance", {radiance, radiance, radiance});
-        c.place(*this);
+        Shape(kPlane, kDiffuse,
+              {{"point", {0, 0, 0}}, {"normal", {0, 1, 0}}, {"albedo", {albedo, albedo, albedo}}});
+        Shape(c.shape, kEmissive, {{"radiance", {radiance, radiance, radiance}}});
+        Set(c.uniforms);
+        if (!c.mesh.empty())
+            Mesh(c.mesh);
         ASSERT_NO_KS_ERROR();
-        constexpr int kFrames = 16;
-        for (int frame = 0; frame < kFrames; ++frame)
-            Render();
+        Render(kFrames);
         EXPECT_NEAR(Mean(0, 0, 0, 32, 32) / kFrames, c.expected, c.expected * c.tolerance);
     }
 }
 
-// A diffuse floor lit by a small light over its left half: noisy everywhere.
-void LitFloor(Renderer& test)
-{
-    test.Primitive(
-        test.Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
-    test.Primitive(test.Program({{kVertex, kSphere}, {kRay, kEmissive}}));
-    test.Set("centre", {-1.5f, -0.5f, -4});
-    test.Set("radius", {0.3f});
-    test.Set("radiance", {20, 20, 20});
-}
-
-TEST_F(Renderer, FloorIsBrighterNearItsLight)
-{
-    Targets(1, 32, 32);
-    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-    LitFloor(*this);
-    for (int frame = 0; frame < 4; ++frame)
-        Render();
-    // The floor fills the lower rows; the light sits over its left half.
-    const double nearLight = Mean(0, 2, 2, 10, 8);
-    const double far = Mean(0, 22, 2, 30, 8);
-    EXPECT_GT(far, 0.0);
-    EXPECT_GT(nearLight, 2.0 * far);
-}
-
 TEST_F(Renderer, FrameIndexChoosesTheSamples)
 {
+    // A diffuse floor lit by a small light over its left half: noisy everywhere.
     Targets(1, 16, 16);
-    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_0);
-    LitFloor(*this);
+    Shape(kFloor, kDiffuse);
+    Shape(kSphere, kEmissive,
+          {{"centre", {-1.5f, -0.5f, -4}}, {"radius", {0.3f}}, {"radiance", {20, 20, 20}}});
     int index = -1;
     ksGetFrameParameteriv(KS_FRAME_INDEX, &index);
     EXPECT_EQ(index, 0);
@@ -655,52 +577,38 @@ TEST_F(Renderer, FrameIndexChoosesTheSamples)
     EXPECT_NE(seven, byDefault);
 }
 
+// Two texels, black and white, on a plane whose texture coordinates are its
+// world x and y less those of its point, so u = x + 0.5 here.
 TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
 {
-    // Two texels, black and white; the plane's texture coordinates are its
-    // world x and y less those of its point, so u = x + 0.5 here.
     const float texels[2] = {0.0f, 1.0f};
-    struct Case
-    {
-        const char* label;
-        int filter;
-        int wrap;
-        std::function<double(double u)> expected;
-    };
-    const auto clamp01 = [](double v) { return std::max(0.0, std::min(1.0, v)); };
-    const Case cases[] = {
-        {"linear, clamped", KS_LINEAR, KS_CLAMP_TO_EDGE,
-         [&](double u) { return clamp01(2.0 * u - 0.5); }},
-        {"nearest, clamped", KS_NEAREST, KS_CLAMP_TO_EDGE,
-         [](double u) { return u < 0.5 ? 0.0 : 1.0; }},
-        {"nearest, repeated", KS_NEAREST, KS_REPEAT,
-         [](double u) { return u - std::floor(u) < 0.5 ? 0.0 : 1.0; }},
-        {"nearest, mirrored", KS_NEAREST, KS_MIRRORED_REPEAT,
-         [](double u)
-         {
-             const double m = u - 2.0 * std::floor(u / 2.0);
-             return (m < 0.5 || m >= 1.5) ? 0.0 : 1.0;
-         }},
-    };
+    const std::pair<int, int> cases[] = {{KS_LINEAR, KS_CLAMP_TO_EDGE},
+                                         {KS_NEAREST, KS_CLAMP_TO_EDGE},
+                                         {KS_NEAREST, KS_REPEAT},
+                                         {KS_NEAREST, KS_MIRRORED_REPEAT}};
     constexpr int kSize = 64;
     // The plane z = -2 spans x in [-w, w] with w = 2 tan(30 degrees).
     const double w = 2.0 * std::tan(kPi / 6.0);
-    for (const Case& c : cases)
+    for (const auto& [filter, wrap] : cases)
     {
-        SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(1, kSize, kSize);
-        UseFrame(Program({{kFrame, FrameSource("output(0, albedo);\n")}}));
-        _KStexture* texture = NewTexture();
-        ksBindTexture(KS_TEXTURE_2D, texture);
-        ksTexImage2D(KS_TEXTURE_2D, 0, KS_LUMINANCE, 2, 1, 0, KS_LUMINANCE, KS_FLOAT, texels);
-        ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_MAG_FILTER, c.filter);
-        ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, c.wrap);
-        Primitive(Program({{kVertex, kPlane}, {kRay, kTextured}}));
-        Set("point", {-0.5f, 0, -2});
-        Set("normal", {0, 0, 1});
-        ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
-        ASSERT_NO_KS_ERROR();
+        SCOPED_TRACE(Hex(filter) + " " + Hex(wrap));
+        const auto expected = [filter = filter, wrap = wrap](double u)
+        {
+            if (filter == KS_LINEAR)
+                return std::max(0.0, std::min(1.0, 2 * u - 0.5));
+            const double m = u - 2.0 * std::floor(u / 2.0); // in [0, 2)
+            if (wrap == KS_REPEAT)
+                u = u - std::floor(u);
+            else if (wrap == KS_MIRRORED_REPEAT)
+                u = m < 1.0 ? m : 2.0 - m;
+            return u < 0.5 ? 0.0 : 1.0;
+        };
+        Start(1, kSize, kSize);
+        Frame("output(0, albedo);\n");
+        _KStexture* texture = Texture(2, 1, KS_LUMINANCE, texels, filter);
+        ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, wrap);
+        Shape(kPlane, kTextured, {{"point", {-0.5f, 0, -2}}, {"normal", {0, 0, 1}}});
+        SetTexture("map", texture);
         Render();
         for (int x = 0; x < kSize; ++x)
         {
@@ -708,7 +616,7 @@ TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
             // or is one of them where a step falls inside it.
             const double u0 = (2.0 * x / kSize - 1.0) * w + 0.5;
             const double u1 = (2.0 * (x + 1) / kSize - 1.0) * w + 0.5;
-            const double a = c.expected(u0), b = c.expected(u1 - 1e-9);
+            const double a = expected(u0), b = expected(u1 - 1e-9);
             const float value = At(0, x, kSize / 2)[0];
             EXPECT_GE(value, std::min(a, b) - 1e-5) << x;
             EXPECT_LE(value, std::max(a, b) + 1e-5) << x;
@@ -718,12 +626,6 @@ TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
 
 // ---------------------------------------------------------------------------
 // Metallic-roughness
-
-const char* const kMetallicRoughness =
-    "uniform vec3 base = vec3(1, 1, 1);\nuniform float metallic;\nuniform float roughness = 1;\n"
-    "uniform vec3 emission;\nuniform texture base_map;\nuniform texture mr_map;\n"
-    "uniform texture emission_map;\n"
-    "metallic_roughness(base, metallic, roughness, emission, base_map, mr_map, emission_map);\n";
 
 // What a white metallic-roughness surface seen head-on reflects of an even
 // sky, by quadrature over the angle of incidence: GGX with height-correlated
@@ -765,37 +667,27 @@ TEST_F(Renderer, MetallicRoughnessReflectsWhatItsModelSays)
                 SCOPED_TRACE(testing::Message()
                              << "roughness " << roughness << ", metallic " << metallic
                              << (sky ? ", sky" : ", light plane") << ", expected " << expected);
-                Fresh();
-                Targets(1, 32, 32);
-                SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+                Start(1, 32, 32, KS_BLEND_MODE_2);
                 ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
-                LookStraightDown("output(0, radiance);\n");
-                Set("sky", {sky ? 1.0f : 0.0f, 0, 0});
-                Primitive(Program({{kVertex, kPlane}, {kRay, kMetallicRoughness}}));
-                Set("normal", {0, 1, 0});
-                Set("metallic", {metallic});
-                Set("roughness", {roughness});
+                LookStraightDown("output(0, radiance);\n", {{"sky", {sky ? 1.0f : 0.0f, 0, 0}}});
+                Shape(
+                    kPlane, kMetallicRoughness,
+                    {{"normal", {0, 1, 0}}, {"metallic", {metallic}}, {"roughness", {roughness}}});
                 if (!sky)
-                {
-                    Primitive(Program({{kVertex, kPlane}, {kRay, kEmissive}}));
-                    Set("point", {0, 6, 0});
-                    Set("normal", {0, -1, 0});
-                    Set("radiance", {1, 0, 0});
-                }
-                constexpr int kFrames = 16;
-                for (int frame = 0; frame < kFrames; ++frame)
-                    Render();
-                EXPECT_NEAR(Mean(0, 0, 0, 32, 32) / kFrames, expected, 0.01);
+                    Shape(kPlane, kEmissive,
+                          {{"point", {0, 6, 0}}, {"normal", {0, -1, 0}}, {"radiance", {1, 0, 0}}});
+                Render(16);
+                EXPECT_NEAR(Mean(0, 0, 0, 32, 32) / 16, expected, 0.01);
             }
 }
 
 // Each map scales its factor: base colour by RGB, roughness by green,
-// metallic by blue, emission by RGB and only in front.
+// metallic by blue, emission by RGB and only in front. The furnace cases
+// (the packed map) need a white base and no emission.
 TEST_F(Renderer, MetallicRoughnessMapsScaleTheirFactors)
 {
     struct Case
     {
-        const char* label;
         const char* map;
         std::array<float, 3> texel;
         const char* output;
@@ -804,43 +696,30 @@ TEST_F(Renderer, MetallicRoughnessMapsScaleTheirFactors)
     };
     const double rough = HeadOnAlbedo(1, 0), smoother = HeadOnAlbedo(0.5, 1);
     const Case cases[] = {
-        {"base colour", "base_map", {1, 0.5f, 0.25f}, "albedo", true, {0.5, 0.5, 0.25}},
-        {"emission", "emission_map", {1, 0.5f, 0.25f}, "radiance", true, {2, 1, 0.5}},
-        {"no emission behind", "emission_map", {1, 1, 1}, "radiance", false, {0, 0, 0}},
-        {"metal in blue", "mr_map", {1, 1, 0}, "radiance", true, {rough, rough, rough}},
-        {"roughness in green",
-         "mr_map",
-         {0, 0.5f, 1},
-         "radiance",
-         true,
-         {smoother, smoother, smoother}},
+        {"base_map", {1, 0.5f, 0.25f}, "albedo", true, {0.5, 0.5, 0.25}},
+        {"emission_map", {1, 0.5f, 0.25f}, "radiance", true, {2, 1, 0.5}},
+        {"emission_map", {1, 1, 1}, "radiance", false, {0, 0, 0}},
+        {"mr_map", {1, 1, 0}, "radiance", true, {rough, rough, rough}},             // metal in blue
+        {"mr_map", {0, 0.5f, 1}, "radiance", true, {smoother, smoother, smoother}}, // roughness
     };
     for (const Case& c : cases)
     {
-        SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(1, 16, 16);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        SCOPED_TRACE(std::string(c.map) + (c.front ? "" : ", behind"));
         const bool furnace = std::string(c.map) == "mr_map";
+        const float sky = furnace ? 1.0f : 0.0f, emission = furnace ? 0.0f : 2.0f;
+        Start(1, 16, 16, KS_BLEND_MODE_2);
         ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, furnace ? 1 : 0);
-        LookStraightDown(std::string("output(0, ") + c.output + ");\n");
-        Set("sky", {furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f, furnace ? 1.0f : 0.0f});
-        _KStexture* texture = NewTexture();
-        ksBindTexture(KS_TEXTURE_2D, texture);
-        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, c.texel.data());
-        Primitive(Program({{kVertex, kPlane}, {kRay, kMetallicRoughness}}));
-        Set("normal", {0, c.front ? 1.0f : -1.0f, 0});
-        // The furnace cases need a white base and no emission.
-        Set("base", {furnace ? 1.0f : 0.5f, 1, 1});
-        Set("emission", {furnace ? 0.0f : 2.0f, furnace ? 0.0f : 2.0f, furnace ? 0.0f : 2.0f});
-        Set("metallic", {1});
-        ksUniformt(ksGetUniformLocation(_pProgram, c.map), texture);
-        constexpr int kFrames = 16;
-        for (int frame = 0; frame < kFrames; ++frame)
-            Render();
+        LookStraightDown(std::string("output(0, ") + c.output + ");\n", {{"sky", {sky, sky, sky}}});
+        _KStexture* texture = Texture(1, 1, KS_RGB, c.texel.data());
+        Shape(kPlane, kMetallicRoughness,
+              {{"normal", {0, c.front ? 1.0f : -1.0f, 0}},
+               {"base", {furnace ? 1.0f : 0.5f, 1, 1}},
+               {"emission", {emission, emission, emission}},
+               {"metallic", {1}}});
+        SetTexture(c.map, texture);
+        Render(16);
         for (int k = 0; k < 3; ++k)
-            EXPECT_NEAR(Mean(0, 0, 0, 16, 16, k) / kFrames, c.expected[static_cast<std::size_t>(k)],
-                        furnace ? 0.015 : 1e-5);
+            EXPECT_NEAR(Mean(0, 0, 0, 16, 16, k) / 16, c.expected[k], furnace ? 0.015 : 1e-5);
     }
 }
 
@@ -848,7 +727,6 @@ TEST_F(Renderer, MetallicRoughnessMapsScaleTheirFactors)
 // negative light, whichever way a path goes.
 TEST_F(Renderer, MetallicRoughnessStaysFiniteAndPositive)
 {
-    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
     struct Case
     {
         float roughness, metallic;
@@ -865,38 +743,30 @@ TEST_F(Renderer, MetallicRoughnessStaysFiniteAndPositive)
     for (const Case& c : cases)
     {
         SCOPED_TRACE(testing::Message() << c.roughness << " " << c.metallic << " " << c.texel[0]);
-        Fresh();
-        Targets(2, 16, 16);
-        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, albedo);\n")}}));
-        Set("sky", {0.5f, 0.5f, 0.5f});
-        Set("eye", {0, 1, 3});
-        _KStexture* texture = NewTexture();
-        ksBindTexture(KS_TEXTURE_2D, texture);
-        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, c.texel.data());
+        Start(2, 16, 16);
+        Frame("output(0, radiance);\noutput(1, albedo);\n",
+              {{"sky", {0.5f, 0.5f, 0.5f}}, {"eye", {0, 1, 3}}});
+        _KStexture* texture = Texture(1, 1, KS_RGB, c.texel.data());
         for (const char* shape : {kSphere, kPlane})
         {
-            Primitive(Program({{kVertex, shape}, {kRay, kMetallicRoughness}}));
-            Set(shape == kSphere ? "centre" : "normal", {0, 1, 0});
-            Set("roughness", {c.roughness});
-            Set("metallic", {c.metallic});
-            Set("emission", {1, -1, 0.5f});
+            Shape(shape, kMetallicRoughness,
+                  {{shape == kSphere ? "centre" : "normal", {0, 1, 0}},
+                   {"roughness", {c.roughness}},
+                   {"metallic", {c.metallic}},
+                   {"emission", {1, -1, 0.5f}}});
             for (const char* map : {"base_map", "mr_map", "emission_map"})
-                ksUniformt(ksGetUniformLocation(_pProgram, map), texture);
+                SetTexture(map, texture);
         }
-        Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
-        Set("centre", {2, 3, 0});
-        Set("radiance", {5, 5, 5});
+        Shape(kSphere, kEmissive, {{"centre", {2, 3, 0}}, {"radiance", {5, 5, 5}}});
+        // A light so small that the square of its density overflows.
+        Shape(kSphere, kEmissive,
+              {{"centre", {-2, 3, 0}}, {"radius", {1e-11f}}, {"radiance", {5, 5, 5}}});
         for (int frame = 0; frame < 4; ++frame)
         {
             Render();
-            for (int i = 0; i < 16 * 16 * 4; ++i)
-                for (int target : {0, 1})
-                {
-                    const float value =
-                        _images[static_cast<std::size_t>(target)][static_cast<std::size_t>(i)];
-                    ASSERT_TRUE(value >= 0.0f && std::isfinite(value))
-                        << target << " " << i << " " << value;
-                }
+            for (const std::vector<float>& image : _images)
+                for (float value : image)
+                    ASSERT_TRUE(value >= 0.0f && std::isfinite(value)) << value;
         }
     }
 }
@@ -907,20 +777,13 @@ TEST_F(Renderer, MetalHighlightSitsAtTheHalfVector)
 {
     constexpr int kSize = 64;
     const Vec centre = {0, 0, -4}, lamp = {14, 0, 10};
-    Targets(1, kSize, kSize);
-    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-    Set("fov", {30});
-    Primitive(Program({{kVertex, kSphere}, {kRay, kMetallicRoughness}}));
-    Set("centre", {0, 0, -4});
-    Set("metallic", {1});
-    Set("roughness", {0.2f});
-    Primitive(Program({{kVertex, kSphere}, {kRay, kEmissive}}));
-    Set("centre", {14, 0, 10});
-    Set("radius", {0.5f});
-    Set("radiance", {100, 100, 100});
-    for (int frame = 0; frame < 8; ++frame)
-        Render();
+    Start(1, kSize, kSize, KS_BLEND_MODE_2);
+    Frame("output(0, radiance);\n", {{"fov", {30}}});
+    Shape(kSphere, kMetallicRoughness,
+          {{"centre", {0, 0, -4}}, {"metallic", {1}}, {"roughness", {0.2f}}});
+    Shape(kSphere, kEmissive,
+          {{"centre", {14, 0, 10}}, {"radius", {0.5f}}, {"radiance", {100, 100, 100}}});
+    Render(8);
     // The point of the equator whose normal is the half vector.
     double best = -2.0, highlight = 0.0;
     for (int i = 0; i < 100000; ++i)
@@ -956,27 +819,17 @@ struct Quad
     std::vector<std::uint32_t> indices = {0, 1, 2, 0, 2, 3};
     int vertexCount = 4;
     int triangleCount = 2;
-
-    std::vector<float> Bytes() const
-    {
-        std::vector<float> floats = vertices;
-        floats.resize(vertices.size() + indices.size());
-        std::memcpy(floats.data() + vertices.size(), indices.data(), indices.size() * 4);
-        return floats;
-    }
 };
 
 // The quad fills the middle of a 16 x 16 picture seen from the origin.
 _KSbuffer* DrawQuad(Renderer& r, const Quad& quad, const char* material, const char* outputs)
 {
-    r.Fresh();
-    r.Targets(1, 16, 16);
-    r.UseFrame(r.Program({{kFrame, FrameSource(outputs)}}));
-    r.Set("fov", {40});
-    r.Primitive(r.Program({{kVertex, kIndexedMesh}, {kRay, material}}));
-    _KSbuffer* buffer = r.Mesh(quad.Bytes());
-    ksUniform1i(ksGetUniformLocation(r._pProgram, "vertices"), quad.vertexCount);
-    ksUniform1i(ksGetUniformLocation(r._pProgram, "triangles"), quad.triangleCount);
+    r.Start(1, 16, 16);
+    r.Frame(outputs, {{"fov", {40}}});
+    r.Shape(kIndexedMesh, material);
+    _KSbuffer* buffer = r.Mesh(IndexedBlock(quad.vertices, quad.indices));
+    r.SetInt("vertices", quad.vertexCount);
+    r.SetInt("triangles", quad.triangleCount);
     return buffer;
 }
 
@@ -987,17 +840,14 @@ TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
     const float texels[12] = {1, 0, 0, 0, 0, 1, 0, 1, 0, 1, 1, 1};
     Quad quad;
     DrawQuad(*this, quad, kTextured, "output(0, albedo);\n");
-    _KStexture* texture = NewTexture();
-    ksBindTexture(KS_TEXTURE_2D, texture);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 2, 2, 0, KS_RGB, KS_FLOAT, texels);
-    ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_MAG_FILTER, KS_NEAREST);
-    ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
+    SetTexture("map", Texture(2, 2, KS_RGB, texels, KS_NEAREST));
     Render();
-    const std::array<float, 3> expected[2][2] = {{{1, 0, 0}, {0, 0, 1}}, {{0, 1, 0}, {1, 1, 1}}};
     for (int y : {0, 1})
         for (int x : {0, 1})
-            for (int k = 0; k < 3; ++k)
-                EXPECT_EQ(At(0, 4 + 7 * x, 4 + 7 * y)[k], expected[y][x][k]) << x << y << k;
+            EXPECT_EQ(
+                std::vector<float>(At(0, 4 + 7 * x, 4 + 7 * y), At(0, 4 + 7 * x, 4 + 7 * y) + 3),
+                std::vector<float>(texels + 6 * y + 3 * x, texels + 6 * y + 3 * x + 3))
+                << x << y;
 
     // Normals leaning out to -x and +x at the left and right edges: the
     // normal channel follows their interpolation; one zero normal, which
@@ -1020,11 +870,24 @@ TEST_F(Renderer, IndexedMeshShowsItsTextureUprightAndItsNormals)
         EXPECT_NEAR(At(0, 3, 8)[0], leaning ? -x / std::sqrt(x * x + 1) : 0.0, 0.05);
         EXPECT_NEAR(At(0, 12, 8)[2], leaning ? 1 / std::sqrt(x * x + 1) : 1.0, 0.05);
     }
+
+    // Shading normals all tilted 60 degrees in a sky of 1: a quarter of the
+    // cosine samples about them dip below the surface and are lost.
+    for (int v = 0; v < 4; ++v)
+    {
+        quad.vertices[8 * v + 3] = std::sqrt(0.75f);
+        quad.vertices[8 * v + 5] = 0.5f;
+    }
+    DrawQuad(*this, quad, kDiffuse, "output(0, radiance);\n");
+    Frame("output(0, radiance);\n", {{"sky", {1, 1, 1}}, {"fov", {40}}});
+    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+    ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
+    Render(16);
+    EXPECT_NEAR(Mean(0, 5, 5, 11, 11) / 16, 0.75 * 0.8, 0.05);
 }
 
 TEST_F(Renderer, IndexedMeshLeavesOutWhatItCannotRead)
 {
-    constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
     struct Case
     {
         const char* label;
@@ -1060,20 +923,22 @@ TEST_F(Renderer, OneBufferPlacedByTwoPrimitives)
 {
     _KSbuffer* buffer = DrawQuad(*this, Quad(), kDiffuse, "output(0, depth);\n");
     // The same buffer a quarter the size, at z = -0.75, in the lower left.
-    Primitive(_pProgram);
+    Primitive(_pProgram, {{"placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.3f, 0})}});
     ksUniformBlockBuffer(ksGetUniformBlockIndex(_pProgram, "mesh"), buffer);
-    ksUniform1i(ksGetUniformLocation(_pProgram, "vertices"), 4);
-    ksUniform1i(ksGetUniformLocation(_pProgram, "triangles"), 2);
-    SetMatrix("placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.3f, 0}));
+    SetInt("vertices", 4);
+    SetInt("triangles", 2);
     Render();
     EXPECT_NEAR(At(0, 14, 14)[0], 3.25, 0.05) << "the first";
     EXPECT_NEAR(At(0, 4, 4)[0], 0.77, 0.01) << "the second";
-    EXPECT_EQ(MeshBuilds(), 1);
+    long long meshes = -1;
+    EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&meshes));
+    EXPECT_EQ(meshes, 1);
     // Another placement builds a new scene around the same mesh.
-    SetMatrix("placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.4f, 0}));
+    Set({{"placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.4f, 0})}});
     Render();
     EXPECT_EQ(SceneBuilds(), 2);
-    EXPECT_EQ(MeshBuilds(), 1);
+    EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&meshes));
+    EXPECT_EQ(meshes, 1);
     // New storage too short for the counts: both go.
     ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
     Render();
@@ -1092,52 +957,36 @@ TEST_F(Renderer, VisibilitySeesLightOrSky)
     {
         const char* label;
         std::function<void(Renderer&)> scene;
-        std::vector<std::array<int, 2>> dark;
-        std::vector<std::array<int, 2>> lit;
+        std::vector<std::array<int, 2>> dark, lit;
     };
     const Case cases[] = {
         {"a sphere hides the light from the floor around (4, 0, 0)",
          [](Renderer& r)
          {
-             r.Primitive(r.Program({{kVertex, kSphere}, {kRay, kEmissive}}));
-             r.Set("centre", {6, 3, 0});
-             r.Set("radius", {0.2f});
-             r.Set("radiance", {5, 5, 5});
-             r.Primitive(r.Program({{kVertex, kSphere}, {kRay, kDiffuse}}));
-             r.Set("centre", {5, 1.5f, 0});
-             r.Set("radius", {0.5f});
+             r.Shape(kSphere, kEmissive,
+                     {{"centre", {6, 3, 0}}, {"radius", {0.2f}}, {"radiance", {5, 5, 5}}});
+             r.Shape(kSphere, kDiffuse, {{"centre", {5, 1.5f, 0}}, {"radius", {0.5f}}});
          },
          {{47, 31}, {47, 32}}, // x in [3.75, 4]
          {{16, 32}, {8, 40}, {60, 60}}},
         {"no emitter: the open sky", [](Renderer&) {}, {}, {{0, 0}, {32, 32}, {63, 10}}},
         {"no emitter: a ceiling over the floor",
-         [](Renderer& r)
-         {
-             r.Primitive(r.Program(
-                 {{kVertex, "plane(vec3(0, 9, 0), vec3(0, -1, 0));\n"}, {kRay, kDiffuse}}));
-         },
+         [](Renderer& r) { r.Shape("plane(vec3(0, 9, 0), vec3(0, -1, 0));\n", kDiffuse); },
          {{0, 0}, {32, 32}, {63, 10}},
          {}},
     };
     for (const Case& c : cases)
     {
         SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(1, 64, 64);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_1);
+        Start(1, 64, 64, KS_BLEND_MODE_1);
         ksClearColor(1, 1, 1, 1);
         ksClear(KS_COLOR_BUFFER_BIT);
-        UseFrame(Program({{kFrame, FrameSource("output(0, visibility);\n")}}));
-        Set("eye", {0, 8, 0});
-        Set("target", {0, 0, 0});
-        Set("up", {0, 0, -1});
-        Set("fov", {90});
-        Primitive(Program({{kVertex, "plane(vec3(0, 0, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
+        Frame("output(0, visibility);\n",
+              {{"eye", {0, 8, 0}}, {"target", {0, 0, 0}}, {"up", {0, 0, -1}}, {"fov", {90}}});
+        Shape("plane(vec3(0, 0, 0), vec3(0, 1, 0));\n", kDiffuse);
         c.scene(*this);
-        ASSERT_NO_KS_ERROR();
         // Multiplied over frames: a pixel stays 1 only if every sample saw.
-        for (int frame = 0; frame < 4; ++frame)
-            Render();
+        Render(4);
         for (const auto& p : c.dark)
             EXPECT_EQ(At(0, p[0], p[1])[0], 0.0f) << p[0] << "," << p[1];
         for (const auto& p : c.lit)
@@ -1148,99 +997,82 @@ TEST_F(Renderer, VisibilitySeesLightOrSky)
 // ---------------------------------------------------------------------------
 // Blending and formats
 
-TEST_F(Renderer, BlendModesMeetTheTarget)
+// The bytes of `values`, one after the other.
+template <typename... T>
+std::vector<unsigned char> Bytes(T... values)
 {
-    // An empty scene: every sample is the sky, exactly.
-    const float sky[3] = {0.25f, 2.0f, 0.5f};
-    struct Case
-    {
-        int mode;
-        std::array<float, 4> expected; // over a target of 0.5 everywhere
-    };
-    const Case cases[] = {
-        {KS_BLEND_MODE_0, {0.25f, 2.0f, 0.5f, 1.0f}},
-        {KS_BLEND_MODE_1, {0.125f, 1.0f, 0.25f, 0.5f}},
-        {KS_BLEND_MODE_2, {0.75f, 2.5f, 1.0f, 1.5f}},
-        {KS_BLEND_MODE_3, {0.5f, 2.0f, 0.5f, 1.0f}},
-    };
-    Targets(4, 20, 18); // tiles that do not fill the image evenly
-    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, radiance);\n"
-                                           "output(2, radiance);\noutput(3, radiance);\n")}}));
-    Set("sky", {sky[0], sky[1], sky[2]});
-    for (int i = 0; i < 4; ++i)
-        SetAttachment(i, KS_ATTACHMENT_BLEND_MODE, cases[i].mode);
-    ksClearColor(0.5f, 0.5f, 0.5f, 0.5f);
-    ksClear(KS_COLOR_BUFFER_BIT);
-    Render();
-    for (int i = 0; i < 4; ++i)
-        for (int y = 0; y < 18; ++y)
-            for (int x = 0; x < 20; ++x)
-                ASSERT_EQ(std::memcmp(At(i, x, y), cases[i].expected.data(), sizeof(float) * 4), 0)
-                    << "mode " << i << " at " << x << "," << y;
+    std::vector<unsigned char> out;
+    (out.insert(out.end(), reinterpret_cast<const unsigned char*>(&values),
+                reinterpret_cast<const unsigned char*>(&values) + sizeof(values)),
+     ...);
+    return out;
 }
 
-TEST_F(Renderer, SamplesAreConvertedToEachFormat)
+// An empty scene: every sample is the sky, exactly. Each attachment of the
+// one frame blends it by its own mode and converts it to its own format.
+TEST_F(Renderer, SamplesAreBlendedAndConvertedPerAttachment)
 {
+    using u8 = unsigned char;
+    using u16 = unsigned short;
     struct Case
     {
-        const char* label;
-        int format;
-        int type;
-        int mode;
+        int format, type, mode;
         std::vector<unsigned char> cleared; // one pixel before the frame
         std::vector<unsigned char> expected;
     };
-    auto bytes = [](auto... values)
-    {
-        std::vector<unsigned char> out;
-        auto put = [&out](auto v)
-        {
-            const auto* p = reinterpret_cast<const unsigned char*>(&v);
-            out.insert(out.end(), p, p + sizeof(v));
-        };
-        (put(values), ...);
-        return out;
-    };
-    using u8 = unsigned char;
-    using u16 = unsigned short;
+    const std::vector<unsigned char> half = Bytes(0.5f, 0.5f, 0.5f, 0.5f);
     const Case cases[] = {
-        {"RGBA bytes", KS_RGBA, KS_UNSIGNED_BYTE, KS_BLEND_MODE_0,
-         bytes(u8(0), u8(0), u8(0), u8(0)), bytes(u8(64), u8(255), u8(128), u8(255))},
-        {"RGBA bytes, added", KS_RGBA, KS_UNSIGNED_BYTE, KS_BLEND_MODE_2,
-         bytes(u8(128), u8(0), u8(0), u8(0)), bytes(u8(192), u8(255), u8(128), u8(255))},
-        {"RGB floats", KS_RGB, KS_FLOAT, KS_BLEND_MODE_0, bytes(0.0f, 0.0f, 0.0f),
-         bytes(0.25f, 2.0f, 0.5f)},
-        {"luminance shorts, maximum", KS_LUMINANCE, KS_UNSIGNED_SHORT, KS_BLEND_MODE_3,
-         bytes(u16(30000)), bytes(u16(30000))},
-        {"luminance shorts, replaced", KS_LUMINANCE, KS_UNSIGNED_SHORT, KS_BLEND_MODE_0,
-         bytes(u16(30000)), bytes(u16(16384))},
-        {"signed RGBA", KS_RGBA, KS_SHORT, KS_BLEND_MODE_1,
-         bytes(short(-32767), short(32767), short(0), short(32767)),
-         bytes(short(-8192), short(32767), short(0), short(32767))},
+        {KS_RGBA, KS_FLOAT, KS_BLEND_MODE_0, half, Bytes(0.25f, 2.0f, 0.5f, 1.0f)},
+        {KS_RGBA, KS_FLOAT, KS_BLEND_MODE_1, half, Bytes(0.125f, 1.0f, 0.25f, 0.5f)},
+        {KS_RGBA, KS_FLOAT, KS_BLEND_MODE_2, half, Bytes(0.75f, 2.5f, 1.0f, 1.5f)},
+        {KS_RGBA, KS_FLOAT, KS_BLEND_MODE_3, half, Bytes(0.5f, 2.0f, 0.5f, 1.0f)},
+        {KS_RGBA, KS_UNSIGNED_BYTE, KS_BLEND_MODE_0, Bytes(u8(0), u8(0), u8(0), u8(0)),
+         Bytes(u8(64), u8(255), u8(128), u8(255))},
+        {KS_RGBA, KS_UNSIGNED_BYTE, KS_BLEND_MODE_2, Bytes(u8(128), u8(0), u8(0), u8(0)),
+         Bytes(u8(192), u8(255), u8(128), u8(255))},
+        {KS_RGB, KS_FLOAT, KS_BLEND_MODE_0, Bytes(0.0f, 0.0f, 0.0f), Bytes(0.25f, 2.0f, 0.5f)},
+        {KS_LUMINANCE, KS_UNSIGNED_SHORT, KS_BLEND_MODE_3, Bytes(u16(30000)), Bytes(u16(30000))},
+        {KS_LUMINANCE, KS_UNSIGNED_SHORT, KS_BLEND_MODE_0, Bytes(u16(30000)), Bytes(u16(16384))},
+        {KS_RGBA, KS_SHORT, KS_BLEND_MODE_1,
+         Bytes(short(-32767), short(32767), short(0), short(32767)),
+         Bytes(short(-8192), short(32767), short(0), short(32767))},
     };
-    for (const Case& c : cases)
+    constexpr int kPixels = 20 * 18; // tiles that do not fill the image evenly
+    std::deque<std::vector<unsigned char>> images;
+    std::string outputs;
+    ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
+    for (int i = 0; i < 10; ++i)
     {
-        SCOPED_TRACE(c.label);
-        constexpr int kPixels = 17 * 3;
-        std::vector<unsigned char> image;
-        for (int i = 0; i < kPixels; ++i)
-            image.insert(image.end(), c.cleared.begin(), c.cleared.end());
-        ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
-        Attach(0, NewClientTexture(17, 3, c.format, c.type, image.data()));
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, c.mode);
-        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-        Set("sky", {0.25f, 2.0f, 0.5f});
-        Render();
-        for (int i = 0; i < kPixels; ++i)
-            ASSERT_EQ(std::vector<unsigned char>(image.begin() + i * c.expected.size(),
-                                                 image.begin() + (i + 1) * c.expected.size()),
-                      c.expected)
-                << "pixel " << i;
+        images.emplace_back();
+        for (int p = 0; p < kPixels; ++p)
+            images.back().insert(images.back().end(), cases[i].cleared.begin(),
+                                 cases[i].cleared.end());
+        Attach(i, NewClientTexture(20, 18, cases[i].format, cases[i].type, images.back().data()));
+        SetAttachment(i, KS_ATTACHMENT_BLEND_MODE, cases[i].mode);
+        outputs += "output(" + std::to_string(i) + ", radiance);\n";
+    }
+    Frame(outputs, {{"sky", {0.25f, 2.0f, 0.5f}}});
+    Render();
+    for (int i = 0; i < 10; ++i)
+    {
+        const std::size_t size = cases[i].expected.size();
+        for (int p = 0; p < kPixels; ++p)
+            ASSERT_EQ(std::vector<unsigned char>(images[i].begin() + p * size,
+                                                 images[i].begin() + (p + 1) * size),
+                      cases[i].expected)
+                << "attachment " << i << ", pixel " << p;
     }
 }
 
 // ---------------------------------------------------------------------------
 // Pixel filters
+
+void SetFilter(float size, int tableSize, const float* table)
+{
+    ksFrameParameter1f(KS_FILTER_SIZE, size);
+    ksFrameParameter1i(KS_FILTER_TABLE_SIZE, tableSize);
+    ksFrameParameterfv(KS_FILTER_TABLE, table);
+}
 
 TEST_F(Renderer, FilteredSamplesFollowAHotCell)
 {
@@ -1254,40 +1086,33 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
         const double b = (2.0 * sy / kHeight - 1.0) * tanHalf;
         return std::sqrt(a * a + b * b + 1.0) / -b;
     };
-    struct Case
+    // The one cell with weight, by row and column, of a table that spans
+    // `size` pixels.
+    for (const auto& [row, column, size] : std::vector<std::array<int, 3>>{
+             {4, 4, 1}, {4, 8, 1}, {1, 2, 1}, {0, 0, 1}, {8, 8, 2}, {4, 1, 2}})
     {
-        const char* label;
-        int row, column; // the one cell with weight
-    };
-    const Case cases[] = {{"middle", 4, 4}, {"right", 4, 8}, {"low left", 1, 2}, {"corner", 0, 0}};
-    for (const Case& c : cases)
-    {
-        SCOPED_TRACE(c.label);
-        Fresh();
-        Targets(2, kWidth, kHeight);
+        SCOPED_TRACE(testing::Message() << row << "," << column << " of " << size);
+        Start(2, kWidth, kHeight);
         SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
         UseFrame(Program({{kFrame, "output(0, depth);\noutput(1, depth);\n"}}));
-        Primitive(
-            Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
+        Shape(kFloor, kDiffuse);
         std::vector<float> table(kTable * kTable, 0.0f);
-        table[static_cast<std::size_t>(c.row * kTable + c.column)] = 1.0f;
-        ksFrameParameter1f(KS_FILTER_SIZE, 1.0f);
-        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, kTable);
-        ksFrameParameterfv(KS_FILTER_TABLE, table.data());
+        table[static_cast<std::size_t>(row * kTable + column)] = 1.0f;
+        SetFilter(float(size), kTable, table.data());
         ASSERT_NO_KS_ERROR();
         // After a refused size no table is taken, at whatever size: the hot
         // one stays in force.
-        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 0);
         const float stray = 5.0f;
-        ksFrameParameterfv(KS_FILTER_TABLE, &stray);
+        SetFilter(float(size), 0, &stray);
         EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
         const std::vector<Notice> notices = _recorder.Take();
         ASSERT_EQ(notices.size(), 2u);
         EXPECT_EQ(notices[1].code, KS_INVALID_OPERATION);
         // The hot entry stands for the cell of one step centred on the point
-        // (c, r) / 9 of the unit square, whose centre lies on the pixel's.
-        const double step = 1.0 / kTable;
-        const double dx = (c.column - 0.5) * step - 0.5, dy = (c.row - 0.5) * step - 0.5;
+        // (c, r) * step of the table's square, whose centre lies on the
+        // pixel's: a symmetric filter samples symmetrically about it.
+        const double step = double(size) / kTable;
+        const double dx = (column - 0.5) * step - 0.5 * size, dy = (row - 0.5) * step - 0.5 * size;
         int boxOutside = 0;
         for (int frame = 0; frame < 3; ++frame)
         {
@@ -1315,74 +1140,41 @@ TEST_F(Renderer, FilteredSamplesFollowAHotCell)
     }
 }
 
-// A Gaussian sampled as the frame buffer samples a host's filter, entry
-// (r, c) at (c, r) * step of the square [0, 2) centred on 1: its samples land
-// as often on either side of the pixel's centre. An emitter covers x < 0 (or
-// y < 0), so its edge runs through the centres of the middle column (row)
-// of an odd image, where the share of samples that see it is 1/2.
-TEST_F(Renderer, SymmetricFilterSamplesEvenlyAboutThePixelCentre)
+// A sample weighs the table's magnitude over its integral, with the sign of
+// its cell: with {3, -1} it weighs +2 or -2, a quarter of the samples
+// negative, and averages to 1. Lobes that cancel keep their bare signs; a
+// table of no weight is no table. Only what is added is weighed.
+TEST_F(Renderer, FilterWeightsFollowTheTable)
 {
-    constexpr int kTable = 16, kSide = 33, kFrames = 40;
-    const float step = 2.0f / kTable;
-    std::vector<float> table;
-    for (int r = 0; r < kTable; ++r)
-        for (int c = 0; c < kTable; ++c)
-        {
-            const float x = c * step - 1.0f, y = r * step - 1.0f;
-            table.push_back(std::exp(-(x * x + y * y) / (2.0f * 0.25f * 0.25f)));
-        }
-    for (bool columns : {true, false})
+    const struct
     {
-        SCOPED_TRACE(columns ? "x" : "y");
-        Fresh();
-        Targets(1, kSide, kSide);
+        std::array<float, 4> table;
+        float weight;
+        int negative; // of 1024 samples
+    } cases[] = {{{3, -1, 0, 0}, 2, 256}, {{1, -1, 0, 0}, 1, 512}, {{0, kNaN, 0, 0}, 1, 0}};
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.table[0] << " " << c.table[1]);
+        Start(2, 32, 32);
         SetAttachment(0, KS_ATTACHMENT_FILTER, 1);
         SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-        UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
-        Primitive(Program({{kVertex, kBox}, {kRay, kEmissive}}));
-        Set("lo", {-100, -100, -10});
-        Set("hi", {columns ? 0.0f : 100.0f, columns ? 100.0f : 0.0f, -9});
-        Set("radiance", {1, 1, 1});
-        ksFrameParameter1f(KS_FILTER_SIZE, 2.0f);
-        ksFrameParameter1i(KS_FILTER_TABLE_SIZE, kTable);
-        ksFrameParameterfv(KS_FILTER_TABLE, table.data());
-        for (int frame = 0; frame < kFrames; ++frame)
-            Render();
-        const int middle = kSide / 2;
-        const double seen =
-            columns ? Mean(0, middle, 0, middle + 1, kSide) : Mean(0, 0, middle, kSide, middle + 1);
-        // 1320 samples: a standard error of 0.014.
-        EXPECT_NEAR(seen / kFrames, 0.5, 0.04);
+        SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
+        Frame("output(0, radiance);\noutput(1, radiance);\n", {{"sky", {1, 0.5f, 0.25f}}});
+        SetFilter(1.0f, 2, c.table.data());
+        Render();
+        int negative = 0;
+        for (int y = 0; y < 32; ++y)
+            for (int x = 0; x < 32; ++x)
+            {
+                const float* added = At(0, x, y);
+                const float sign = added[0] < 0.0f ? -1.0f : 1.0f;
+                negative += sign < 0.0f;
+                EXPECT_EQ(added[0], c.weight * sign);
+                EXPECT_EQ(added[2], 0.25f * c.weight * sign);
+                EXPECT_EQ(At(1, x, y)[1], 0.5f) << "a replaced sample is not weighed";
+            }
+        EXPECT_NEAR(negative, c.negative, 48);
     }
-}
-
-TEST_F(Renderer, NegativeLobesWeighOnlyWhatIsAdded)
-{
-    // Three quarters of the table's weight positive, one quarter negative:
-    // samples then weigh +2 or -2, and average to 1.
-    const float table[4] = {3.0f, -1.0f, 0.0f, 0.0f};
-    Targets(2, 32, 32);
-    SetAttachment(0, KS_ATTACHMENT_FILTER, 1);
-    SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-    SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
-    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, radiance);\n")}}));
-    Set("sky", {1, 0.5f, 0.25f});
-    ksFrameParameter1f(KS_FILTER_SIZE, 1.0f);
-    ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 2);
-    ksFrameParameterfv(KS_FILTER_TABLE, table);
-    Render();
-    int negative = 0;
-    for (int y = 0; y < 32; ++y)
-        for (int x = 0; x < 32; ++x)
-        {
-            const float* added = At(0, x, y);
-            const float sign = added[0] < 0.0f ? -1.0f : 1.0f;
-            negative += sign < 0.0f;
-            EXPECT_EQ(added[0], 2.0f * sign);
-            EXPECT_EQ(added[2], 0.5f * sign);
-            EXPECT_EQ(At(1, x, y)[1], 0.5f) << "a replaced sample is not weighed";
-        }
-    EXPECT_NEAR(negative, 256, 48);
 }
 
 // ---------------------------------------------------------------------------
@@ -1391,22 +1183,13 @@ TEST_F(Renderer, NegativeLobesWeighOnlyWhatIsAdded)
 // The same rich scene in the current context.
 void BuildRichScene(Renderer& r)
 {
-    r.Primitive(
-        r.Program({{kVertex, "plane(vec3(0, -1, 0), vec3(0, 1, 0));\n"}, {kRay, kDiffuse}}));
-    r.Primitive(r.Program({{kVertex, kSphere}, {kRay, kGlass}}));
-    r.Set("centre", {-0.8f, -0.3f, -3});
-    r.Set("radius", {0.6f});
-    r.Primitive(r.Program({{kVertex, kSphere}, {kRay, kMirror}}));
-    r.Set("centre", {0.8f, -0.4f, -3.5f});
-    r.Set("radius", {0.6f});
-    r.Set("tint", {0.9f, 0.8f, 0.7f});
-    r.Primitive(r.Program({{kVertex, kBox}, {kRay, kEmissive}}));
-    r.Set("lo", {-0.5f, 1.5f, -4});
-    r.Set("hi", {0.5f, 1.6f, -3});
-    r.Set("radiance", {8, 7, 6});
-    r.UseFrame(
-        r.Program({{kFrame, FrameSource("output(0, radiance);\noutput(1, visibility);\n")}}));
-    r.Set("sky", {0.1f, 0.1f, 0.2f});
+    r.Shape(kFloor, kDiffuse);
+    r.Shape(kSphere, kGlass, {{"centre", {-0.8f, -0.3f, -3}}, {"radius", {0.6f}}});
+    r.Shape(kSphere, kMirror,
+            {{"centre", {0.8f, -0.4f, -3.5f}}, {"radius", {0.6f}}, {"tint", {0.9f, 0.8f, 0.7f}}});
+    r.Shape(kBox, kEmissive,
+            {{"lo", {-0.5f, 1.5f, -4}}, {"hi", {0.5f, 1.6f, -3}}, {"radiance", {8, 7, 6}}});
+    r.Frame("output(0, radiance);\noutput(1, visibility);\n", {{"sky", {0.1f, 0.1f, 0.2f}}});
 }
 
 TEST_F(Renderer, ImagesDoNotDependOnTheThreadCount)
@@ -1414,62 +1197,29 @@ TEST_F(Renderer, ImagesDoNotDependOnTheThreadCount)
     std::vector<std::vector<float>> images;
     for (long long threads : {1LL, 2LL, 0LL}) // 0: one per core
     {
-        const long long attributes[] = {KS_CONTEXT_RENDER_THREADS, threads, 0};
-        void* context = KestrelCreateContext(attributes, nullptr, nullptr);
-        ASSERT_EQ(KestrelSetCurrentContext(context), 1);
-        _images.clear();
-        Targets(2, 70, 50);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-        SetAttachment(1, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        Start(2, 70, 50, KS_BLEND_MODE_2, threads);
         BuildRichScene(*this);
-        Render();
-        Render();
+        Render(2);
         images.push_back(_images[0]);
         images.back().insert(images.back().end(), _images[1].begin(), _images[1].end());
-        KestrelDestroyContext(context);
     }
-    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    ASSERT_EQ(images.size(), 3u);
-    EXPECT_EQ(std::memcmp(images[0].data(), images[1].data(), images[0].size() * sizeof(float)), 0);
-    EXPECT_EQ(std::memcmp(images[0].data(), images[2].data(), images[0].size() * sizeof(float)), 0);
+    EXPECT_EQ(images[0], images[1]);
+    EXPECT_EQ(images[0], images[2]);
     // Not a blank picture that any thread count would agree on.
     const auto [low, high] = std::minmax_element(images[0].begin(), images[0].end());
     EXPECT_LT(*low, 0.5f);
     EXPECT_GT(*high, 1.0f);
 }
 
+// A stop from the render hook ends the frame before any tile; a stop, or a
+// destroy, from another thread while the scene is being built ends it too:
+// the build gives up. Neither carries over to the next frame.
 TEST_F(Renderer, AStoppedFrameLeavesItsTargetsAlone)
 {
-    Targets(1, 64, 64);
-    BuildRichScene(*this);
-    ksClearColor(0.5f, 0.5f, 0.5f, 0.5f);
-    ksClear(KS_COLOR_BUFFER_BIT);
+    for (const char* how : {"render", "build", "destroy"})
     {
-        Kestrel::Testing::AutoRenderHook hook([](void* context) { KestrelStopContext(context); });
-        ksRenderFrame();
-    }
-    EXPECT_EQ(ksGetError(), KS_RENDER_STOPPED);
-    _recorder.Take();
-    long long primary = -1;
-    ksGetLongv(KS_FRAME_STATISTIC_4, &primary);
-    EXPECT_EQ(primary, 0);
-    for (float value : _images[0])
-        ASSERT_EQ(value, 0.5f);
-    Render();
-    ksGetLongv(KS_FRAME_STATISTIC_4, &primary);
-    EXPECT_EQ(primary, 64 * 64);
-    EXPECT_NE(At(0, 32, 2)[0], 0.5f);
-}
-
-// A stop, or a destroy, that comes from another thread while the scene is
-// being built ends that frame: the build gives up and no tile is rendered.
-TEST_F(Renderer, AStopDuringTheSceneBuildIsNotLost)
-{
-    for (bool destroy : {false, true})
-    {
-        SCOPED_TRACE(destroy ? "destroy" : "stop");
-        Fresh();
-        Targets(1, 16, 16);
+        SCOPED_TRACE(how);
+        Start(1, 64, 64);
         BuildRichScene(*this);
         // Thousands of small triangles, far off, for a build that takes a while.
         std::vector<float> floats;
@@ -1479,22 +1229,28 @@ TEST_F(Renderer, AStopDuringTheSceneBuildIsNotLost)
                         y = static_cast<float>(i / 200) * 0.1f;
             floats.insert(floats.end(), {x, y, -50, x + 0.05f, y, -50, x, y + 0.05f, -50});
         }
-        Primitive(Program({{kVertex, kMesh}, {kRay, kDiffuse}}));
+        Shape(kMesh, kDiffuse);
         Mesh(floats);
         ksClearColor(0.5f, 0.5f, 0.5f, 0.5f);
         ksClear(KS_COLOR_BUFFER_BIT);
         ASSERT_NO_KS_ERROR();
         const int live = Kestrel::Testing::CountContexts();
+        const std::string mode = how;
         std::thread destroyer;
         {
-            Kestrel::Testing::AutoBuildHook hook(
+            Kestrel::Testing::AutoRenderHook renderHook(
                 [&](void* context)
                 {
-                    if (!destroy)
-                    {
+                    if (mode == "render")
+                        KestrelStopContext(context);
+                });
+            Kestrel::Testing::AutoBuildHook buildHook(
+                [&](void* context)
+                {
+                    if (mode == "build")
                         std::thread([context] { KestrelStopContext(context); }).join();
+                    if (mode != "destroy")
                         return;
-                    }
                     // The destroy waits for the context's lock, which the
                     // build holds; it has stopped the frame once the context
                     // has left the registry.
@@ -1508,53 +1264,62 @@ TEST_F(Renderer, AStopDuringTheSceneBuildIsNotLost)
             destroyer.join();
         for (float value : _images[0])
             ASSERT_EQ(value, 0.5f) << "a tile was rendered";
-        if (destroy)
+        if (mode == "destroy")
+        {
+            _recorder.Take(); // whatever the dying context had to say
             continue;
+        }
         EXPECT_EQ(ksGetError(), KS_RENDER_STOPPED);
         const std::vector<Notice> notices = _recorder.Take();
         ASSERT_EQ(notices.size(), 1u);
         EXPECT_EQ(notices[0].message, "frame stopped");
-        EXPECT_EQ(SceneBuilds(), 0) << "the build gave up";
+        EXPECT_EQ(Statistic(KS_FRAME_STATISTIC_4), 0);
+        EXPECT_EQ(SceneBuilds(), mode == "build" ? 0 : 1) << "the build gave up";
         Render();
         EXPECT_EQ(SceneBuilds(), 1) << "the stop did not carry over";
+        EXPECT_EQ(Statistic(KS_FRAME_STATISTIC_4), 64 * 64);
+        EXPECT_NE(At(0, 32, 2)[0], 0.5f);
     }
-    Fresh();
+    Start(0, 0, 0);
 }
 
 TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
 {
     Targets(1, 16, 16);
-    UseFrame(Program({{kFrame, FrameSource("output(0, radiance);\n")}}));
+    Frame("output(0, radiance);\n");
     _KSprogram* frame = _pProgram;
-    _KSprogram* sphereProgram = Program({{kVertex, kSphere}, {kRay, kDiffuse}});
-    const KSprimitive sphere = Primitive(sphereProgram);
-    Set("centre", {0, 0, -5});
-    const KSprimitive mesh = Primitive(Program({{kVertex, kMesh}, {kRay, kDiffuse}}));
+    const KSprimitive sphere = Shape(kSphere, kDiffuse, {{"centre", {0, 0, -5}}});
+    _KSprogram* sphereProgram = _pProgram;
+    const KSprimitive mesh = Shape(kMesh, kDiffuse);
     const std::vector<float> triangle = {3, 3, -9, 4, 3, -9, 4, 4, -9};
     _KSbuffer* buffer = Mesh(triangle);
-    _KStexture* texture = NewTexture();
-    ksBindTexture(KS_TEXTURE_2D, texture);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, nullptr);
-    const KSprimitive textured = Primitive(Program({{kVertex, kSphere}, {kRay, kTextured}}));
-    Set("centre", {-3, -3, -9});
-    ksUniformt(ksGetUniformLocation(_pProgram, "map"), texture);
-    _KStexture* packed = NewTexture();
-    ksBindTexture(KS_TEXTURE_2D, packed);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, nullptr);
-    Primitive(Program({{kVertex, kSphere}, {kRay, kMetallicRoughness}}));
-    Set("centre", {3, -3, -9});
-    ksUniformt(ksGetUniformLocation(_pProgram, "mr_map"), packed);
+    _KStexture* texture = Texture(1, 1, KS_RGB, nullptr);
+    const KSprimitive textured = Shape(kSphere, kTextured, {{"centre", {-3, -3, -9}}});
+    SetTexture("map", texture);
+    _KStexture* packed = Texture(1, 1, KS_RGB, nullptr);
+    Shape(kSphere, kMetallicRoughness, {{"centre", {3, -3, -9}}});
+    SetTexture("mr_map", packed);
     _KSbuffer* stranger = NewBuffer();
     Render();
     ASSERT_EQ(SceneBuilds(), 1);
 
-    const auto hitFraction = []
+    const float smallSphere = HitFraction();
+    const auto clampTexture = [](_KStexture* t)
     {
-        float hits = -1.0f;
-        ksGetFloatv(KS_FRAME_STATISTIC_8, &hits);
-        return hits;
+        return [t]
+        {
+            ksBindTexture(KS_TEXTURE_2D, t);
+            ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
+        };
     };
-    const float smallSphere = hitFraction();
+    const auto fill = [](_KSbuffer* b, const void* data, std::size_t size)
+    {
+        return [=]
+        {
+            ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, b);
+            ksBufferData(KS_UNIFORM_BLOCK_BUFFER, size, data, KS_STATIC_DRAW);
+        };
+    };
     struct Case
     {
         const char* label;
@@ -1564,27 +1329,18 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     const Case cases[] = {
         {"nothing", [] {}, false},
         {"a frame uniform",
-         [&]
-         {
-             UseFrame(frame);
-             Set("sky", {1, 1, 1});
+         [&] {
+             UseFrame(frame, {{"sky", {1, 1, 1}}});
          },
          false},
         {"a uniform of a shape",
          [&]
          {
              ksBindPrimitive(KS_PRIMITIVE, sphere);
-             _pProgram = sphereProgram;
-             Set("radius", {2});
+             Use(sphereProgram, {{"radius", {2}}});
          },
          true},
-        {"the mesh's storage",
-         [&]
-         {
-             ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, buffer);
-             ksBufferData(KS_UNIFORM_BLOCK_BUFFER, triangle.size() * sizeof(float), triangle.data(),
-                          KS_STATIC_DRAW);
-         },
+        {"the mesh's storage", fill(buffer, triangle.data(), triangle.size() * sizeof(float)),
          true},
         {"a mapping of the mesh",
          [&]
@@ -1594,27 +1350,9 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
              ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER);
          },
          true},
-        {"a buffer no primitive reads",
-         [&]
-         {
-             ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, stranger);
-             ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 36, nullptr, KS_STATIC_DRAW);
-         },
-         false},
-        {"the material's texture",
-         [&]
-         {
-             ksBindTexture(KS_TEXTURE_2D, texture);
-             ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
-         },
-         true},
-        {"a metallic-roughness map",
-         [&]
-         {
-             ksBindTexture(KS_TEXTURE_2D, packed);
-             ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
-         },
-         true},
+        {"a buffer no primitive reads", fill(stranger, nullptr, 36), false},
+        {"the material's texture", clampTexture(texture), true},
+        {"a metallic-roughness map", clampTexture(packed), true},
         {"a new texture", [] { NewTexture(); }, false},
         {"a relink", [&] { ksLinkProgram(sphereProgram); }, true},
         {"a deleted primitive",
@@ -1635,7 +1373,7 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
         Render();
         EXPECT_EQ(SceneBuilds(), before + (c.rebuilds ? 1 : 0));
     }
-    EXPECT_GT(hitFraction(), 2.0f * smallSphere) << "the new radius is in the picture";
+    EXPECT_GT(HitFraction(), 2.0f * smallSphere) << "the new radius is in the picture";
 }
 
 } // namespace
