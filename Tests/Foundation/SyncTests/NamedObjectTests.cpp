@@ -75,6 +75,22 @@ enum eChildResult
     kCR_NoSignal = 11,
 };
 
+// A child that makes a named event, says so, and sets it when told to.
+pid_t EventInChild(const std::wstring& name, bool bManualReset, bool bInitialState,
+                   const Channel& created, const Channel& go)
+{
+    return RunInChild(
+        [&]
+        {
+            Vireo::Event own(bManualReset, bInitialState, name.c_str());
+            created.Send();
+            if (!go.Receive())
+                return static_cast<int>(kCR_NoSignal);
+            own.Set();
+            return static_cast<int>(kCR_Ok);
+        });
+}
+
 } // namespace
 
 TEST(NamedObjectTest, SameNameIsTheSameLock)
@@ -224,16 +240,7 @@ TEST(NamedObjectTest, EventSetInOtherProcess)
         const std::wstring name = UniqueName(L"event");
         Channel created;
         Channel go;
-        const pid_t child = RunInChild(
-            [&]
-            {
-                Vireo::Event own(bManualReset, false, name.c_str());
-                created.Send();
-                if (!go.Receive())
-                    return static_cast<int>(kCR_NoSignal);
-                own.Set();
-                return static_cast<int>(kCR_Ok);
-            });
+        const pid_t child = EventInChild(name, bManualReset, false, created, go);
         ASSERT_GT(child, 0);
         ASSERT_TRUE(created.Receive());
 
@@ -254,13 +261,7 @@ TEST(NamedObjectTest, OpenerWaitsForACreatorStillSettingUp)
     const std::wstring name = UniqueName(L"setup");
     Channel created;
     Channel done;
-    const pid_t child = RunInChild(
-        [&]
-        {
-            Vireo::Event own(true, true, name.c_str());
-            created.Send();
-            return done.Receive() ? static_cast<int>(kCR_Ok) : static_cast<int>(kCR_NoSignal);
-        });
+    const pid_t child = EventInChild(name, true, true, created, done);
     ASSERT_GT(child, 0);
     ASSERT_TRUE(created.Receive());
     const std::string shmName = "/vireo.event." + std::string(name.begin(), name.end());
