@@ -98,7 +98,9 @@ TEST_P(MutexWaitableTest, ReleaseByOtherThreadChangesNothing)
     _mutex.Release();
     EXPECT_FALSE(FreeForOthers(_mutex));
     _mutex.Release();
+    _mutex.Release(); // a stray one by the last holder must not mark the lock
     EXPECT_TRUE(FreeForOthers(_mutex));
+    EXPECT_TRUE(FreeForOthers(_mutex)) << "the next holder could not let go";
 }
 
 TEST_P(MutexWaitableTest, AbandonedLockIsReportedOnceThenFree)
