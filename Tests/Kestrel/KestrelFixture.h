@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -75,6 +76,25 @@ template <typename T>
 T* ForgedHandle(std::uintptr_t salt = 0)
 {
     return reinterpret_cast<T*>(static_cast<std::uintptr_t>(0x7e5d0000u) + salt);
+}
+
+// Makes the call on an output full of garbage; true when it wrote zero there.
+template <typename T>
+bool WroteZero(void (*call)(int, T*), int name)
+{
+    T value;
+    std::memset(&value, 0x5a, sizeof(value));
+    call(name, &value);
+    return value == T{};
+}
+
+template <typename H, typename T>
+bool WroteZero(void (*call)(H, int, T*), H object, int name)
+{
+    T value;
+    std::memset(&value, 0x5a, sizeof(value));
+    call(object, name, &value);
+    return value == T{};
 }
 
 struct BufferTarget
