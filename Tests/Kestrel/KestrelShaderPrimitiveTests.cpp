@@ -202,33 +202,17 @@ TEST_F(KestrelShaders, AttachmentsAreASet)
     EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksDetachShader");
 }
 
-TEST_F(KestrelShaders, UniformsHaveTheirProgramsLocationsAndTypes)
+TEST_F(KestrelShaders, NamesMatchOnlyWhole)
 {
-    _KSprogram* program = Linked(
-        {Compiled(KS_VERTEX_SHADER, kSphereSource), Compiled(KS_SHADER_KIND_2, kMaterialSource)});
-    ASSERT_EQ(LinkStatus(program), 1) << ProgramLog(program);
-    const int center = ksGetUniformLocation(program, "center");
-    const int radius = ksGetUniformLocation(program, "radius");
-    const int albedo = ksGetUniformLocation(program, "albedo");
-    ASSERT_EQ(std::vector<int>({center, radius, albedo}), std::vector<int>({0, 1, 2}));
-    for (const char* name : {"nosuch", "", "center.x", "Center"})
+    _KSprogram* program = Linked({Compiled(KS_VERTEX_SHADER, kSphereSource)});
+    ASSERT_EQ(ksGetUniformLocation(program, "center"), 0);
+    for (const char* name : {"nosuch", "", "center.x", "Center", "cent"})
     {
         EXPECT_EQ(ksGetUniformLocation(program, name), -1) << name;
         EXPECT_EQ(ksGetUniformBlockIndex(program, name), -1) << name;
         EXPECT_EQ(ksGetAttribLocation(program, name), -1) << name;
     }
-
-    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
-    ksUseProgram(program);
-    const float v[3] = {1, 2, 3};
-    ksUniform3fv(center, 1, v);
-    ksUniform1f(radius, 0.5f);
-    ksUniform3fv(albedo, 1, v);
     EXPECT_NO_KS_ERROR();
-    ksUniform1i(center, 3);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksUniform1i");
-    ksUniform3fv(radius, 1, v);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksUniform3fv");
 }
 
 // ---------------------------------------------------------------------------
