@@ -89,6 +89,12 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
         {"ksGetFloatv", kEnum, [] { return WroteZero(ksGetFloatv, kBogus); }},
         {"ksGetDoublev", kEnum, [] { return WroteZero(ksGetDoublev, kBogus); }},
         {"ksGetFrameParameteriv", kEnum, [] { return WroteZero(ksGetFrameParameteriv, kBogus); }},
+        // A target where its binding's name belongs, or another kind's name.
+        {"ksGetBuffer", kEnum, [] { return WroteZero(ksGetBuffer, KS_ARRAY_BUFFER); }},
+        {"ksGetBuffer", kEnum, [] { return WroteZero(ksGetBuffer, KS_TEXTURE_BINDING_2D); }},
+        {"ksGetTexture", kEnum, [] { return WroteZero(ksGetTexture, KS_TEXTURE_2D); }},
+        {"ksGetFramebuffer", kEnum, [] { return WroteZero(ksGetFramebuffer, KS_FRAMEBUFFER); }},
+        {"ksGetPrimitive", kEnum, [] { return WroteZero(ksGetPrimitive, KS_PRIMITIVE); }},
         {"ksGetString", kEnum, [] { return ksGetString(kBogus) == nullptr; }},
         {"ksFrameParameter1i", kEnum, Done([] { ksFrameParameter1i(kBogus, 1); })},
         {"ksFrameParameter1f", kEnum, Done([] { ksFrameParameter1f(kBogus, 1); })},
