@@ -197,18 +197,7 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
     KestrelDestroyContext(other);
 }
 
-TEST_F(KestrelHandles, DeletingOrDetachingNullIsSilent)
-{
-    ksDetachShader(ksCreateProgram(), nullptr);
-    DeleteHandles({"null", nullptr, nullptr, nullptr, nullptr, nullptr, KSprimitive(0)});
-    EXPECT_NO_KS_ERROR();
-    // The frame primitive survives an attempt to delete 0.
-    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
-    ksUniform1f(-1, 1.0f);
-    EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(KestrelHandles, CountsFollowCreationAndDeletionWhichUnbinds)
+TEST_F(KestrelHandles, CountsFollowCreationAndDeletionWhichUnbindsAndSkipsNull)
 {
     _KSbuffer* buffers[3] = {};
     ksGenBuffers(3, buffers);
@@ -227,6 +216,9 @@ TEST_F(KestrelHandles, CountsFollowCreationAndDeletionWhichUnbinds)
     ksBindPrimitive(KS_PRIMITIVE, primitives[0]);
     ksDeleteBuffers(2, buffers);
     ksDeletePrimitives(1, primitives);
+    // Deleting or detaching null is silent; deleting 0 spares the frame primitive.
+    ksDetachShader(one.program, nullptr);
+    DeleteHandles({"null", nullptr, nullptr, nullptr, nullptr, nullptr, KSprimitive(0)});
     one.buffer = nullptr;
     one.primitive = KSprimitive(0);
     DeleteHandles(one);
@@ -236,6 +228,9 @@ TEST_F(KestrelHandles, CountsFollowCreationAndDeletionWhichUnbinds)
     EXPECT_TRUE(ReadBindingState(_pContext) == expected)
         << "a deleted object is still bound somewhere";
     EXPECT_EQ(CountObjects(ForgedHandle<void>()).buffers, -1);
+    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
+    ksUniform1f(-1, 1.0f);
+    EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(KestrelHandles, HandlesAreNeverReused)
