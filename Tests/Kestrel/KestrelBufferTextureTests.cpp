@@ -147,6 +147,8 @@ TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)
         EXPECT_EQ(ksMapBuffer(KS_ARRAY_BUFFER, access), nullptr);
         EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksMapBuffer") << Hex(access);
     }
+    ksBufferData(KS_ARRAY_BUFFER, ~0ull, nullptr, KS_STATIC_DRAW);
+    EXPECT_KS_ERROR_IN(KS_OUT_OF_MEMORY, "ksBufferData");
     // Rejected calls neither replaced the storage nor left it mapped.
     EXPECT_EQ(ReadBack(4), std::vector<unsigned char>(marker, marker + 4));
     EXPECT_NO_KS_ERROR();
@@ -225,6 +227,8 @@ TEST_F(KestrelTextures, ImageArgumentsAreChecked)
         {"unknown format", 0x1234, 0x1234, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
         {"formats differ", KS_RGB, KS_RGBA, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
         {"formats differ", KS_RGBA, KS_RGB, KS_UNSIGNED_BYTE, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"no internal format", 0, KS_RGBA, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"no format or type", KS_RGBA, 0, 0, 0, 2, 2, 0, KS_INVALID_ENUM},
         {"level 1", KS_RGBA, KS_RGBA, KS_FLOAT, 1, 2, 2, 0, KS_INVALID_VALUE},
         {"border 1", KS_RGBA, KS_RGBA, KS_FLOAT, 0, 2, 2, 1, KS_INVALID_VALUE},
         {"negative width", KS_RGBA, KS_RGBA, KS_FLOAT, 0, -1, 2, 0, KS_INVALID_VALUE},

@@ -206,6 +206,15 @@ TEST_F(KestrelHandles, CountsFollowCreationAndDeletionWhichUnbindsAndSkipsNull)
     KSprimitive primitives[2] = {};
     ksGenPrimitives(2, primitives);
     BadHandles one = MakeHandles("one of each");
+    // A count of 0 needs no array and makes or deletes nothing.
+    ksGenBuffers(0, nullptr);
+    ksGenTextures(0, nullptr);
+    ksGenFramebuffers(0, nullptr);
+    ksGenPrimitives(0, nullptr);
+    ksDeleteBuffers(0, nullptr);
+    ksDeleteTextures(0, nullptr);
+    ksDeleteFramebuffers(0, nullptr);
+    ksDeletePrimitives(0, nullptr);
     ASSERT_NO_KS_ERROR();
     EXPECT_EQ(CountObjects(_pContext), (ObjectCounts{1, 1, 3, 4, 1, 1}));
 
