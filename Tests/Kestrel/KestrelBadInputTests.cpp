@@ -164,6 +164,16 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
         {"ksUniformpv", kValue, Done([] { ksUniformpv(0, 1, nullptr); })},
         {"ksPrimitiveParameterString", kValue,
          Done([] { ksPrimitiveParameterString(KS_PRIMITIVE, KS_PRIMITIVE_NAME, nullptr); })},
+        {"ksBufferParameterString", kValue,
+         Done([] { ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, nullptr); })},
+        {"ksShaderString", kValue, Done([=] { ksShaderString(shader, KS_SHADER_NAME, nullptr); })},
+        {"ksProgramString", kValue,
+         Done([=] { ksProgramString(program, KS_PROGRAM_NAME, nullptr); })},
+
+        // Sizes beyond any storage.
+        {"ksUniform4fv", KS_OUT_OF_MEMORY, Done([&] { ksUniform4fv(0, 1LL << 60, table); })},
+        {"ksUniformMatrix4fv", KS_OUT_OF_MEMORY,
+         Done([&] { ksUniformMatrix4fv(0, 1LL << 60, 0, table); })},
         {"ksGetUniformLocation", kValue,
          [=] { return ksGetUniformLocation(program, nullptr) == -1; }},
     };
