@@ -157,6 +157,12 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
         {"ksDeleteTextures", kValue, Done([] { ksDeleteTextures(1, nullptr); })},
         {"ksDeleteFramebuffers", kValue, Done([] { ksDeleteFramebuffers(1, nullptr); })},
         {"ksDeletePrimitives", kValue, Done([] { ksDeletePrimitives(1, nullptr); })},
+        {"ksGetIntegerv", kValue, Done([] { ksGetIntegerv(KS_MAX_RAY_DEPTH, nullptr); })},
+        {"ksGetBuffer", kValue, Done([] { ksGetBuffer(KS_ARRAY_BUFFER_BINDING, nullptr); })},
+        {"ksGetTexture", kValue, Done([] { ksGetTexture(KS_TEXTURE_BINDING_2D, nullptr); })},
+        {"ksGetFramebuffer", kValue,
+         Done([] { ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, nullptr); })},
+        {"ksGetPrimitive", kValue, Done([] { ksGetPrimitive(KS_PRIMITIVE_BINDING, nullptr); })},
         {"ksShaderSource", kValue, Done([=] { ksShaderSource(shader, 1, nullptr, nullptr); })},
         {"ksShaderSource", kValue, Done([=] { ksShaderSource(shader, 2, nullptr, nullptr); })},
         {"ksFrameParameterfv", kValue, Done([] { ksFrameParameterfv(KS_FILTER_TABLE, nullptr); })},
@@ -187,7 +193,9 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
         EXPECT_TRUE(ReadBindingState(_pContext) == before) << "bindings or objects changed";
     }
 
-    // The objects themselves are as they were.
+    // The objects themselves are as they were, and no uniform was stored.
+    Kestrel::Testing::UniformRecord stored;
+    EXPECT_FALSE(Kestrel::Testing::ReadUniform(before.primitive, 0, &stored)) << stored.type;
     int depth = 0;
     ksGetFrameParameteriv(KS_RAY_DEPTH_LIMIT, &depth);
     EXPECT_EQ(depth, 3);
