@@ -139,6 +139,7 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
         {"ksUniformMatrix3fv", kValue, Done([&] { ksUniformMatrix3fv(0, 1, 2, table); })},
         {"ksUniformBlockBuffer", kValue, Done([=] { ksUniformBlockBuffer(-1, buffer); })},
         {"ksViewport", kValue, Done([] { ksViewport(0, 0, -4, 4); })},
+        {"ksPixelStorei", kValue, Done([] { ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 2); })},
         {"ksFrameParameter1i", kValue, Done([] { ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, -1); })},
         {"ksFrameParameter1i", kValue, Done([] { ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 0); })},
         {"ksFrameParameter1i", kValue, Done([] { ksFrameParameter1i(KS_FRAME_INDEX, -1); })},

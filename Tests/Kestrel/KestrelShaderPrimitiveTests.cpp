@@ -307,7 +307,8 @@ TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
 
 TEST_F(KestrelPrimitives, ScalarUniformsAndBlocks)
 {
-    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    const KSprimitive primitive = NewPrimitive();
+    ksBindPrimitive(KS_PRIMITIVE, primitive);
     _KStexture* texture = NewTexture();
     const KSprimitive other = NewPrimitive();
     _KSbuffer* buffer = NewBuffer();
@@ -327,6 +328,25 @@ TEST_F(KestrelPrimitives, ScalarUniformsAndBlocks)
 
     ksUniformBlockBuffer(0, buffer);
     ksUniformBlockBuffer(5, nullptr);
+    EXPECT_NO_KS_ERROR();
+
+    // Without a program a slot may change type, and keeps nothing of the old.
+    const float floats[3] = {1, 2, 3};
+    const int ints[2] = {4, 5};
+    const std::function<void()> asFloats = [&] { ksUniform3fv(5, 1, floats); };
+    const std::function<void()> asInts = [&] { ksUniform2iv(5, 1, ints); };
+    const std::function<void()> asTexture = [&] { ksUniformt(5, texture); };
+    // Every change of kind once.
+    const std::function<void()> retypes[] = {asFloats, asTexture, asInts,  asTexture,
+                                             asFloats, asInts,    asFloats};
+    for (const auto& set : retypes)
+    {
+        set();
+        Kestrel::Testing::UniformRecord stored;
+        ASSERT_TRUE(Kestrel::Testing::ReadUniform(primitive, 5, &stored));
+        EXPECT_EQ(!stored.floats.empty() + !stored.ints.empty() + !stored.handles.empty(), 1)
+            << stored.type;
+    }
     EXPECT_NO_KS_ERROR();
 }
 
