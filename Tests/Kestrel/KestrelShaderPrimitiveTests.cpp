@@ -169,8 +169,13 @@ TEST_F(KestrelShaders, DeletionToleratesRepeatsAndAttachments)
     ksDetachShader(program, shared);
     EXPECT_NO_KS_ERROR();
 
-    // Deleting the program leaves its shaders whole.
+    // Deleting the program takes it off the frame primitive and leaves its
+    // shaders whole.
+    ksUseProgram(program);
     ksDeleteProgram(program);
+    Kestrel::Testing::PrimitiveRecord frame;
+    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(KSprimitive(0), &frame));
+    EXPECT_EQ(frame.program, nullptr);
     ksDeleteProgram(program);
     EXPECT_NO_KS_ERROR();
     EXPECT_EQ(ShaderText(shape, KS_SHADER_SOURCE), kSphereSource);
@@ -326,9 +331,17 @@ TEST_F(KestrelPrimitives, ScalarUniformsAndBlocks)
         EXPECT_KS_ERROR(KS_INVALID_VALUE);
     }
 
+    // Deleting a buffer drops just its own blocks.
+    _KSbuffer* kept = NewBuffer();
     ksUniformBlockBuffer(0, buffer);
+    ksUniformBlockBuffer(1, kept);
+    ksUniformBlockBuffer(2, buffer);
     ksUniformBlockBuffer(5, nullptr);
+    ksDeleteBuffers(1, &buffer);
     EXPECT_NO_KS_ERROR();
+    Kestrel::Testing::PrimitiveRecord record;
+    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(primitive, &record));
+    EXPECT_EQ(record.blocks, (std::vector<std::pair<int, _KSbuffer*>>{{1, kept}}));
 
     // Without a program a slot may change type, and keeps nothing of the old.
     const float floats[3] = {1, 2, 3};

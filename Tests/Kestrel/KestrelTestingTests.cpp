@@ -343,6 +343,7 @@ TEST_F(KestrelCallLog, RecordsOnlyWhileALogLives)
     Describe(static_cast<_KStexture*>(nullptr));
     CountObjects(_pContext);
     CountContexts();
+    EXPECT_FALSE(CountSceneBuilds(nullptr));
     EXPECT_TRUE(later.Calls().empty());
     _recorder.Take();
 }
