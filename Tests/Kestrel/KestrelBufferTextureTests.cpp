@@ -41,40 +41,29 @@ protected:
     _KSbuffer* _pBuffer = nullptr;
 };
 
-TEST_F(KestrelBuffers, DataIsCopiedFromTheSourceOrZeroed)
+TEST_F(KestrelBuffers, DataIsCopiedOrZeroedAndMapGivesTheStorageItself)
 {
     unsigned char source[16];
     for (int i = 0; i < 16; ++i)
         source[i] = static_cast<unsigned char>(i * 7 + 1);
     ksBufferData(KS_ARRAY_BUFFER, sizeof(source), source, KS_STATIC_DRAW);
     ASSERT_NO_KS_ERROR();
+    const std::vector<unsigned char> expected(source, source + 16);
     std::memset(source + 4, 0, 4); // the buffer has its own copy
-    const std::vector<unsigned char> copied = ReadBack(16);
-    for (int i = 0; i < 16; ++i)
-        EXPECT_EQ(copied[i], i * 7 + 1) << "byte " << i;
+    EXPECT_EQ(ReadBack(16), expected);
 
     // New storage replaces the old contents entirely.
     ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_DYNAMIC_DRAW);
     EXPECT_EQ(ReadBack(8), std::vector<unsigned char>(8, 0));
-    EXPECT_NO_KS_ERROR();
-}
 
-TEST_F(KestrelBuffers, MapGivesTheStorageItself)
-{
-    ksBufferData(KS_ARRAY_BUFFER, 4 * sizeof(float), nullptr, KS_STREAM_DRAW);
-    auto* written = static_cast<float*>(ksMapBuffer(KS_ARRAY_BUFFER, KS_WRITE_ONLY));
+    // What is written through a map is seen by a map from another target.
+    auto* written = static_cast<unsigned char*>(ksMapBuffer(KS_ARRAY_BUFFER, KS_WRITE_ONLY));
     ASSERT_NE(written, nullptr);
-    const float values[4] = {1.5f, -2.0f, 1e20f, 0.125f};
-    std::memcpy(written, values, sizeof(values));
+    std::memcpy(written, expected.data(), 8);
     ksUnmapBuffer(KS_ARRAY_BUFFER);
-    ASSERT_NO_KS_ERROR();
-
-    // Bound elsewhere, the same buffer shows the same bytes.
     ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
-    auto* read = static_cast<const float*>(ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE));
-    ASSERT_NE(read, nullptr);
-    EXPECT_EQ(std::memcmp(read, values, sizeof(values)), 0);
-    ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER);
+    EXPECT_EQ(ReadBack(8, KS_UNIFORM_BLOCK_BUFFER),
+              std::vector<unsigned char>(expected.begin(), expected.begin() + 8));
     EXPECT_NO_KS_ERROR();
 }
 
@@ -158,6 +147,8 @@ TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)
         EXPECT_EQ(ksMapBuffer(KS_ARRAY_BUFFER, access), nullptr);
         EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksMapBuffer") << Hex(access);
     }
+    ksBufferData(KS_ARRAY_BUFFER, ~0ull, nullptr, KS_STATIC_DRAW);
+    EXPECT_KS_ERROR_IN(KS_OUT_OF_MEMORY, "ksBufferData");
     // Rejected calls neither replaced the storage nor left it mapped.
     EXPECT_EQ(ReadBack(4), std::vector<unsigned char>(marker, marker + 4));
     EXPECT_NO_KS_ERROR();
@@ -165,27 +156,24 @@ TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)
 
 TEST_F(KestrelBuffers, NameIsEmptyUntilSet)
 {
+    const auto name = []
+    {
+        const char* text = nullptr;
+        ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &text);
+        return std::string(text ? text : "<null>");
+    };
     ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
-    const char* name = nullptr;
-    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &name);
-    ASSERT_NE(name, nullptr);
-    EXPECT_STREQ(name, "");
-
+    EXPECT_EQ(name(), "");
     std::string given = "mesh vertices";
     ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, given.c_str());
     given.assign(given.size(), 'x'); // the runtime keeps its own copy
-    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &name);
-    ASSERT_NE(name, nullptr);
-    EXPECT_STREQ(name, "mesh vertices");
-    EXPECT_NO_KS_ERROR();
-
+    EXPECT_EQ(name(), "mesh vertices");
     // A second buffer has its own (empty) name.
     ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, NewBuffer());
-    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &name);
-    ASSERT_NE(name, nullptr);
-    EXPECT_STREQ(name, "");
+    EXPECT_EQ(name(), "");
+    EXPECT_NO_KS_ERROR();
 
-    ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, 0x999, &name);
+    EXPECT_TRUE(WroteZero(ksGetBufferParameterString, int(KS_UNIFORM_BLOCK_BUFFER), 0x999));
     EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGetBufferParameterString");
 }
 
@@ -211,149 +199,126 @@ protected:
     _KSframebuffer* _pFramebuffer = nullptr;
 };
 
-TEST_F(KestrelTextures, EveryFormatAndTypePairIsAccepted)
+TEST_F(KestrelTextures, ImageArgumentsAreChecked)
 {
-    const int formats[] = {KS_LUMINANCE, KS_RGB, KS_RGBA};
-    const int types[] = {KS_UNSIGNED_BYTE, KS_UNSIGNED_SHORT, KS_UNSIGNED_INT, KS_SHORT,
-                         KS_INT,           KS_FLOAT};
     std::vector<unsigned char> pixels(3 * 2 * 4 * sizeof(float), 0x11);
-    for (int format : formats)
+    for (int format : {KS_LUMINANCE, KS_RGB, KS_RGBA})
     {
-        for (int type : types)
+        for (int type :
+             {KS_UNSIGNED_BYTE, KS_UNSIGNED_SHORT, KS_UNSIGNED_INT, KS_SHORT, KS_INT, KS_FLOAT})
         {
             ksTexImage2D(KS_TEXTURE_2D, 0, format, 3, 2, 0, format, type, pixels.data());
-            EXPECT_NO_KS_ERROR() << Hex(format) << " " << Hex(type);
             ksTexImage2D(KS_TEXTURE_2D, 0, format, 3, 2, 0, format, type, nullptr);
-            EXPECT_NO_KS_ERROR() << Hex(format) << " " << Hex(type) << " without pixels";
+            EXPECT_NO_KS_ERROR() << Hex(format) << " " << Hex(type);
         }
     }
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 0, 0, 0, KS_RGBA, KS_FLOAT, nullptr);
+    EXPECT_NO_KS_ERROR() << "an empty image is allowed";
+
+    struct Case
+    {
+        const char* label;
+        int internalFormat, format, type, level, width, height, border;
+        int error;
+    };
+    const Case cases[] = {
+        {"type is a target", KS_RGBA, KS_RGBA, KS_TEXTURE_2D, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"signed byte", KS_RGBA, KS_RGBA, 0x1400, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"unknown format", 0x1234, 0x1234, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"formats differ", KS_RGB, KS_RGBA, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"formats differ", KS_RGBA, KS_RGB, KS_UNSIGNED_BYTE, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"no internal format", 0, KS_RGBA, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"no format or type", KS_RGBA, 0, 0, 0, 2, 2, 0, KS_INVALID_ENUM},
+        {"level 1", KS_RGBA, KS_RGBA, KS_FLOAT, 1, 2, 2, 0, KS_INVALID_VALUE},
+        {"border 1", KS_RGBA, KS_RGBA, KS_FLOAT, 0, 2, 2, 1, KS_INVALID_VALUE},
+        {"negative width", KS_RGBA, KS_RGBA, KS_FLOAT, 0, -1, 2, 0, KS_INVALID_VALUE},
+        {"negative height", KS_RGBA, KS_RGBA, KS_FLOAT, 0, 2, -4, 0, KS_INVALID_VALUE},
+    };
+    for (const Case& c : cases)
+    {
+        ksTexImage2D(KS_TEXTURE_2D, c.level, c.internalFormat, c.width, c.height, c.border,
+                     c.format, c.type, pixels.data());
+        EXPECT_KS_ERROR_IN(c.error, "ksTexImage2D") << c.label;
+    }
+    // Sizes whose byte count overflows must fail rather than allocate a sliver.
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 0x7fffffff, 0x7fffffff, 0, KS_RGBA, KS_FLOAT, nullptr);
+    const int error = ksGetError();
+    EXPECT_TRUE(error == KS_INVALID_VALUE || error == KS_OUT_OF_MEMORY) << Hex(error);
+    _recorder.Take();
+
+    ksBindTexture(KS_TEXTURE_2D, nullptr);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, nullptr);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksTexImage2D");
 }
 
-TEST_F(KestrelTextures, UnknownPairsAreInvalidEnum)
+// A pixel type: its enum, how to read its i-th channel, and its size.
+struct PixelType
 {
-    const struct
-    {
-        int internalFormat;
-        int format;
-        int type;
-    } cases[] = {
-        {KS_RGBA, KS_RGBA, KS_TEXTURE_2D},   {KS_RGBA, KS_RGBA, 0x1400},
-        {0x1234, 0x1234, KS_FLOAT},          {KS_RGB, KS_RGBA, KS_FLOAT},
-        {KS_RGBA, KS_RGB, KS_UNSIGNED_BYTE},
-    };
-    float pixels[16] = {};
-    for (const auto& c : cases)
-    {
-        ksTexImage2D(KS_TEXTURE_2D, 0, c.internalFormat, 2, 2, 0, c.format, c.type, pixels);
-        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexImage2D")
-            << Hex(c.internalFormat) << " " << Hex(c.format) << " " << Hex(c.type);
-    }
+    int type;
+    double (*channel)(const void* data, size_t i);
+    size_t bytes;
+};
+
+template <typename T>
+PixelType TypeOf(int type)
+{
+    return {type, [](const void* data, size_t i) { return double(static_cast<const T*>(data)[i]); },
+            sizeof(T)};
 }
 
 TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
 {
-    struct Case
+    const PixelType f = TypeOf<float>(KS_FLOAT);
+    const PixelType ub = TypeOf<std::uint8_t>(KS_UNSIGNED_BYTE);
+    constexpr double kUint = 4294967295.0;
+    constexpr double kInt = 2147483647.0;
+    // Float targets take the colour as it is, in as many channels as the
+    // format has; integer ones round and clamp to [0, 1] or [-1, 1].
+    const struct
     {
-        const char* label;
         int format;
-        int type;
+        PixelType type;
         float color[4];
         std::vector<double> expected; // one pixel's channels
-    };
-    const Case cases[] = {
-        {"rgba float exact", KS_RGBA, KS_FLOAT, {0.25f, -3.5f, 1e6f, 0.0f}, {0.25, -3.5, 1e6, 0.0}},
-        {"rgb float drops alpha", KS_RGB, KS_FLOAT, {0.5f, 0.75f, 2.0f, 9.0f}, {0.5, 0.75, 2.0}},
-        {"luminance float takes red", KS_LUMINANCE, KS_FLOAT, {0.3f, 0.9f, 0.1f, 1.0f}, {0.3f}},
-        {"rgba ubyte rounds and clamps",
-         KS_RGBA,
-         KS_UNSIGNED_BYTE,
-         {0.999f, 1.5f, -0.5f, 0.2f},
-         {255, 255, 0, 51}},
-        {"rgb ubyte", KS_RGB, KS_UNSIGNED_BYTE, {1.0f, 0.0f, 0.6f, 0.0f}, {255, 0, 153}},
-        {"luminance ubyte", KS_LUMINANCE, KS_UNSIGNED_BYTE, {0.6f, 1.0f, 1.0f, 1.0f}, {153}},
-        {"rgba ushort",
-         KS_RGBA,
-         KS_UNSIGNED_SHORT,
-         {1.0f, 0.0f, 0.25f, 7.0f},
+    } cases[] = {
+        {KS_RGBA, f, {0.25f, -3.5f, 1e6f, 0.0f}, {0.25, -3.5, 1e6, 0.0}},
+        {KS_RGB, f, {0.5f, 0.75f, 2.0f, 9.0f}, {0.5, 0.75, 2.0}},
+        {KS_LUMINANCE, f, {0.3f, 0.9f, 0.1f, 1.0f}, {0.3f}},
+        {KS_RGBA, ub, {0.999f, 1.5f, -0.5f, 0.2f}, {255, 255, 0, 51}},
+        {KS_RGB, ub, {1.0f, 0.0f, 0.6f, 0.0f}, {255, 0, 153}},
+        {KS_LUMINANCE, ub, {0.6f, 1.0f, 1.0f, 1.0f}, {153}},
+        {KS_RGBA,
+         TypeOf<std::uint16_t>(KS_UNSIGNED_SHORT),
+         {1, 0, 0.25f, 7},
          {65535, 0, 16384, 65535}},
-        {"rgba short clamps to [-1, 1]",
-         KS_RGBA,
-         KS_SHORT,
-         {1.0f, -2.0f, 0.25f, 0.0f},
-         {32767, -32767, 8192, 0}},
-        {"rgba uint full range",
-         KS_RGBA,
-         KS_UNSIGNED_INT,
-         {1.0f, 0.0f, 2.0f, -1.0f},
-         {4294967295.0, 0, 4294967295.0, 0}},
-        {"rgba int full range",
-         KS_RGBA,
-         KS_INT,
-         {1.0f, 0.0f, 5.0f, -5.0f},
-         {2147483647.0, 0, 2147483647.0, -2147483647.0}},
+        {KS_RGBA, TypeOf<std::int16_t>(KS_SHORT), {1, -2, 0.25f, 0}, {32767, -32767, 8192, 0}},
+        {KS_RGBA, TypeOf<std::uint32_t>(KS_UNSIGNED_INT), {1, 0, 2, -1}, {kUint, 0, kUint, 0}},
+        {KS_RGBA, TypeOf<std::int32_t>(KS_INT), {1, 0, 5, -5}, {kInt, 0, kInt, -kInt}},
     };
-    // 111 pixels: whole runs of filled bytes and a ragged end, for every
-    // pixel size.
+    // 1480 pixels: past the 4 KiB block the fill copies along, with whole
+    // runs and a ragged end for every pixel size.
     constexpr int kWidth = 37;
-    constexpr int kHeight = 3;
-    for (const Case& c : cases)
+    constexpr int kHeight = 40;
+    for (const auto& c : cases)
     {
-        SCOPED_TRACE(c.label);
+        SCOPED_TRACE(Hex(c.format) + " " + Hex(c.type.type));
         const size_t channels = c.expected.size();
         // Room for the widest type; a sentinel after the image catches overruns.
         std::vector<std::uint64_t> storage(kWidth * kHeight * channels + 1, 0x5a5a5a5a5a5a5a5aull);
-        _KStexture* texture = NewClientTexture(kWidth, kHeight, c.format, c.type, storage.data());
+        _KStexture* texture =
+            NewClientTexture(kWidth, kHeight, c.format, c.type.type, storage.data());
         ClearThrough(texture, c.color[0], c.color[1], c.color[2], c.color[3]);
         ASSERT_NO_KS_ERROR();
-        for (int pixel = 0; pixel < kWidth * kHeight; ++pixel)
+        for (size_t i = 0; i < kWidth * kHeight * channels; ++i)
         {
-            for (size_t ch = 0; ch < channels; ++ch)
-            {
-                const size_t i = pixel * channels + ch;
-                double got = 0;
-                switch (c.type)
-                {
-                case KS_FLOAT:
-                    got = reinterpret_cast<const float*>(storage.data())[i];
-                    break;
-                case KS_UNSIGNED_BYTE:
-                    got = reinterpret_cast<const std::uint8_t*>(storage.data())[i];
-                    break;
-                case KS_UNSIGNED_SHORT:
-                    got = reinterpret_cast<const std::uint16_t*>(storage.data())[i];
-                    break;
-                case KS_SHORT:
-                    got = reinterpret_cast<const std::int16_t*>(storage.data())[i];
-                    break;
-                case KS_UNSIGNED_INT:
-                    got = reinterpret_cast<const std::uint32_t*>(storage.data())[i];
-                    break;
-                case KS_INT:
-                    got = reinterpret_cast<const std::int32_t*>(storage.data())[i];
-                    break;
-                }
-                // Float targets take the colour bit for bit; integer ones may
-                // differ by at most the rounding of the widest types.
-                const double tolerance = c.type == KS_FLOAT                ? 0.0
-                                         : std::fabs(c.expected[ch]) > 1e9 ? 2.0
-                                                                           : 0.0;
-                EXPECT_NEAR(got, c.expected[ch], tolerance)
-                    << "pixel " << pixel << " channel " << ch;
-            }
+            // Float targets take the colour bit for bit; integer ones may
+            // differ by at most the rounding of the widest types.
+            const double expected = c.expected[i % channels];
+            ASSERT_NEAR(c.type.channel(storage.data(), i), expected,
+                        std::fabs(expected) > 1e9 ? 2.0 : 0.0)
+                << "pixel " << i / channels << " channel " << i % channels;
         }
-        size_t imageBytes = kWidth * kHeight * channels;
-        switch (c.type)
-        {
-        case KS_FLOAT:
-        case KS_INT:
-        case KS_UNSIGNED_INT:
-            imageBytes *= 4;
-            break;
-        case KS_SHORT:
-        case KS_UNSIGNED_SHORT:
-            imageBytes *= 2;
-            break;
-        }
+        const size_t imageBytes = kWidth * kHeight * channels * c.type.bytes;
         const auto* bytes = reinterpret_cast<const unsigned char*>(storage.data());
         for (size_t b = imageBytes; b < imageBytes + 8; ++b)
             EXPECT_EQ(bytes[b], 0x5a) << "the clear wrote past the image at byte " << b;
@@ -362,31 +327,22 @@ TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
     }
 }
 
-TEST_F(KestrelTextures, WithoutClientStorageThePixelsAreCopied)
+// Client storage, then an image without it: the old memory is let go.
+TEST_F(KestrelTextures, AnImageWithoutClientStorageLetsTheOldMemoryGo)
 {
-    float source[4 * 4] = {};
-    for (float& f : source)
-        f = 0.5f;
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source);
-    ClearThrough(_pTexture, 1.0f, 1.0f, 1.0f, 1.0f);
-    ASSERT_NO_KS_ERROR();
-    for (float f : source)
-        ASSERT_EQ(f, 0.5f) << "the clear reached memory the texture only copied";
-
-    // Client storage, then an image without it: the old memory is let go.
     float kept[4 * 4] = {};
     ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1);
     ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, kept);
     ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0);
     ClearThrough(_pTexture, 0.25f, 0.25f, 0.25f, 0.25f);
     EXPECT_EQ(kept[5], 0.25f);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source);
+    const std::vector<float> source(4 * 4, 0.5f);
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source.data());
     ClearThrough(_pTexture, 0.75f, 0.75f, 0.75f, 0.75f);
     ASSERT_NO_KS_ERROR();
     for (float f : kept)
         EXPECT_EQ(f, 0.25f) << "cleared through a pointer the texture no longer owns";
-    for (float f : source)
-        EXPECT_EQ(f, 0.5f);
+    EXPECT_EQ(source, std::vector<float>(4 * 4, 0.5f));
 }
 
 // Every parameter takes each of the six filter and wrap values; a value of
@@ -436,39 +392,6 @@ TEST_F(KestrelTextures, MipmapsNeedACopiedImage)
 
     ksGenerateMipmap(KS_TEXTURE_BINDING_2D);
     EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGenerateMipmap");
-}
-
-TEST_F(KestrelTextures, ImageArgumentsAreChecked)
-{
-    struct Case
-    {
-        const char* label;
-        int level, width, height, border;
-        int error;
-    };
-    const Case cases[] = {
-        {"level 1", 1, 2, 2, 0, KS_INVALID_VALUE},
-        {"border 1", 0, 2, 2, 1, KS_INVALID_VALUE},
-        {"negative width", 0, -1, 2, 0, KS_INVALID_VALUE},
-        {"negative height", 0, 2, -4, 0, KS_INVALID_VALUE},
-    };
-    for (const Case& c : cases)
-    {
-        ksTexImage2D(KS_TEXTURE_2D, c.level, KS_RGBA, c.width, c.height, c.border, KS_RGBA,
-                     KS_FLOAT, nullptr);
-        EXPECT_KS_ERROR_IN(c.error, "ksTexImage2D") << c.label;
-    }
-    // Sizes whose byte count overflows must fail rather than allocate a sliver.
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 0x7fffffff, 0x7fffffff, 0, KS_RGBA, KS_FLOAT, nullptr);
-    const int error = ksGetError();
-    EXPECT_TRUE(error == KS_INVALID_VALUE || error == KS_OUT_OF_MEMORY) << Hex(error);
-    _recorder.Take();
-
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 0, 0, 0, KS_RGBA, KS_FLOAT, nullptr);
-    EXPECT_NO_KS_ERROR() << "an empty image is allowed";
-    ksBindTexture(KS_TEXTURE_2D, nullptr);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, nullptr);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksTexImage2D");
 }
 
 } // namespace

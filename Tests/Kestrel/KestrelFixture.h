@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -44,16 +47,9 @@ public:
                          void* userData)
     {
         auto* self = static_cast<NoticeRecorder*>(userData);
-        Notice notice;
-        notice.code = code;
-        notice.detail = detail;
-        notice.detailSize = detailSize;
-        notice.hasMessage = message != nullptr;
-        notice.message = message ? message : "";
-        notice.userData = userData;
-        notice.thread = std::this_thread::get_id();
         std::lock_guard<std::mutex> lock(self->_mutex);
-        self->_notices.push_back(notice);
+        self->_notices.push_back({code, detail, detailSize, message != nullptr,
+                                  message ? message : "", userData, std::this_thread::get_id()});
     }
 
     // The notices since the last Take, oldest first.
@@ -75,6 +71,36 @@ template <typename T>
 T* ForgedHandle(std::uintptr_t salt = 0)
 {
     return reinterpret_cast<T*>(static_cast<std::uintptr_t>(0x7e5d0000u) + salt);
+}
+
+// Makes the call on an output full of garbage; true when it wrote zero there.
+template <typename T>
+bool WroteZero(void (*call)(int, T*), int name)
+{
+    T value;
+    std::memset(&value, 0x5a, sizeof(value));
+    call(name, &value);
+    return value == T{};
+}
+
+template <typename H, typename T>
+bool WroteZero(void (*call)(H, int, T*), H object, int name)
+{
+    T value;
+    std::memset(&value, 0x5a, sizeof(value));
+    call(object, name, &value);
+    return value == T{};
+}
+
+// A row call for tables of calls that check an output: this one has none.
+template <typename F>
+std::function<bool()> Done(F call)
+{
+    return [call]
+    {
+        call();
+        return true;
+    };
 }
 
 struct BufferTarget
@@ -104,12 +130,8 @@ struct BindingState
 
     bool operator==(const BindingState& other) const
     {
-        for (int i = 0; i < kBufferTargetCount; ++i)
-        {
-            if (buffers[i] != other.buffers[i])
-                return false;
-        }
-        return texture == other.texture && primitive == other.primitive &&
+        return std::equal(buffers, buffers + kBufferTargetCount, other.buffers) &&
+               texture == other.texture && primitive == other.primitive &&
                framebuffer == other.framebuffer && counts == other.counts;
     }
 };
@@ -215,29 +237,26 @@ protected:
         const int first = ksGetError();
         const int second = ksGetError();
         const std::vector<Notice> notices = _recorder.Take();
-        if (first != code)
-            return ::testing::AssertionFailure()
-                   << "ksGetError gave " << Hex(first) << ", expected " << Hex(code);
-        if (second != KS_NO_ERROR)
-            return ::testing::AssertionFailure()
-                   << "second ksGetError gave " << Hex(second) << ", expected 0";
-        if (notices.size() != 1)
-            return ::testing::AssertionFailure() << notices.size() << " notifications, expected 1";
-        const Notice& notice = notices[0];
-        if (notice.code != code)
-            return ::testing::AssertionFailure() << "notified " << Hex(notice.code);
-        if (notice.detail != nullptr || notice.detailSize != 0 || notice.userData != &_recorder)
-            return ::testing::AssertionFailure() << "notification arguments are wrong";
-        if (function && notice.message.find(function) == std::string::npos)
-            return ::testing::AssertionFailure()
-                   << "message \"" << notice.message << "\" does not name " << function;
-        return ::testing::AssertionSuccess();
+        const bool notified = notices.size() == 1 && notices[0].code == code &&
+                              notices[0].detail == nullptr && notices[0].detailSize == 0 &&
+                              notices[0].userData == &_recorder &&
+                              (!function || notices[0].message.find(function) != std::string::npos);
+        if (first == code && second == KS_NO_ERROR && notified)
+            return ::testing::AssertionSuccess();
+        return ::testing::AssertionFailure()
+               << "ksGetError gave " << Hex(first) << " then " << Hex(second) << ", expected "
+               << Hex(code) << " then 0, from " << (function ? function : "the call") << "; "
+               << notices.size() << " notification(s)"
+               << (notices.empty()
+                       ? ""
+                       : ", first " + Hex(notices[0].code) + " \"" + notices[0].message + "\"");
     }
 
     NoticeRecorder _recorder;
     void* _pContext = nullptr;
     int _nContextsBefore = 0;
 };
+
 // A fresh texture bound at the 2D target.
 class BoundTextureFixture : public KestrelFixture
 {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <set>
+#include <tuple>
 
 namespace KestrelTest
 {
@@ -20,155 +21,34 @@ using Kestrel::Testing::ObjectCounts;
 
 using KestrelBindings = KestrelFixture;
 
-TEST_F(KestrelBindings, BufferTargetsAreIndependentAndReadBackExactly)
+// Each target holds its own object; binding none, or what was read back, is
+// no error.
+TEST_F(KestrelBindings, EveryTargetReadsBackItsOwnObjectOrNone)
 {
-    _KSbuffer* buffers[kBufferTargetCount] = {};
-    for (int i = 0; i < kBufferTargetCount; ++i)
-    {
-        _KSbuffer* bound = ForgedHandle<_KSbuffer>();
-        ksGetBuffer(kBufferTargets[i].binding, &bound);
-        EXPECT_EQ(bound, nullptr) << kBufferTargets[i].name << " starts bound";
-        buffers[i] = NewBuffer();
-        ASSERT_NE(buffers[i], nullptr);
-        ksBindBuffer(kBufferTargets[i].target, buffers[i]);
-    }
-    ASSERT_NO_KS_ERROR();
-    for (int i = 0; i < kBufferTargetCount; ++i)
-    {
-        _KSbuffer* bound = nullptr;
-        ksGetBuffer(kBufferTargets[i].binding, &bound);
-        EXPECT_EQ(bound, buffers[i]) << kBufferTargets[i].name;
-    }
-
-    // Save, rebind, restore, as the wrapper does around its work.
     for (const BufferTarget& t : kBufferTargets)
-    {
-        SCOPED_TRACE(t.name);
-        _KSbuffer* saved = nullptr;
-        ksGetBuffer(t.binding, &saved);
-        ksBindBuffer(t.target, nullptr);
-        _KSbuffer* bound = ForgedHandle<_KSbuffer>();
-        ksGetBuffer(t.binding, &bound);
-        EXPECT_EQ(bound, nullptr);
-        ksBindBuffer(t.target, saved);
-        ksGetBuffer(t.binding, &bound);
-        EXPECT_EQ(bound, saved);
-        EXPECT_NO_KS_ERROR();
-    }
-}
+        EXPECT_TRUE(WroteZero(ksGetBuffer, t.binding)) << t.name << " starts bound";
+    EXPECT_TRUE(WroteZero(ksGetTexture, KS_TEXTURE_BINDING_2D));
+    EXPECT_TRUE(WroteZero(ksGetFramebuffer, KS_FRAMEBUFFER_BINDING));
+    EXPECT_TRUE(WroteZero(ksGetPrimitive, KS_PRIMITIVE_BINDING));
 
-TEST_F(KestrelBindings, ObjectTargetsReadBackIncludingNone)
-{
-    _KStexture* texture = NewTexture();
-    _KSframebuffer* framebuffer = NewFramebuffer();
-    const KSprimitive primitive = NewPrimitive();
-    ASSERT_NO_KS_ERROR();
-
-    struct Case
+    BindingState objects;
+    for (_KSbuffer*& buffer : objects.buffers)
+        buffer = NewBuffer();
+    objects.texture = NewTexture();
+    objects.framebuffer = NewFramebuffer();
+    objects.primitive = NewPrimitive();
+    objects.counts = CountObjects(_pContext);
+    BindingState none;
+    none.counts = objects.counts;
+    for (const BindingState* bind : {&none, &objects, &none, &objects})
     {
-        const char* label;
-        std::function<void(bool)> bind; // the object, or none
-        std::function<std::uintptr_t()> read;
-        std::uintptr_t object;
-    };
-    const Case cases[] = {
-        {"texture", [&](bool on) { ksBindTexture(KS_TEXTURE_2D, on ? texture : nullptr); },
-         []
-         {
-             _KStexture* bound = ForgedHandle<_KStexture>();
-             ksGetTexture(KS_TEXTURE_BINDING_2D, &bound);
-             return reinterpret_cast<std::uintptr_t>(bound);
-         },
-         reinterpret_cast<std::uintptr_t>(texture)},
-        {"frame buffer",
-         [&](bool on) { ksBindFramebuffer(KS_FRAMEBUFFER, on ? framebuffer : nullptr); },
-         []
-         {
-             _KSframebuffer* bound = ForgedHandle<_KSframebuffer>();
-             ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, &bound);
-             return reinterpret_cast<std::uintptr_t>(bound);
-         },
-         reinterpret_cast<std::uintptr_t>(framebuffer)},
-        {"primitive",
-         [&](bool on) { ksBindPrimitive(KS_PRIMITIVE, on ? primitive : KSprimitive(0)); },
-         []
-         {
-             KSprimitive bound = KSprimitive(77);
-             ksGetPrimitive(KS_PRIMITIVE_BINDING, &bound);
-             return static_cast<std::uintptr_t>(bound);
-         },
-         static_cast<std::uintptr_t>(primitive)},
-    };
-    for (const Case& c : cases)
-    {
-        SCOPED_TRACE(c.label);
-        EXPECT_EQ(c.read(), 0u) << "never bound must read as none";
-        c.bind(false); // binding what was read back is no error
+        for (int i = 0; i < kBufferTargetCount; ++i)
+            ksBindBuffer(kBufferTargets[i].target, bind->buffers[i]);
+        ksBindTexture(KS_TEXTURE_2D, bind->texture);
+        ksBindFramebuffer(KS_FRAMEBUFFER, bind->framebuffer);
+        ksBindPrimitive(KS_PRIMITIVE, bind->primitive);
+        EXPECT_TRUE(ReadBindingState(_pContext) == *bind);
         EXPECT_NO_KS_ERROR();
-        c.bind(true);
-        EXPECT_EQ(c.read(), c.object);
-        c.bind(false);
-        EXPECT_EQ(c.read(), 0u);
-        c.bind(true);
-        EXPECT_EQ(c.read(), c.object);
-        EXPECT_NO_KS_ERROR();
-    }
-}
-
-TEST_F(KestrelBindings, GetWithWrongNameIsInvalidEnumAndWritesNone)
-{
-    ksBindBuffer(KS_ARRAY_BUFFER, NewBuffer());
-    ksBindTexture(KS_TEXTURE_2D, NewTexture());
-    ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
-    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
-    ASSERT_NO_KS_ERROR();
-    struct Case
-    {
-        const char* function;
-        std::function<bool()> readsNone;
-    };
-    const Case cases[] = {
-        {"ksGetBuffer",
-         []
-         {
-             _KSbuffer* out = ForgedHandle<_KSbuffer>();
-             ksGetBuffer(KS_ARRAY_BUFFER, &out); // the target, not its binding name
-             return out == nullptr;
-         }},
-        {"ksGetBuffer",
-         []
-         {
-             _KSbuffer* out = ForgedHandle<_KSbuffer>();
-             ksGetBuffer(KS_TEXTURE_BINDING_2D, &out);
-             return out == nullptr;
-         }},
-        {"ksGetTexture",
-         []
-         {
-             _KStexture* out = ForgedHandle<_KStexture>();
-             ksGetTexture(KS_TEXTURE_2D, &out);
-             return out == nullptr;
-         }},
-        {"ksGetFramebuffer",
-         []
-         {
-             _KSframebuffer* out = ForgedHandle<_KSframebuffer>();
-             ksGetFramebuffer(KS_FRAMEBUFFER, &out);
-             return out == nullptr;
-         }},
-        {"ksGetPrimitive",
-         []
-         {
-             KSprimitive out = KSprimitive(77);
-             ksGetPrimitive(KS_PRIMITIVE, &out);
-             return out == 0;
-         }},
-    };
-    for (const Case& c : cases)
-    {
-        SCOPED_TRACE(c.function);
-        EXPECT_TRUE(c.readsNone());
-        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, c.function);
     }
 }
 
@@ -189,24 +69,15 @@ struct BadHandles
     KSprimitive primitive;
 };
 
-enum BadKind
+BadHandles MakeHandles(const char* label)
 {
-    kBK_Stale,
-    kBK_Foreign,
-    kBK_Forged,
-    kBK_Count
-};
-
-BadHandles MakeHandlesThenDelete(const char* label)
-{
-    BadHandles h{label,
-                 ksCreateShader(KS_VERTEX_SHADER),
-                 ksCreateProgram(),
-                 NewBuffer(),
-                 NewTexture(),
-                 NewFramebuffer(),
-                 NewPrimitive()};
-    return h;
+    return {label,
+            ksCreateShader(KS_VERTEX_SHADER),
+            ksCreateProgram(),
+            NewBuffer(),
+            NewTexture(),
+            NewFramebuffer(),
+            NewPrimitive()};
 }
 
 void DeleteHandles(BadHandles h)
@@ -225,37 +96,28 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
     _KSprogram* program = ksCreateProgram();
     _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
     ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
-    const KSprimitive primitive = NewPrimitive();
-    ksBindPrimitive(KS_PRIMITIVE, primitive);
-    _KSbuffer* buffer = NewBuffer();
-    ksBindBuffer(KS_ARRAY_BUFFER, buffer);
-    ASSERT_NO_KS_ERROR();
+    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    ksBindBuffer(KS_ARRAY_BUFFER, NewBuffer());
 
-    BadHandles bad[kBK_Count];
-    bad[kBK_Stale] = MakeHandlesThenDelete("stale");
-    DeleteHandles(bad[kBK_Stale]);
+    const BadHandles stale = MakeHandles("stale");
+    DeleteHandles(stale);
     void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
     ASSERT_EQ(KestrelSetCurrentContext(other), 1);
-    bad[kBK_Foreign] = MakeHandlesThenDelete("foreign");
+    const BadHandles foreign = MakeHandles("foreign");
     ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    bad[kBK_Forged] = {"never issued",
-                       ForgedHandle<_KSshader>(1),
-                       ForgedHandle<_KSprogram>(2),
-                       ForgedHandle<_KSbuffer>(3),
-                       ForgedHandle<_KStexture>(4),
-                       ForgedHandle<_KSframebuffer>(5),
-                       KSprimitive(0x7e5d0006u)};
+    const BadHandles forged = {"never issued",
+                               ForgedHandle<_KSshader>(1),
+                               ForgedHandle<_KSprogram>(2),
+                               ForgedHandle<_KSbuffer>(3),
+                               ForgedHandle<_KStexture>(4),
+                               ForgedHandle<_KSframebuffer>(5),
+                               KSprimitive(0x7e5d0006u)};
     ASSERT_NO_KS_ERROR();
 
     const char* source = "uniform float r;";
-    struct Case
-    {
-        const char* function;
-        std::function<void(BadHandles)> call;
-        // Deleting (or detaching) what was deleted is silent; all else is not.
-        bool staleIsSilent;
-    };
-    const Case cases[] = {
+    using Call = std::function<void(BadHandles)>;
+    // Deleting (or detaching) what was deleted is silent; all else is not.
+    const std::tuple<const char*, Call, bool> cases[] = {
         {"ksBindBuffer", [](BadHandles h) { ksBindBuffer(KS_ARRAY_BUFFER, h.buffer); }, false},
         {"ksDeleteBuffers", [](BadHandles h) { ksDeleteBuffers(1, &h.buffer); }, true},
         {"ksBindTexture", [](BadHandles h) { ksBindTexture(KS_TEXTURE_2D, h.texture); }, false},
@@ -273,18 +135,10 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
          false},
         {"ksCompileShader", [](BadHandles h) { ksCompileShader(h.shader); }, false},
         {"ksGetShaderiv",
-         [](BadHandles h)
-         {
-             int status = 0;
-             ksGetShaderiv(h.shader, KS_COMPILE_STATUS, &status);
-         },
+         [](BadHandles h) { EXPECT_TRUE(WroteZero(ksGetShaderiv, h.shader, KS_COMPILE_STATUS)); },
          false},
         {"ksGetShaderString",
-         [](BadHandles h)
-         {
-             const char* text = nullptr;
-             ksGetShaderString(h.shader, KS_SHADER_LOG, &text);
-         },
+         [](BadHandles h) { EXPECT_TRUE(WroteZero(ksGetShaderString, h.shader, KS_SHADER_LOG)); },
          false},
         {"ksShaderString", [](BadHandles h) { ksShaderString(h.shader, KS_SHADER_NAME, "n"); },
          false},
@@ -294,18 +148,11 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
         {"ksDetachShader", [&](BadHandles h) { ksDetachShader(h.program, shader); }, false},
         {"ksLinkProgram", [](BadHandles h) { ksLinkProgram(h.program); }, false},
         {"ksGetProgramiv",
-         [](BadHandles h)
-         {
-             int status = 0;
-             ksGetProgramiv(h.program, KS_LINK_STATUS, &status);
-         },
+         [](BadHandles h) { EXPECT_TRUE(WroteZero(ksGetProgramiv, h.program, KS_LINK_STATUS)); },
          false},
         {"ksGetProgramString",
          [](BadHandles h)
-         {
-             const char* text = nullptr;
-             ksGetProgramString(h.program, KS_PROGRAM_LOG, &text);
-         },
+         { EXPECT_TRUE(WroteZero(ksGetProgramString, h.program, KS_PROGRAM_LOG)); },
          false},
         {"ksProgramString", [](BadHandles h) { ksProgramString(h.program, KS_PROGRAM_NAME, "n"); },
          false},
@@ -321,26 +168,21 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
         {"ksUniformp", [](BadHandles h) { ksUniformp(0, h.primitive); }, false},
         {"ksUniformpv", [](BadHandles h) { ksUniformpv(0, 1, &h.primitive); }, false},
         {"ksUniformBlockBuffer", [](BadHandles h) { ksUniformBlockBuffer(0, h.buffer); }, false},
-        {"ksFramebufferTexture2D",
-         [](BadHandles h) {
-             ksFramebufferTexture2D(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, h.texture,
-                                    0);
-         },
-         false},
+        {"ksFramebufferTexture2D", [](BadHandles h) { Attach(0, h.texture); }, false},
     };
 
     const BindingState before = ReadBindingState(_pContext);
     const ObjectCounts otherBefore = CountObjects(other);
-    for (const Case& c : cases)
+    for (const auto& [function, call, staleIsSilent] : cases)
     {
-        for (const BadHandles& h : bad)
+        for (const BadHandles& h : {stale, foreign, forged})
         {
-            SCOPED_TRACE(std::string(c.function) + " with " + h.label + " handles");
-            c.call(h);
-            if (c.staleIsSilent && &h == &bad[kBK_Stale])
+            SCOPED_TRACE(std::string(function) + " with " + h.label + " handles");
+            call(h);
+            if (staleIsSilent && h.buffer == stale.buffer)
                 EXPECT_NO_KS_ERROR();
             else
-                EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, c.function);
+                EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, function);
             EXPECT_TRUE(ReadBindingState(_pContext) == before) << "state changed";
         }
     }
@@ -355,50 +197,7 @@ TEST_F(KestrelHandles, StaleForeignAndForgedHandlesAreRejectedWithoutEffect)
     KestrelDestroyContext(other);
 }
 
-TEST_F(KestrelHandles, DeletingOrDetachingNullIsSilent)
-{
-    ksDetachShader(ksCreateProgram(), nullptr);
-    _KSbuffer* buffer = nullptr;
-    _KStexture* texture = nullptr;
-    _KSframebuffer* framebuffer = nullptr;
-    KSprimitive primitive = KSprimitive(0);
-    ksDeleteBuffers(1, &buffer);
-    ksDeleteTextures(1, &texture);
-    ksDeleteFramebuffers(1, &framebuffer);
-    ksDeletePrimitives(1, &primitive);
-    ksDeleteShader(nullptr);
-    ksDeleteProgram(nullptr);
-    EXPECT_NO_KS_ERROR();
-    // The frame primitive survives an attempt to delete 0.
-    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
-    ksUniform1f(-1, 1.0f);
-    EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(KestrelHandles, DeletingABoundObjectUnbindsIt)
-{
-    _KSbuffer* buffer = NewBuffer();
-    for (const BufferTarget& t : kBufferTargets)
-        ksBindBuffer(t.target, buffer);
-    _KStexture* texture = NewTexture();
-    ksBindTexture(KS_TEXTURE_2D, texture);
-    _KSframebuffer* framebuffer = NewFramebuffer();
-    ksBindFramebuffer(KS_FRAMEBUFFER, framebuffer);
-    KSprimitive primitive = NewPrimitive();
-    ksBindPrimitive(KS_PRIMITIVE, primitive);
-    ASSERT_NO_KS_ERROR();
-
-    ksDeleteBuffers(1, &buffer);
-    ksDeleteTextures(1, &texture);
-    ksDeleteFramebuffers(1, &framebuffer);
-    ksDeletePrimitives(1, &primitive);
-    EXPECT_NO_KS_ERROR();
-    EXPECT_TRUE(ReadBindingState(_pContext) == BindingState{})
-        << "a deleted object is still bound somewhere";
-    EXPECT_EQ(CountObjects(_pContext), ObjectCounts{});
-}
-
-TEST_F(KestrelHandles, CountsFollowCreationAndDeletion)
+TEST_F(KestrelHandles, CountsFollowCreationAndDeletionWhichUnbindsAndSkipsNull)
 {
     _KSbuffer* buffers[3] = {};
     ksGenBuffers(3, buffers);
@@ -406,20 +205,41 @@ TEST_F(KestrelHandles, CountsFollowCreationAndDeletion)
     EXPECT_NE(buffers[1], buffers[2]);
     KSprimitive primitives[2] = {};
     ksGenPrimitives(2, primitives);
-    _KSshader* shader = ksCreateShader(KS_SHADER_KIND_2);
-    _KSprogram* program = ksCreateProgram();
-    NewTexture();
-    NewFramebuffer();
+    BadHandles one = MakeHandles("one of each");
+    // A count of 0 needs no array and makes or deletes nothing.
+    ksGenBuffers(0, nullptr);
+    ksGenTextures(0, nullptr);
+    ksGenFramebuffers(0, nullptr);
+    ksGenPrimitives(0, nullptr);
+    ksDeleteBuffers(0, nullptr);
+    ksDeleteTextures(0, nullptr);
+    ksDeleteFramebuffers(0, nullptr);
+    ksDeletePrimitives(0, nullptr);
     ASSERT_NO_KS_ERROR();
-    EXPECT_EQ(CountObjects(_pContext), (ObjectCounts{1, 1, 2, 3, 1, 1}));
+    EXPECT_EQ(CountObjects(_pContext), (ObjectCounts{1, 1, 3, 4, 1, 1}));
 
+    for (const BufferTarget& t : kBufferTargets)
+        ksBindBuffer(t.target, buffers[1]);
+    ksBindTexture(KS_TEXTURE_2D, one.texture);
+    ksBindFramebuffer(KS_FRAMEBUFFER, one.framebuffer);
+    ksBindPrimitive(KS_PRIMITIVE, primitives[0]);
     ksDeleteBuffers(2, buffers);
     ksDeletePrimitives(1, primitives);
-    ksDeleteShader(shader);
-    ksDeleteProgram(program);
+    // Deleting or detaching null is silent; deleting 0 spares the frame primitive.
+    ksDetachShader(one.program, nullptr);
+    DeleteHandles({"null", nullptr, nullptr, nullptr, nullptr, nullptr, KSprimitive(0)});
+    one.buffer = nullptr;
+    one.primitive = KSprimitive(0);
+    DeleteHandles(one);
     EXPECT_NO_KS_ERROR();
-    EXPECT_EQ(CountObjects(_pContext), (ObjectCounts{0, 0, 1, 1, 1, 1}));
+    BindingState expected;
+    expected.counts = ObjectCounts{0, 0, 2, 2, 0, 0};
+    EXPECT_TRUE(ReadBindingState(_pContext) == expected)
+        << "a deleted object is still bound somewhere";
     EXPECT_EQ(CountObjects(ForgedHandle<void>()).buffers, -1);
+    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
+    ksUniform1f(-1, 1.0f);
+    EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(KestrelHandles, HandlesAreNeverReused)
@@ -430,24 +250,14 @@ TEST_F(KestrelHandles, HandlesAreNeverReused)
     {
         for (int i = 0; i < kRounds; ++i)
         {
-            _KSbuffer* buffer = NewBuffer();
-            _KStexture* texture = NewTexture();
-            _KSframebuffer* framebuffer = NewFramebuffer();
-            KSprimitive primitive = NewPrimitive();
-            _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
-            _KSprogram* program = ksCreateProgram();
-            ids[0].insert(reinterpret_cast<std::uintptr_t>(buffer));
-            ids[1].insert(reinterpret_cast<std::uintptr_t>(texture));
-            ids[2].insert(reinterpret_cast<std::uintptr_t>(framebuffer));
-            ids[3].insert(static_cast<std::uintptr_t>(primitive));
-            ids[4].insert(reinterpret_cast<std::uintptr_t>(shader));
-            ids[5].insert(reinterpret_cast<std::uintptr_t>(program));
-            ksDeleteBuffers(1, &buffer);
-            ksDeleteTextures(1, &texture);
-            ksDeleteFramebuffers(1, &framebuffer);
-            ksDeletePrimitives(1, &primitive);
-            ksDeleteShader(shader);
-            ksDeleteProgram(program);
+            const BadHandles h = MakeHandles("");
+            ids[0].insert(reinterpret_cast<std::uintptr_t>(h.buffer));
+            ids[1].insert(reinterpret_cast<std::uintptr_t>(h.texture));
+            ids[2].insert(reinterpret_cast<std::uintptr_t>(h.framebuffer));
+            ids[3].insert(static_cast<std::uintptr_t>(h.primitive));
+            ids[4].insert(reinterpret_cast<std::uintptr_t>(h.shader));
+            ids[5].insert(reinterpret_cast<std::uintptr_t>(h.program));
+            DeleteHandles(h);
         }
     };
     churn();
@@ -476,14 +286,7 @@ TEST_F(KestrelHandles, ChurnKeepsTheBookkeepingSmallAndStaleHandlesKnown)
     const int runs = CountIssuedRuns(_pContext);
     ASSERT_GT(runs, 0);
     for (int i = 0; i < 10000; ++i)
-    {
-        _KSbuffer* buffer = NewBuffer();
-        _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
-        KSprimitive primitive = NewPrimitive();
-        ksDeleteBuffers(1, &buffer);
-        ksDeleteShader(shader);
-        ksDeletePrimitives(1, &primitive);
-    }
+        DeleteHandles(MakeHandles(""));
     ASSERT_NO_KS_ERROR();
     EXPECT_EQ(CountIssuedRuns(_pContext), runs) << "a record for each object";
 

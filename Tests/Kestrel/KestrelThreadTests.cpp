@@ -20,32 +20,35 @@ using KestrelThreads = KestrelFixture;
 constexpr int kThreads = 4;
 constexpr int kRounds = 150;
 
+// Runs `work(thread)` on kThreads threads at once.
+template <typename Work>
+void OnThreads(Work work)
+{
+    std::vector<std::thread> workers;
+    for (int t = 0; t < kThreads; ++t)
+        workers.emplace_back(work, t);
+    for (std::thread& worker : workers)
+        worker.join();
+}
+
 TEST_F(KestrelThreads, ConcurrentCreationGivesDistinctHandlesAndIsLogged)
 {
     std::vector<std::uintptr_t> made[kThreads];
     CallLog log;
-    {
-        std::vector<std::thread> workers;
-        for (int t = 0; t < kThreads; ++t)
+    OnThreads(
+        [&made](int t)
         {
-            workers.emplace_back(
-                [&made, t]
-                {
-                    for (int i = 0; i < kRounds; ++i)
-                    {
-                        _KSbuffer* buffer = NewBuffer();
-                        made[t].push_back(reinterpret_cast<std::uintptr_t>(buffer));
-                        _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
-                        made[t].push_back(reinterpret_cast<std::uintptr_t>(shader));
-                        ksDeleteShader(shader);
-                        if (i % 2)
-                            ksDeleteBuffers(1, &buffer);
-                    }
-                });
-        }
-        for (std::thread& worker : workers)
-            worker.join();
-    }
+            for (int i = 0; i < kRounds; ++i)
+            {
+                _KSbuffer* buffer = NewBuffer();
+                made[t].push_back(reinterpret_cast<std::uintptr_t>(buffer));
+                _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
+                made[t].push_back(reinterpret_cast<std::uintptr_t>(shader));
+                ksDeleteShader(shader);
+                if (i % 2)
+                    ksDeleteBuffers(1, &buffer);
+            }
+        });
     std::set<std::uintptr_t> distinct;
     for (const auto& handles : made)
         distinct.insert(handles.begin(), handles.end());
@@ -60,18 +63,12 @@ TEST_F(KestrelThreads, ConcurrentCreationGivesDistinctHandlesAndIsLogged)
 
 TEST_F(KestrelThreads, ErrorsFromManyThreadsAreKeptOnceAndAllNotified)
 {
-    std::vector<std::thread> workers;
-    for (int t = 0; t < kThreads; ++t)
-    {
-        workers.emplace_back(
-            []
-            {
-                for (int i = 0; i < kRounds; ++i)
-                    ksBindBuffer(0x1234, nullptr);
-            });
-    }
-    for (std::thread& worker : workers)
-        worker.join();
+    OnThreads(
+        [](int)
+        {
+            for (int i = 0; i < kRounds; ++i)
+                ksBindBuffer(0x1234, nullptr);
+        });
     EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
     EXPECT_EQ(ksGetError(), KS_NO_ERROR);
     EXPECT_EQ(_recorder.Take().size(), static_cast<size_t>(kThreads * kRounds));
