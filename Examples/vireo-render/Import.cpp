@@ -36,19 +36,6 @@ uniform texture emission_map;
 metallic_roughness(base_colour, metallic, roughness, emission, base_colour_map,
                    metallic_roughness_map, emission_map);
 )";
-const char* const kGlassSource = "uniform float ior = 1.5;\nglass(ior);\n";
-const char* const kEmissiveSource = "uniform vec3 radiance;\nemissive(radiance);\n";
-const char* const kFrameSource = R"(
-uniform vec3 eye;
-uniform vec3 target;
-uniform vec3 up = vec3(0.0, 1.0, 0.0);
-uniform float fov = 40.0;
-uniform vec3 sky;
-camera(eye, target, up, fov);
-background(sky);
-output(0, radiance);
-output(1, visibility);
-)";
 
 // The sky of --environment uniform: a pale blue of about unit radiance.
 const Vector3f kSky{0.85f, 0.9f, 1.0f};

@@ -32,23 +32,7 @@ transform(placement);
 // Materials.
 const char* const kDiffuseSource = "uniform vec3 albedo = vec3(0.8, 0.8, 0.8);\ndiffuse(albedo);\n";
 const char* const kTexturedSource = "uniform texture albedoMap;\ndiffuse_texture(albedoMap);\n";
-const char* const kEmissiveSource = "uniform vec3 radiance;\nemissive(radiance);\n";
 const char* const kMirrorSource = "uniform vec3 tint = vec3(0.95, 0.95, 0.95);\nmirror(tint);\n";
-const char* const kGlassSource = "uniform float ior = 1.5;\nglass(ior);\n";
-
-// The frame: camera, sky, and what goes to which attachment. Attachment 0
-// takes radiance, attachment 1 visibility.
-const char* const kFrameSource = R"(
-uniform vec3 eye;
-uniform vec3 target;
-uniform vec3 up = vec3(0.0, 1.0, 0.0);
-uniform float fov = 40.0;
-uniform vec3 sky = vec3(0.0, 0.0, 0.0);
-camera(eye, target, up, fov);
-background(sky);
-output(0, radiance);
-output(1, visibility);
-)";
 
 // A regular octahedron of unit radius: eight triangles, wound outwards.
 std::vector<float> Octahedron()
