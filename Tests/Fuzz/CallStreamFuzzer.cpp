@@ -1260,23 +1260,23 @@ void Run(const Operation& operation)
     operation.run();
 }
 
+template <class T>
+std::uintptr_t MakeOne(void (*gen)(int, T*))
+{
+    T made{};
+    gen(1, &made);
+    return IdOf(made);
+}
+
 void MakeForeign()
 {
     KestrelSetCurrentContext(KestrelCreateContext(nullptr, Notify, nullptr));
     g_foreign[kShader] = IdOf(ksCreateShader(KS_VERTEX_SHADER));
     g_foreign[kProgram] = IdOf(ksCreateProgram());
-    _KSbuffer* buffer = nullptr;
-    ksGenBuffers(1, &buffer);
-    _KStexture* texture = nullptr;
-    ksGenTextures(1, &texture);
-    _KSframebuffer* framebuffer = nullptr;
-    ksGenFramebuffers(1, &framebuffer);
-    KSprimitive primitive{};
-    ksGenPrimitives(1, &primitive);
-    g_foreign[kBuffer] = IdOf(buffer);
-    g_foreign[kTexture] = IdOf(texture);
-    g_foreign[kFramebuffer] = IdOf(framebuffer);
-    g_foreign[kPrimitive] = primitive;
+    g_foreign[kBuffer] = MakeOne(ksGenBuffers);
+    g_foreign[kTexture] = MakeOne(ksGenTextures);
+    g_foreign[kFramebuffer] = MakeOne(ksGenFramebuffers);
+    g_foreign[kPrimitive] = MakeOne(ksGenPrimitives);
     SetRenderHook(Hook);
     SetBuildHook(BuildHook);
 }
