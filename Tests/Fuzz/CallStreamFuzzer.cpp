@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -22,8 +23,10 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 using namespace Kestrel::Testing;
@@ -33,6 +36,7 @@ namespace
 
 constexpr int kAny = -1; // the model does not predict this call's error
 
+// Primitives are numbers, the other kinds pointers; the model keys both by id.
 enum Kind
 {
     kShader,
@@ -40,6 +44,7 @@ enum Kind
     kBuffer,
     kTexture,
     kFramebuffer,
+    kPrimitive,
     kKinds
 };
 enum Class
@@ -50,10 +55,88 @@ enum Class
     kBad
 };
 
-const char* const kKindText[kKinds] = {"shader#", "prog#", "buf#", "tex#", "fb#"};
-const int kBufferBindings[5] = {KS_ARRAY_BUFFER_BINDING, KS_ELEMENT_ARRAY_BUFFER_BINDING,
-                                KS_PIXEL_PACK_BUFFER_BINDING, KS_PIXEL_UNPACK_BUFFER_BINDING,
-                                KS_UNIFORM_BLOCK_BUFFER_BINDING};
+template <class T>
+std::uintptr_t IdOf(T handle)
+{
+    if constexpr (std::is_pointer_v<T>)
+        return reinterpret_cast<std::uintptr_t>(handle);
+    else
+        return handle;
+}
+template <class T>
+T As(std::uintptr_t id)
+{
+    if constexpr (std::is_pointer_v<T>)
+        return reinterpret_cast<T>(id);
+    else
+        return static_cast<T>(id);
+}
+// A handle as the call log writes it.
+template <class T>
+std::string Text(T handle)
+{
+    if constexpr (std::is_pointer_v<T>)
+        return Describe(handle);
+    else
+        return std::to_string(handle);
+}
+
+// What a binding point holds, read through the runtime's own query.
+template <class T, void (*get)(int, T*)>
+std::uintptr_t ReadBinding(int name)
+{
+    T value{};
+    get(name, &value);
+    return IdOf(value);
+}
+
+// Binding points: the target that binds them, the name that reads them back,
+// the kind they hold. The points of one kind are adjacent.
+struct Point
+{
+    int target;
+    int name;
+    Kind kind;
+    std::uintptr_t (*read)(int);
+};
+constexpr auto kReadBuffer = ReadBinding<_KSbuffer*, ksGetBuffer>;
+const Point kPoints[] = {
+    {KS_ARRAY_BUFFER, KS_ARRAY_BUFFER_BINDING, kBuffer, kReadBuffer},
+    {KS_ELEMENT_ARRAY_BUFFER, KS_ELEMENT_ARRAY_BUFFER_BINDING, kBuffer, kReadBuffer},
+    {KS_PIXEL_PACK_BUFFER, KS_PIXEL_PACK_BUFFER_BINDING, kBuffer, kReadBuffer},
+    {KS_PIXEL_UNPACK_BUFFER, KS_PIXEL_UNPACK_BUFFER_BINDING, kBuffer, kReadBuffer},
+    {KS_UNIFORM_BLOCK_BUFFER, KS_UNIFORM_BLOCK_BUFFER_BINDING, kBuffer, kReadBuffer},
+    {KS_TEXTURE_2D, KS_TEXTURE_BINDING_2D, kTexture, ReadBinding<_KStexture*, ksGetTexture>},
+    {KS_FRAMEBUFFER, KS_FRAMEBUFFER_BINDING, kFramebuffer,
+     ReadBinding<_KSframebuffer*, ksGetFramebuffer>},
+    {KS_PRIMITIVE, KS_PRIMITIVE_BINDING, kPrimitive, ReadBinding<KSprimitive, ksGetPrimitive>},
+};
+constexpr int kPointCount = sizeof(kPoints) / sizeof(kPoints[0]);
+constexpr int kTexturePoint = 5, kFramebufferPoint = 6, kPrimitivePoint = 7;
+
+// The first binding point of a kind and how many it has.
+int PointsOf(Kind kind, int* count)
+{
+    int first = 0;
+    while (kPoints[first].kind != kind)
+        ++first;
+    for (*count = 0; first + *count < kPointCount && kPoints[first + *count].kind == kind;)
+        ++*count;
+    return first;
+}
+
+// Liveness as the call log sees it: a live handle is written as its kind's
+// prefix and serial (primitives are asked through ReadPrimitive instead).
+const char* const kKindText[kKinds] = {"shader#", "prog#", "buf#", "tex#", "fb#", "prim "};
+template <class T>
+bool Described(std::uintptr_t id, Kind kind)
+{
+    return Describe(As<T>(id)).rfind(kKindText[kind], 0) == 0;
+}
+bool (*const kDescribedLive[kPrimitive])(std::uintptr_t, Kind) = {
+    Described<_KSshader*>, Described<_KSprogram*>, Described<_KSbuffer*>, Described<_KStexture*>,
+    Described<_KSframebuffer*>};
+
 const char* const kSources[] = {
     "uniform vec3 center = vec3(0, 0, -3);\nuniform float radius = 1.0;\nsphere(center, radius);\n",
     "uniform vec3 albedo = vec3(1, 0.5, 0);\ndiffuse(albedo);\n",
@@ -64,16 +147,6 @@ const char* const kSources[] = {
     "sphere(",
     "",
 };
-
-std::uintptr_t IdOf(const void* handle)
-{
-    return reinterpret_cast<std::uintptr_t>(handle);
-}
-template <class T>
-T* As(std::uintptr_t id)
-{
-    return reinterpret_cast<T*>(id);
-}
 
 // What this target believes the context holds.
 struct Model
@@ -96,13 +169,9 @@ struct Model
     };
     std::map<std::uintptr_t, Object> objects;
     std::vector<std::uintptr_t> order; // ids in creation order, for the pools
-    std::map<unsigned, bool> primitives;
-    std::vector<unsigned> primitiveOrder;
     std::map<std::uintptr_t, Buffer> buffers;
-    std::map<unsigned, Primitive> records{{0u, {}}};
-    std::uintptr_t boundBuffers[5] = {};
-    std::uintptr_t texture = 0, framebuffer = 0;
-    unsigned primitive = 0;
+    std::map<std::uintptr_t, Primitive> records{{0u, {}}}; // live primitives and the frame's
+    std::uintptr_t bound[kPointCount] = {};
     int pending = 0;
     int filterTableSize = 1;
     int requestedTableSize = 1; // the host's view: the size it asked for last
@@ -119,41 +188,33 @@ struct Model
             return kDeleted;
         return it->second.kind == kind ? kLive : kBad;
     }
-    Class OfPrimitive(unsigned number) const
-    {
-        if (number == 0)
-            return kNull;
-        auto it = primitives.find(number);
-        return it == primitives.end() ? kBad : (it->second ? kLive : kDeleted);
-    }
     void Add(Kind kind, std::uintptr_t id)
     {
         objects[id] = {kind, true};
         order.push_back(id);
         if (kind == kBuffer)
             buffers[id] = {};
+        if (kind == kPrimitive)
+            records[id] = {};
     }
     void Delete(Kind kind, std::uintptr_t id)
     {
         objects[id].live = false;
-        if (kind == kBuffer)
+        for (int i = 0; i < kPointCount; ++i)
+            if (kPoints[i].kind == kind && bound[i] == id)
+                bound[i] = 0;
+        if (kind == kPrimitive)
+            records.erase(id);
+        for (auto& record : records)
         {
-            buffers.erase(id);
-            for (std::uintptr_t& bound : boundBuffers)
-                if (bound == id)
-                    bound = 0;
-            for (auto& record : records)
-                for (auto it = record.second.blocks.begin(); it != record.second.blocks.end();)
-                    it = it->second == id ? record.second.blocks.erase(it) : std::next(it);
+            if (kind == kProgram && record.second.program == id)
+                record.second.program = 0;
+            for (auto it = record.second.blocks.begin(); it != record.second.blocks.end();)
+                it = kind == kBuffer && it->second == id ? record.second.blocks.erase(it)
+                                                         : std::next(it);
         }
-        if (kind == kTexture && texture == id)
-            texture = 0;
-        if (kind == kFramebuffer && framebuffer == id)
-            framebuffer = 0;
-        if (kind == kProgram)
-            for (auto& record : records)
-                if (record.second.program == id)
-                    record.second.program = 0;
+        if (kind == kBuffer)
+            buffers.erase(id);
     }
     int Live(Kind kind) const
     {
@@ -186,15 +247,9 @@ std::atomic<int> g_stopMode{0};
 std::atomic<bool> g_hookEntered{false}, g_buildEntered{false}, g_stopDone{false},
     g_frameDone{false};
 
-struct Foreign
-{
-    void* context = nullptr;
-    std::uintptr_t ids[kKinds] = {};
-    unsigned primitive = 0;
-};
-Foreign g_foreign;
+// One object of each kind from another context, and an id never issued.
+std::uintptr_t g_foreign[kKinds] = {};
 constexpr std::uintptr_t kNeverIssued = 0x7ffffff0u;
-constexpr unsigned kNeverIssuedPrimitive = 0x7ffffff0u;
 
 void Notify(int code, const void*, size_t, const char* message, void*)
 {
@@ -247,7 +302,7 @@ T Pick(const T (&pool)[N])
 }
 
 // Null, this input's objects of the kind, a foreign one, one never issued,
-// then this input's objects of other kinds.
+// then this input's objects of other pointer kinds.
 std::uintptr_t PickHandle(Kind kind)
 {
     const Model& m = g_state->model;
@@ -255,22 +310,26 @@ std::uintptr_t PickHandle(Kind kind)
     for (std::uintptr_t id : m.order)
         if (m.objects.at(id).kind == kind)
             pool.push_back(id);
-    pool.push_back(g_foreign.ids[kind]);
+    pool.push_back(g_foreign[kind]);
     pool.push_back(kNeverIssued);
     for (std::uintptr_t id : m.order)
-        if (m.objects.at(id).kind != kind)
+        if (kind != kPrimitive && m.objects.at(id).kind != kind &&
+            m.objects.at(id).kind != kPrimitive)
             pool.push_back(id);
     return pool[Byte() % pool.size()];
 }
 
-unsigned PickPrimitive()
+// A target of the kind's binding points, the next kind's target, or 0;
+// `point` gets the binding point, -1 for a bad target.
+int PickTarget(Kind kind, int* point)
 {
-    const Model& m = g_state->model;
-    std::vector<unsigned> pool{0};
-    pool.insert(pool.end(), m.primitiveOrder.begin(), m.primitiveOrder.end());
-    pool.push_back(g_foreign.primitive);
-    pool.push_back(kNeverIssuedPrimitive);
-    return pool[Byte() % pool.size()];
+    int count = 0;
+    const int first = PointsOf(kind, &count);
+    const int t = Byte() % (count + 2);
+    *point = t < count ? first + t : -1;
+    return t < count    ? kPoints[first + t].target
+           : t == count ? kPoints[(first + count) % kPointCount].target
+                        : 0;
 }
 
 // A buffer owned by this target, alive until the input ends (client storage
@@ -297,6 +356,7 @@ T* MaybeArray(long long count)
 
 const int kCounts[] = {1, 0, 2, 3, -1, INT32_MIN};
 const long long kLongCounts[] = {1, 0, 2, 3, -1, INT64_MIN};
+const int kLocations[] = {0, 1, -1, 2, -2, 3};
 
 // ---------------------------------------------------------------------------
 // Checks
@@ -306,10 +366,9 @@ const long long kLongCounts[] = {1, 0, 2, 3, -1, INT64_MIN};
 // Only the call itself is logged: formatting the checks' own queries would
 // cost a third of the fuzzer's time.
 template <class F>
-std::vector<int> Call(const char* function, int expect, F&& call)
+std::vector<int> Call(int expect, F&& call)
 {
     State& s = *g_state;
-    s.function = function;
     TakeNotices();
     {
         CallLog log;
@@ -319,19 +378,13 @@ std::vector<int> Call(const char* function, int expect, F&& call)
     }
     std::vector<int> notices = TakeNotices();
     if (g_badMessage)
-        Disagree("a notification of %s does not name it", function);
+        Disagree("a notification of %s does not name it", s.function.c_str());
     const int first = notices.empty() ? 0 : notices[0];
     if (expect != kAny && first != expect)
-        Disagree("%s raised 0x%x, documented: 0x%x", function, first, expect);
+        Disagree("%s raised 0x%x, documented: 0x%x", s.function.c_str(), first, expect);
     if (s.model.pending == 0)
         s.model.pending = first;
     return notices;
-}
-
-void CheckQuiet(const char* what)
-{
-    if (!TakeNotices().empty())
-        Disagree("the check's own %s raised an error", what);
 }
 
 // After every call: counts, liveness, bindings, primitive records, mappings.
@@ -341,10 +394,7 @@ void Verify()
     Model& m = s.model;
     s.function = "check";
     const ObjectCounts counts = CountObjects(s.context);
-    int primitives = 0;
-    for (const auto& p : m.primitives)
-        primitives += p.second;
-    const ObjectCounts expected{m.Live(kShader), m.Live(kProgram), primitives,
+    const ObjectCounts expected{m.Live(kShader), m.Live(kProgram), m.Live(kPrimitive),
                                 m.Live(kBuffer), m.Live(kTexture), m.Live(kFramebuffer)};
     if (!(counts == expected))
         Disagree("object counts %d %d %d %d %d %d, expected %d %d %d %d %d %d", counts.shaders,
@@ -353,67 +403,31 @@ void Verify()
                  expected.buffers, expected.textures, expected.framebuffers);
     for (const auto& [id, object] : m.objects)
     {
-        std::string text;
-        switch (object.kind)
-        {
-        case kShader:
-            text = Describe(As<_KSshader>(id));
-            break;
-        case kProgram:
-            text = Describe(As<_KSprogram>(id));
-            break;
-        case kBuffer:
-            text = Describe(As<_KSbuffer>(id));
-            break;
-        case kTexture:
-            text = Describe(As<_KStexture>(id));
-            break;
-        default:
-            text = Describe(As<_KSframebuffer>(id));
-            break;
-        }
-        if ((text.rfind(kKindText[object.kind], 0) == 0) != object.live)
-            Disagree("%s is %s in the model", text.c_str(), object.live ? "live" : "deleted");
+        PrimitiveRecord read;
+        const bool live = object.kind == kPrimitive
+                              ? ReadPrimitive(static_cast<KSprimitive>(id), &read)
+                              : kDescribedLive[object.kind](id, object.kind);
+        if (live != object.live)
+            Disagree("%s0x%zx is %s in the model", kKindText[object.kind],
+                     static_cast<std::size_t>(id), object.live ? "live" : "deleted");
     }
     for (auto& [number, record] : m.records)
     {
         PrimitiveRecord read;
         if (!ReadPrimitive(static_cast<KSprimitive>(number), &read))
-            Disagree("primitive %u is live in the model", number);
-        if (IdOf(read.program) != record.program)
-            Disagree("primitive %u has program 0x%zx, expected 0x%zx", number,
-                     static_cast<std::size_t>(IdOf(read.program)),
-                     static_cast<std::size_t>(record.program));
+            Disagree("primitive %zu is live in the model", static_cast<std::size_t>(number));
         std::map<int, std::uintptr_t> blocks;
         for (const auto& block : read.blocks)
             blocks[block.first] = IdOf(block.second);
-        if (blocks != record.blocks)
-            Disagree("primitive %u has other block buffers than were bound", number);
+        if (IdOf(read.program) != record.program || blocks != record.blocks)
+            Disagree("primitive %zu has program %s and other blocks than were bound",
+                     static_cast<std::size_t>(number), Describe(read.program).c_str());
     }
-    for (const auto& p : m.primitives)
-    {
-        PrimitiveRecord read;
-        if (!p.second && ReadPrimitive(static_cast<KSprimitive>(p.first), &read))
-            Disagree("deleted primitive %u is live again", p.first);
-    }
-    for (int i = 0; i < 5; ++i)
-    {
-        _KSbuffer* bound = nullptr;
-        ksGetBuffer(kBufferBindings[i], &bound);
-        if (IdOf(bound) != m.boundBuffers[i])
-            Disagree("buffer binding %d reads %s", i, Describe(bound).c_str());
-    }
-    _KStexture* texture = nullptr;
-    ksGetTexture(KS_TEXTURE_BINDING_2D, &texture);
-    _KSframebuffer* framebuffer = nullptr;
-    ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, &framebuffer);
-    KSprimitive primitive{};
-    ksGetPrimitive(KS_PRIMITIVE_BINDING, &primitive);
-    if (IdOf(texture) != m.texture || IdOf(framebuffer) != m.framebuffer ||
-        primitive != m.primitive)
-        Disagree("bindings read tex %s fb %s prim %u", Describe(texture).c_str(),
-                 Describe(framebuffer).c_str(), static_cast<unsigned>(primitive));
-    CheckQuiet("binding queries");
+    for (int i = 0; i < kPointCount; ++i)
+        if (kPoints[i].read(kPoints[i].name) != m.bound[i])
+            Disagree("binding point %d reads another object than was bound", i);
+    if (!TakeNotices().empty())
+        Disagree("the check's own binding queries raised an error");
     // A live mapping must stay writable (AddressSanitizer watches).
     for (const auto& buffer : m.buffers)
         if (buffer.second.mapping)
@@ -421,44 +435,7 @@ void Verify()
 }
 
 // ---------------------------------------------------------------------------
-// Families of calls
-
-// Gen and delete of the pointer-handle kinds; bind and get of the bindable.
-template <class T>
-void Gen(const char* function, Kind kind, void (*gen)(int, T**))
-{
-    const int count = Pick(kCounts);
-    T** out = MaybeArray<T*>(count);
-    const int expect = (count < 0 || (count > 0 && !out)) ? KS_INVALID_VALUE : 0;
-    Call(function, expect, [&] { gen(count, out); });
-    for (int i = 0; expect == 0 && i < count; ++i)
-    {
-        if (!out[i] || g_state->model.objects.count(IdOf(out[i])))
-            Disagree("%s gave null or a used handle", function);
-        g_state->model.Add(kind, IdOf(out[i]));
-    }
-}
-
-template <class T>
-void Delete(const char* function, Kind kind, void (*del)(int, T**))
-{
-    const int count = Pick(kCounts);
-    T** in = MaybeArray<T*>(count);
-    for (int i = 0; in && i < count; ++i)
-        in[i] = As<T>(PickHandle(kind));
-    int expect = (count < 0 || (count > 0 && !in)) ? KS_INVALID_VALUE : 0;
-    for (int i = 0; expect == 0 && i < count; ++i)
-        if (g_state->model.Of(kind, IdOf(in[i])) == kBad)
-            expect = KS_INVALID_VALUE;
-    std::string handles;
-    for (int i = 0; in && i < count; ++i)
-        handles += (i ? ", " : " // ") + Describe(in[i]);
-    Call(function, expect, [&] { del(count, in); });
-    g_state->history.back() += handles;
-    for (int i = 0; in && count > 0 && i < count; ++i)
-        if (g_state->model.Of(kind, IdOf(in[i])) == kLive)
-            g_state->model.Delete(kind, IdOf(in[i]));
-}
+// Shapes shared by many functions
 
 // Binding: null unbinds, live binds, anything else is a bad value.
 int BindExpect(Class c)
@@ -469,292 +446,371 @@ int UseExpect(Class c)
 {
     return c == kLive ? 0 : KS_INVALID_VALUE;
 }
-
-void Buffers(int op)
+Class ClassOf(Kind kind, std::uintptr_t id)
 {
-    Model& m = g_state->model;
-    const int targets[] = {KS_ARRAY_BUFFER,
-                           KS_ELEMENT_ARRAY_BUFFER,
-                           KS_PIXEL_PACK_BUFFER,
-                           KS_PIXEL_UNPACK_BUFFER,
-                           KS_UNIFORM_BLOCK_BUFFER,
-                           KS_TEXTURE_2D,
-                           0};
-    const int t = Byte() % 7;
-    const int target = targets[t];
-    const bool goodTarget = t < 5;
-    Model::Buffer* bound =
-        goodTarget && m.boundBuffers[t] ? &m.buffers[m.boundBuffers[t]] : nullptr;
-    // Target first, then the binding.
-    auto bindingExpect = [&](int otherwise) {
-        return !goodTarget ? KS_INVALID_ENUM : !bound ? KS_INVALID_OPERATION : otherwise;
-    };
-    switch (op)
+    return g_state->model.Of(kind, id);
+}
+
+template <class T>
+void Gen(void (*gen)(int, T*), Kind kind)
+{
+    const int count = Pick(kCounts);
+    T* out = MaybeArray<T>(count);
+    const int expect = (count < 0 || (count > 0 && !out)) ? KS_INVALID_VALUE : 0;
+    Call(expect, [&] { gen(count, out); });
+    for (int i = 0; expect == 0 && i < count; ++i)
     {
-    case 0:
-    {
-        const std::uintptr_t id = PickHandle(kBuffer);
-        const int expect = goodTarget ? BindExpect(m.Of(kBuffer, id)) : KS_INVALID_ENUM;
-        Call("ksBindBuffer", expect, [&] { ksBindBuffer(target, As<_KSbuffer>(id)); });
-        if (expect == 0)
-            m.boundBuffers[t] = id;
-        break;
-    }
-    case 1:
-    {
-        const int names[] = {KS_ARRAY_BUFFER_BINDING, KS_UNIFORM_BLOCK_BUFFER_BINDING,
-                             KS_ARRAY_BUFFER, 0};
-        const int name = Pick(names);
-        _KSbuffer** out = MaybeArray<_KSbuffer*>(1);
-        const int expect = name == KS_ARRAY_BUFFER || name == 0 ? KS_INVALID_ENUM
-                           : !out                               ? KS_INVALID_VALUE
-                                                                : 0;
-        Call("ksGetBuffer", expect, [&] { ksGetBuffer(name, out); });
-        break;
-    }
-    case 2:
-    {
-        const unsigned long long sizes[] = {16, 0, 1, 4096, (1ULL << 34) + 1, ~0ULL};
-        const unsigned long long size = Pick(sizes);
-        const int usages[] = {KS_STATIC_DRAW, KS_DYNAMIC_DRAW, KS_STREAM_COPY, KS_RGBA, 0};
-        const int usage = Pick(usages);
-        const void* data =
-            size <= 4096 ? MaybeArray<unsigned char>(static_cast<long long>(size)) : nullptr;
-        int expect = !goodTarget                      ? KS_INVALID_ENUM
-                     : usage == KS_RGBA || usage == 0 ? KS_INVALID_ENUM
-                                                      : bindingExpect(0);
-        if (expect == 0 && bound->mapping)
-            expect = KS_INVALID_OPERATION;
-        if (expect == 0 && size > (1ULL << 34))
-            expect = KS_OUT_OF_MEMORY;
-        Call("ksBufferData", expect, [&] { ksBufferData(target, size, data, usage); });
-        if (expect == 0)
-            bound->size = size;
-        break;
-    }
-    case 3:
-    {
-        const int accesses[] = {KS_READ_WRITE, KS_READ_ONLY, KS_WRITE_ONLY, KS_STATIC_DRAW};
-        const int access = Pick(accesses);
-        int expect = goodTarget && access == KS_STATIC_DRAW ? KS_INVALID_ENUM : bindingExpect(0);
-        if (expect == 0 && (bound->mapping || bound->size == 0))
-            expect = KS_INVALID_OPERATION;
-        void* mapping = nullptr;
-        Call("ksMapBuffer", expect, [&] { mapping = ksMapBuffer(target, access); });
-        if ((mapping != nullptr) != (expect == 0))
-            Disagree("ksMapBuffer gave %s", mapping ? "a mapping" : "null");
-        if (expect == 0)
-            bound->mapping = static_cast<unsigned char*>(mapping);
-        else if (bound && bound->mapping)
-            ++bound->refusedMaps;
-        break;
-    }
-    case 4:
-        Call("ksUnmapBuffer", bindingExpect(0), [&] { ksUnmapBuffer(target); });
-        if (bound && bound->refusedMaps > 0)
-            --bound->refusedMaps;
-        else if (bound)
-            bound->mapping = nullptr;
-        break;
-    case 5:
-    case 6:
-    {
-        const int names[] = {KS_BUFFER_NAME, KS_PROGRAM_NAME};
-        const int name = Pick(names);
-        if (op == 5)
-        {
-            const char* texts[] = {"mesh", "", nullptr};
-            const char* text = Pick(texts);
-            Call("ksBufferParameterString", kAny,
-                 [&] { ksBufferParameterString(target, name, text); });
-        }
-        else
-        {
-            const char** out = MaybeArray<const char*>(1);
-            Call("ksGetBufferParameterString", kAny,
-                 [&] { ksGetBufferParameterString(target, name, out); });
-        }
-        break;
-    }
+        if (!out[i] || g_state->model.objects.count(IdOf(out[i])))
+            Disagree("%s gave null or a used handle", g_state->function.c_str());
+        g_state->model.Add(kind, IdOf(out[i]));
     }
 }
 
-void Textures(int op)
+// A list of handles: any that is not of the kind (null and deleted ones are
+// ignored) makes it a bad value, and the live ones go all the same.
+template <class T>
+void Delete(void (*del)(int, T*), Kind kind)
 {
     Model& m = g_state->model;
-    const int targets[] = {KS_TEXTURE_2D, KS_ARRAY_BUFFER};
-    const int target = Pick(targets);
-    switch (op)
+    const int count = Pick(kCounts);
+    T* in = MaybeArray<T>(count);
+    int expect = (count < 0 || (count > 0 && !in)) ? KS_INVALID_VALUE : 0;
+    std::string handles;
+    for (int i = 0; in && i < count; ++i)
     {
-    case 0:
-    {
-        const std::uintptr_t id = PickHandle(kTexture);
-        const int expect =
-            target == KS_TEXTURE_2D ? BindExpect(m.Of(kTexture, id)) : KS_INVALID_ENUM;
-        Call("ksBindTexture", expect, [&] { ksBindTexture(target, As<_KStexture>(id)); });
-        if (expect == 0)
-            m.texture = id;
-        break;
+        in[i] = As<T>(PickHandle(kind));
+        handles += (i ? ", " : " // ") + Text(in[i]);
+        if (m.Of(kind, IdOf(in[i])) == kBad)
+            expect = KS_INVALID_VALUE;
     }
-    case 1:
-    {
-        const int names[] = {KS_TEXTURE_BINDING_2D, KS_TEXTURE_2D};
-        const int name = Pick(names);
-        _KStexture** out = MaybeArray<_KStexture*>(1);
-        const int expect = name != KS_TEXTURE_BINDING_2D ? KS_INVALID_ENUM
-                           : !out                        ? KS_INVALID_VALUE
-                                                         : 0;
-        Call("ksGetTexture", expect, [&] { ksGetTexture(name, out); });
-        break;
-    }
-    case 2:
-    {
-        const int edges[] = {2, 1, 0, 3, 17, -1, 65537};
-        const int width = Pick(edges), height = Pick(edges);
-        const int formats[] = {KS_RGBA, KS_RGB, KS_LUMINANCE, 0, KS_FLOAT};
-        const int types[] = {KS_FLOAT, KS_UNSIGNED_BYTE, KS_SHORT, KS_UNSIGNED_SHORT,
-                             KS_INT,   KS_UNSIGNED_INT,  0};
-        const int format = Pick(formats), type = Pick(types);
-        const int internal = Byte() % 4 ? format : KS_RGB;
-        const int levels[] = {0, 1, -1};
-        const int level = Pick(levels), border = Pick(levels);
-        const int channels = format == KS_RGBA ? 4 : format == KS_RGB ? 3 : 1;
-        const int typeBytes = type == KS_UNSIGNED_BYTE                        ? 1
-                              : type == KS_SHORT || type == KS_UNSIGNED_SHORT ? 2
-                                                                              : 4;
-        const long long bytes = width < 0 || height < 0 || width > 65536 || height > 65536
-                                    ? -1
-                                    : 1LL * width * height * channels * typeBytes;
-        void* pixels = MaybeArray<unsigned char>(bytes);
-        Call("ksTexImage2D", kAny,
-             [&] {
-                 ksTexImage2D(target, level, internal, width, height, border, format, type, pixels);
-             });
-        break;
-    }
-    case 3:
-    {
-        const int names[] = {KS_TEXTURE_MIN_FILTER, KS_TEXTURE_MAG_FILTER, KS_TEXTURE_WRAP_S,
-                             KS_TEXTURE_WRAP_T, KS_TEXTURE_2D};
-        const int values[] = {KS_NEAREST, KS_LINEAR,        KS_LINEAR_MIPMAP_LINEAR,
-                              KS_REPEAT,  KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT,
-                              0};
-        const int n = Byte() % 5, v = Byte() % 7;
-        // Every parameter takes each of the six filter and wrap values.
-        const int expect = target != KS_TEXTURE_2D || n == 4 || v == 6 ? KS_INVALID_ENUM
-                           : m.texture == 0                            ? KS_INVALID_OPERATION
-                                                                       : 0;
-        Call("ksTexParameteri", expect, [&] { ksTexParameteri(target, names[n], values[v]); });
-        break;
-    }
-    case 4:
-        Call("ksGenerateMipmap",
-             target != KS_TEXTURE_2D ? KS_INVALID_ENUM
-             : m.texture == 0        ? KS_INVALID_OPERATION
-                                     : kAny,
-             [&] { ksGenerateMipmap(target); });
-        break;
-    case 5:
-    {
-        const int names[] = {KS_UNPACK_CLIENT_STORAGE, KS_TEXTURE_2D};
-        const int values[] = {0, 1, 2, -1};
-        const int name = Pick(names), value = Pick(values);
-        const int expect = name != KS_UNPACK_CLIENT_STORAGE ? KS_INVALID_ENUM
-                           : value == 0 || value == 1       ? 0
-                                                            : KS_INVALID_VALUE;
-        Call("ksPixelStorei", expect, [&] { ksPixelStorei(name, value); });
-        break;
-    }
-    }
+    Call(expect, [&] { del(count, in); });
+    g_state->history.back() += handles;
+    for (int i = 0; in && i < count; ++i)
+        if (m.Of(kind, IdOf(in[i])) == kLive)
+            m.Delete(kind, IdOf(in[i]));
 }
 
-void Framebuffers(int op)
+template <class T>
+void DeleteOne(void (*del)(T), Kind kind)
+{
+    const std::uintptr_t id = PickHandle(kind);
+    const Class c = ClassOf(kind, id);
+    Call(c == kBad ? KS_INVALID_VALUE : 0, [&] { del(As<T>(id)); });
+    if (c == kLive)
+        g_state->model.Delete(kind, id);
+}
+
+// A call on one object that must be live.
+template <class T>
+void Use(void (*use)(T), Kind kind)
+{
+    const std::uintptr_t id = PickHandle(kind);
+    Call(UseExpect(ClassOf(kind, id)), [&] { use(As<T>(id)); });
+}
+
+// The target is checked before the handle.
+template <class T>
+void Bind(void (*bind)(int, T), Kind kind)
+{
+    int point = -1;
+    const int target = PickTarget(kind, &point);
+    const std::uintptr_t id = PickHandle(kind);
+    const int expect = point < 0 ? KS_INVALID_ENUM : BindExpect(ClassOf(kind, id));
+    Call(expect, [&] { bind(target, As<T>(id)); });
+    if (expect == 0)
+        g_state->model.bound[point] = id;
+}
+
+// The kind's binding names are good; its first bind target and 0 are not.
+template <class T>
+void GetBinding(void (*get)(int, T*), Kind kind)
+{
+    int count = 0;
+    const int first = PointsOf(kind, &count);
+    const int n = Byte() % (count + 2);
+    const int name = n < count ? kPoints[first + n].name : n == count ? kPoints[first].target : 0;
+    T* out = MaybeArray<T>(1);
+    Call(n >= count ? KS_INVALID_ENUM : !out ? KS_INVALID_VALUE : 0, [&] { get(name, out); });
+}
+
+// Object parameters: the first name of a pool is the integer one, the last
+// belongs to another kind, the ones between are strings. The name is checked
+// before the handle.
+const int kShaderNames[] = {KS_COMPILE_STATUS, KS_SHADER_LOG, KS_SHADER_SOURCE, KS_SHADER_NAME,
+                            KS_LINK_STATUS};
+const int kProgramNames[] = {KS_LINK_STATUS, KS_PROGRAM_LOG, KS_PROGRAM_NAME, KS_SHADER_LOG};
+
+template <class T, class V, std::size_t N>
+void GetObjectParameter(void (*get)(T, int, V*), Kind kind, const int (&names)[N])
+{
+    const std::uintptr_t id = PickHandle(kind);
+    const std::size_t n = Byte() % N;
+    V* out = MaybeArray<V>(1);
+    const bool goodName = std::is_same_v<V, int> ? n == 0 : n > 0 && n + 1 < N;
+    const int expect = !goodName                            ? KS_INVALID_ENUM
+                       : ClassOf(kind, id) != kLive || !out ? KS_INVALID_VALUE
+                                                            : 0;
+    Call(expect, [&] { get(As<T>(id), names[n], out); });
+    if constexpr (std::is_same_v<V, const char*>)
+        if (expect == 0 && *out)
+            (void)std::strlen(*out);
+}
+
+template <class T, std::size_t N>
+void SetObjectString(void (*set)(T, int, const char*), Kind kind, const int (&names)[N])
+{
+    const std::uintptr_t id = PickHandle(kind);
+    const int name = Pick(names);
+    const char* texts[] = {"a name", "", nullptr};
+    const char* text = Pick(texts);
+    Call(kAny, [&] { set(As<T>(id), name, text); });
+}
+
+// Location -1 ignores the value; elsewhere a handle must be live or null.
+template <class T>
+void UniformHandle(void (*set)(int, T), Kind kind)
+{
+    const int location = Pick(kLocations);
+    const std::uintptr_t id = PickHandle(kind);
+    const bool bad = location < -1 || (location >= 0 && BindExpect(ClassOf(kind, id)) != 0);
+    Call(bad ? KS_INVALID_VALUE : location == -1 ? 0 : kAny, [&] { set(location, As<T>(id)); });
+}
+
+// Vector uniforms get exactly `width` values per element, or null.
+template <class V>
+void UniformVector(void (*set)(int, long long, const V*), int width, Kind kind = kKinds)
+{
+    const int location = Pick(kLocations);
+    const long long count = Pick(kLongCounts);
+    V* values = MaybeArray<V>(count < 0 ? -1 : count * width);
+    if constexpr (std::is_same_v<V, _KStexture*> || std::is_same_v<V, KSprimitive>)
+        for (long long i = 0; values && i < count; ++i)
+            values[i] = As<V>(PickHandle(kind));
+    Call(kAny, [&] { set(location, count, values); });
+}
+
+void UniformMatrix(void (*set)(int, long long, int, const float*), int width)
+{
+    const int location = Pick(kLocations);
+    const long long count = Pick(kLongCounts);
+    const float* values = MaybeArray<float>(count < 0 ? -1 : count * width);
+    const int transpose = Byte() % 3;
+    Call(kAny, [&] { set(location, count, transpose, values); });
+}
+
+// ---------------------------------------------------------------------------
+// Functions with shapes of their own
+
+Model::Buffer* BoundBuffer(int point)
 {
     Model& m = g_state->model;
-    const int targets[] = {KS_FRAMEBUFFER, KS_TEXTURE_2D};
-    const int target = Pick(targets);
-    // Points 0..16: one per attachment bit of the clear mask.
+    return point >= 0 && m.bound[point] ? &m.buffers[m.bound[point]] : nullptr;
+}
+// The target first, then the binding.
+int BufferExpect(int point, Model::Buffer* bound)
+{
+    return point < 0 ? KS_INVALID_ENUM : !bound ? KS_INVALID_OPERATION : 0;
+}
+
+void BufferData()
+{
+    int point = -1;
+    const int target = PickTarget(kBuffer, &point);
+    Model::Buffer* bound = BoundBuffer(point);
+    const unsigned long long sizes[] = {16, 0, 1, 4096, (1ULL << 34) + 1, ~0ULL};
+    const unsigned long long size = Pick(sizes);
+    const int usages[] = {KS_STATIC_DRAW, KS_DYNAMIC_DRAW, KS_STREAM_COPY, KS_RGBA, 0};
+    const int usage = Pick(usages);
+    const void* data =
+        size <= 4096 ? MaybeArray<unsigned char>(static_cast<long long>(size)) : nullptr;
+    int expect = point >= 0 && (usage == KS_RGBA || usage == 0) ? KS_INVALID_ENUM
+                                                                : BufferExpect(point, bound);
+    if (expect == 0 && bound->mapping)
+        expect = KS_INVALID_OPERATION;
+    if (expect == 0 && size > (1ULL << 34))
+        expect = KS_OUT_OF_MEMORY;
+    Call(expect, [&] { ksBufferData(target, size, data, usage); });
+    if (expect == 0)
+        bound->size = size;
+}
+
+void MapBuffer()
+{
+    int point = -1;
+    const int target = PickTarget(kBuffer, &point);
+    Model::Buffer* bound = BoundBuffer(point);
+    const int accesses[] = {KS_READ_WRITE, KS_READ_ONLY, KS_WRITE_ONLY, KS_STATIC_DRAW};
+    const int access = Pick(accesses);
+    int expect =
+        point >= 0 && access == KS_STATIC_DRAW ? KS_INVALID_ENUM : BufferExpect(point, bound);
+    if (expect == 0 && (bound->mapping || bound->size == 0))
+        expect = KS_INVALID_OPERATION;
+    void* mapping = nullptr;
+    Call(expect, [&] { mapping = ksMapBuffer(target, access); });
+    if ((mapping != nullptr) != (expect == 0))
+        Disagree("ksMapBuffer gave %s", mapping ? "a mapping" : "null");
+    if (expect == 0)
+        bound->mapping = static_cast<unsigned char*>(mapping);
+    else if (bound && bound->mapping)
+        ++bound->refusedMaps;
+}
+
+void UnmapBuffer()
+{
+    int point = -1;
+    const int target = PickTarget(kBuffer, &point);
+    Model::Buffer* bound = BoundBuffer(point);
+    Call(BufferExpect(point, bound), [&] { ksUnmapBuffer(target); });
+    if (bound && bound->refusedMaps > 0)
+        --bound->refusedMaps;
+    else if (bound)
+        bound->mapping = nullptr;
+}
+
+// Target-named string parameters: the kind's own name or another kind's;
+// a getter's out pointer may be null.
+template <class V>
+void TargetString(void (*call)(int, int, V), Kind kind, int ownName, int otherName)
+{
+    int point = -1;
+    const int target = PickTarget(kind, &point);
+    const int names[] = {ownName, otherName};
+    const int name = Pick(names);
+    V value{};
+    const char* texts[] = {"a name", "", nullptr};
+    if constexpr (std::is_same_v<V, const char**>)
+        value = MaybeArray<const char*>(1);
+    else
+        value = Pick(texts);
+    Call(kAny, [&] { call(target, name, value); });
+}
+
+void TexImage2D()
+{
+    int point = -1;
+    const int target = PickTarget(kTexture, &point);
+    const int edges[] = {2, 1, 0, 3, 17, -1, 65537};
+    const int width = Pick(edges), height = Pick(edges);
+    const int formats[] = {KS_RGBA, KS_RGB, KS_LUMINANCE, 0, KS_FLOAT};
+    const int types[] = {KS_FLOAT, KS_UNSIGNED_BYTE, KS_SHORT, KS_UNSIGNED_SHORT,
+                         KS_INT,   KS_UNSIGNED_INT,  0};
+    const int format = Pick(formats), type = Pick(types);
+    const int internal = Byte() % 4 ? format : KS_RGB;
+    const int levels[] = {0, 1, -1};
+    const int level = Pick(levels), border = Pick(levels);
+    const int channels = format == KS_RGBA ? 4 : format == KS_RGB ? 3 : 1;
+    const int typeBytes = type == KS_UNSIGNED_BYTE                        ? 1
+                          : type == KS_SHORT || type == KS_UNSIGNED_SHORT ? 2
+                                                                          : 4;
+    const long long bytes = width < 0 || height < 0 || width > 65536 || height > 65536
+                                ? -1
+                                : 1LL * width * height * channels * typeBytes;
+    void* pixels = MaybeArray<unsigned char>(bytes);
+    Call(kAny, [&]
+         { ksTexImage2D(target, level, internal, width, height, border, format, type, pixels); });
+}
+
+void TexParameteri()
+{
+    int point = -1;
+    const int target = PickTarget(kTexture, &point);
+    const int names[] = {KS_TEXTURE_MIN_FILTER, KS_TEXTURE_MAG_FILTER, KS_TEXTURE_WRAP_S,
+                         KS_TEXTURE_WRAP_T, KS_TEXTURE_2D};
+    const int values[] = {KS_NEAREST, KS_LINEAR,        KS_LINEAR_MIPMAP_LINEAR,
+                          KS_REPEAT,  KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT,
+                          0};
+    const int n = Byte() % 5, v = Byte() % 7;
+    // Every parameter takes each of the six filter and wrap values.
+    const int expect = point < 0 || n == 4 || v == 6              ? KS_INVALID_ENUM
+                       : g_state->model.bound[kTexturePoint] == 0 ? KS_INVALID_OPERATION
+                                                                  : 0;
+    Call(expect, [&] { ksTexParameteri(target, names[n], values[v]); });
+}
+
+void GenerateMipmap()
+{
+    int point = -1;
+    const int target = PickTarget(kTexture, &point);
+    const int expect = point < 0                                  ? KS_INVALID_ENUM
+                       : g_state->model.bound[kTexturePoint] == 0 ? KS_INVALID_OPERATION
+                                                                  : kAny;
+    Call(expect, [&] { ksGenerateMipmap(target); });
+}
+
+void PixelStorei()
+{
+    const int names[] = {KS_UNPACK_CLIENT_STORAGE, KS_TEXTURE_2D};
+    const int values[] = {0, 1, 2, -1};
+    const int name = Pick(names), value = Pick(values);
+    const int expect = name != KS_UNPACK_CLIENT_STORAGE ? KS_INVALID_ENUM
+                       : value == 0 || value == 1       ? 0
+                                                        : KS_INVALID_VALUE;
+    Call(expect, [&] { ksPixelStorei(name, value); });
+}
+
+// Attachment points 0..16: one per attachment bit of the clear mask.
+int PickAttachment(int* index)
+{
     const int indices[] = {0, 1, 15, 16, -1, 17};
-    const int index = Pick(indices);
-    const int attachment = KS_COLOR_ATTACHMENT0 + index;
-    switch (op)
-    {
-    case 0:
-    {
-        const std::uintptr_t id = PickHandle(kFramebuffer);
-        const int expect =
-            target == KS_FRAMEBUFFER ? BindExpect(m.Of(kFramebuffer, id)) : KS_INVALID_ENUM;
-        Call("ksBindFramebuffer", expect,
-             [&] { ksBindFramebuffer(target, As<_KSframebuffer>(id)); });
-        if (expect == 0)
-            m.framebuffer = id;
-        break;
-    }
-    case 1:
-    {
-        const int names[] = {KS_FRAMEBUFFER_BINDING, KS_FRAMEBUFFER};
-        const int name = Pick(names);
-        _KSframebuffer** out = MaybeArray<_KSframebuffer*>(1);
-        const int expect = name != KS_FRAMEBUFFER_BINDING ? KS_INVALID_ENUM
-                           : !out                         ? KS_INVALID_VALUE
-                                                          : 0;
-        Call("ksGetFramebuffer", expect, [&] { ksGetFramebuffer(name, out); });
-        break;
-    }
-    case 2:
-    {
-        const std::uintptr_t texture = PickHandle(kTexture);
-        const int textureTargets[] = {KS_TEXTURE_2D, KS_FRAMEBUFFER};
-        const int textureTarget = Pick(textureTargets);
-        const int levels[] = {0, 1};
-        const int level = Pick(levels);
-        // Null detaches; a live texture attaches, image or not.
-        const Class c = m.Of(kTexture, texture);
-        const int expect =
-            target != KS_FRAMEBUFFER || index < 0 || index > 16 || textureTarget != KS_TEXTURE_2D
-                ? KS_INVALID_ENUM
-            : level != 0 || BindExpect(c) != 0 ? KS_INVALID_VALUE
-            : m.framebuffer == 0               ? KS_INVALID_OPERATION
-                                               : 0;
-        Call("ksFramebufferTexture2D", expect,
-             [&] {
-                 ksFramebufferTexture2D(target, attachment, textureTarget, As<_KStexture>(texture),
-                                        level);
-             });
-        break;
-    }
-    case 3:
-    {
-        const int names[] = {KS_ATTACHMENT_FILTER, KS_ATTACHMENT_BLEND_MODE, KS_FILTER_SIZE};
-        const int values[] = {0, 1, KS_BLEND_MODE_0, KS_BLEND_MODE_2, KS_BLEND_MODE_3, 2};
-        const int n = Byte() % 3, v = Byte() % 6;
-        const bool fits = n == 0 ? v < 2 : n == 1 ? (v >= 2 && v <= 4) : false;
-        const bool goodEnums = target == KS_FRAMEBUFFER && index >= 0 && index <= 16 && n < 2;
-        const int expect = !goodEnums           ? KS_INVALID_ENUM
-                           : !fits              ? kAny
-                           : m.framebuffer == 0 ? KS_INVALID_OPERATION
-                                                : 0;
-        Call("ksFramebufferAttachmentParameter1i", expect,
-             [&] { ksFramebufferAttachmentParameter1i(target, attachment, names[n], values[v]); });
-        break;
-    }
-    case 4:
-    {
-        const unsigned masks[] = {KS_COLOR_BUFFER_BIT,
-                                  KS_COLOR_ATTACHMENT0_BIT,
-                                  KS_COLOR_ATTACHMENT0_BIT << 15,
-                                  0x8000u << 16,
-                                  0,
-                                  1,
-                                  KS_COLOR_BUFFER_BIT | (KS_COLOR_ATTACHMENT0_BIT << 1)};
-        const int i = Byte() % 7;
-        const int expect = i == 5               ? KS_INVALID_VALUE
-                           : m.framebuffer == 0 ? KS_INVALID_OPERATION
-                                                : 0;
-        Call("ksClear", expect, [&] { ksClear(masks[i]); });
-        break;
-    }
-    }
+    *index = Pick(indices);
+    return KS_COLOR_ATTACHMENT0 + *index;
+}
+
+void FramebufferTexture2D()
+{
+    int point = -1, index = 0;
+    const int target = PickTarget(kFramebuffer, &point);
+    const int attachment = PickAttachment(&index);
+    const std::uintptr_t texture = PickHandle(kTexture);
+    const int textureTargets[] = {KS_TEXTURE_2D, KS_FRAMEBUFFER};
+    const int textureTarget = Pick(textureTargets);
+    const int levels[] = {0, 1};
+    const int level = Pick(levels);
+    // Null detaches; a live texture attaches, image or not.
+    const int expect =
+        point < 0 || index < 0 || index > 16 || textureTarget != KS_TEXTURE_2D ? KS_INVALID_ENUM
+        : level != 0 || BindExpect(ClassOf(kTexture, texture)) != 0            ? KS_INVALID_VALUE
+        : g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION
+                                                       : 0;
+    Call(expect,
+         [&] {
+             ksFramebufferTexture2D(target, attachment, textureTarget, As<_KStexture*>(texture),
+                                    level);
+         });
+}
+
+void FramebufferAttachmentParameter1i()
+{
+    int point = -1, index = 0;
+    const int target = PickTarget(kFramebuffer, &point);
+    const int attachment = PickAttachment(&index);
+    const int names[] = {KS_ATTACHMENT_FILTER, KS_ATTACHMENT_BLEND_MODE, KS_FILTER_SIZE};
+    const int values[] = {0, 1, KS_BLEND_MODE_0, KS_BLEND_MODE_2, KS_BLEND_MODE_3, 2};
+    const int n = Byte() % 3, v = Byte() % 6;
+    const bool fits = n == 0 ? v < 2 : n == 1 ? (v >= 2 && v <= 4) : false;
+    const bool goodEnums = point >= 0 && index >= 0 && index <= 16 && n < 2;
+    const int expect = !goodEnums                                     ? KS_INVALID_ENUM
+                       : !fits                                        ? kAny
+                       : g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION
+                                                                      : 0;
+    Call(expect,
+         [&] { ksFramebufferAttachmentParameter1i(target, attachment, names[n], values[v]); });
+}
+
+void Clear()
+{
+    const unsigned masks[] = {KS_COLOR_BUFFER_BIT,
+                              KS_COLOR_ATTACHMENT0_BIT,
+                              KS_COLOR_ATTACHMENT0_BIT << 15,
+                              0x8000u << 16,
+                              0,
+                              1,
+                              KS_COLOR_BUFFER_BIT | (KS_COLOR_ATTACHMENT0_BIT << 1)};
+    const int i = Byte() % 7;
+    const int expect = i == 5                                         ? KS_INVALID_VALUE
+                       : g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION
+                                                                      : 0;
+    Call(expect, [&] { ksClear(masks[i]); });
 }
 
 // ksRenderFrame with a stop from a second thread: none, before the frame
@@ -763,7 +819,6 @@ void Framebuffers(int op)
 // scene's build is held at its start (must stop it).
 void RenderFrame()
 {
-    Model& m = g_state->model;
     const int mode = Byte() % 5;
     const int spin = Byte() * 64;
     void* context = g_state->context;
@@ -790,8 +845,8 @@ void RenderFrame()
                 KestrelStopContext(context);
                 g_stopDone = true;
             });
-    const int expect = m.framebuffer == 0 ? KS_INVALID_OPERATION : kAny;
-    std::vector<int> notices = Call("ksRenderFrame", expect,
+    const int expect = g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION : kAny;
+    std::vector<int> notices = Call(expect,
                                     [&]
                                     {
                                         ksRenderFrame();
@@ -828,749 +883,400 @@ void BuildHook(void*)
             std::this_thread::yield();
 }
 
-// ---------------------------------------------------------------------------
-// The stream
-
-void Queries(int op)
+// The five ksGet functions, each with the names it reads.
+template <class V>
+void Query(void (*get)(int, V*), int reader)
 {
-    Model& m = g_state->model;
     const int names[] = {KS_HARDWARE_ACCELERATED, KS_MAX_RAY_DEPTH,     KS_FILTER_TABLE_SIZE,
                          KS_FRAME_STATISTIC_4,    KS_FRAME_STATISTIC_8, KS_FRAME_STATISTIC_1,
                          KS_RAY_DEPTH_LIMIT,      KS_VERSION,           0};
-    // Which of the five ksGet functions reads each name (-1: none).
-    const int reader[] = {0, 1, 1, 2, 3, 4, 1, -1, -1};
+    // Which of the five reads each name (-1: none).
+    const int readers[] = {0, 1, 1, 2, 3, 4, 1, -1, -1};
     const int n = Byte() % 9;
-    const int name = names[n];
     const bool null = Byte() % 5 == 0;
-    const int expect = reader[n] != op ? KS_INVALID_ENUM : null ? KS_INVALID_VALUE : 0;
-    union
-    {
-        int i;
-        long long l;
-        float f;
-        double d;
-    } out{};
-    switch (op)
-    {
-    case 0:
-        Call("ksGetBooleanv", expect, [&] { ksGetBooleanv(name, null ? nullptr : &out.i); });
-        break;
-    case 1:
-        Call("ksGetIntegerv", expect, [&] { ksGetIntegerv(name, null ? nullptr : &out.i); });
-        break;
-    case 2:
-        Call("ksGetLongv", expect, [&] { ksGetLongv(name, null ? nullptr : &out.l); });
-        break;
-    case 3:
-        Call("ksGetFloatv", expect, [&] { ksGetFloatv(name, null ? nullptr : &out.f); });
-        break;
-    case 4:
-        Call("ksGetDoublev", expect, [&] { ksGetDoublev(name, null ? nullptr : &out.d); });
-        break;
-    }
-    if (op == 1 && expect == 0 && name == KS_FILTER_TABLE_SIZE && out.i != m.filterTableSize)
-        Disagree("KS_FILTER_TABLE_SIZE reads %d, set %d", out.i, m.filterTableSize);
+    V out{};
+    const int expect = readers[n] != reader ? KS_INVALID_ENUM : null ? KS_INVALID_VALUE : 0;
+    Call(expect, [&] { get(names[n], null ? nullptr : &out); });
+    const int tableSize = g_state->model.filterTableSize;
+    if (reader == 1 && expect == 0 && names[n] == KS_FILTER_TABLE_SIZE && out != tableSize)
+        Disagree("KS_FILTER_TABLE_SIZE reads %d, set %d", static_cast<int>(out), tableSize);
 }
 
-void FrameParameters(int op)
+void FrameParameter1i()
 {
     Model& m = g_state->model;
-    switch (op)
+    const int names[] = {KS_FILTER_TABLE_SIZE, KS_RAY_DEPTH_LIMIT, KS_FILTER_SIZE};
+    const int values[] = {1, 2, 8, 0, 9, -1, 3, INT32_MAX};
+    const int name = Pick(names), value = Pick(values);
+    const int max = name == KS_FILTER_TABLE_SIZE ? 8 : 4;
+    const int min = name == KS_FILTER_TABLE_SIZE ? 1 : 0;
+    const int expect = name == KS_FILTER_SIZE       ? KS_INVALID_ENUM
+                       : value < min || value > max ? KS_INVALID_VALUE
+                                                    : 0;
+    Call(expect, [&] { ksFrameParameter1i(name, value); });
+    if (name == KS_FILTER_TABLE_SIZE)
     {
-    case 0:
-    {
-        const int names[] = {KS_FILTER_TABLE_SIZE, KS_RAY_DEPTH_LIMIT, KS_FILTER_SIZE};
-        const int values[] = {1, 2, 8, 0, 9, -1, 3, INT32_MAX};
-        const int name = Pick(names), value = Pick(values);
-        const int max = name == KS_FILTER_TABLE_SIZE ? 8 : 4;
-        const int min = name == KS_FILTER_TABLE_SIZE ? 1 : 0;
-        const int expect = name == KS_FILTER_SIZE       ? KS_INVALID_ENUM
-                           : value < min || value > max ? KS_INVALID_VALUE
-                                                        : 0;
-        Call("ksFrameParameter1i", expect, [&] { ksFrameParameter1i(name, value); });
-        if (name == KS_FILTER_TABLE_SIZE)
-        {
-            m.requestedTableSize = value;
-            m.tableSizeRefused = expect != 0;
-            m.filterTableSize = expect == 0 ? value : m.filterTableSize;
-        }
-        break;
-    }
-    case 1:
-    {
-        const int names[] = {KS_FILTER_SIZE, KS_FILTER_TABLE_SIZE};
-        const float values[] = {1.5f, 0.0f, -1.0f, 1e30f};
-        const int name = Pick(names);
-        const float value = Pick(values);
-        const int expect = name != KS_FILTER_SIZE ? KS_INVALID_ENUM
-                           : value > 0.0f         ? 0
-                                                  : KS_INVALID_VALUE;
-        Call("ksFrameParameter1f", expect, [&] { ksFrameParameter1f(name, value); });
-        break;
-    }
-    case 2:
-    {
-        const int names[] = {KS_FILTER_TABLE, KS_FILTER_SIZE};
-        const int name = Pick(names);
-        // Exactly as many floats as the host made for the size it asked for
-        // last: a read past them is a finding of AddressSanitizer. After a
-        // refused size the table is refused too.
-        const long long side =
-            m.requestedTableSize > 0 && m.requestedTableSize <= 64 ? m.requestedTableSize : 0;
-        float* table = MaybeArray<float>(side * side);
-        const int expect = name != KS_FILTER_TABLE ? KS_INVALID_ENUM
-                           : !table                ? KS_INVALID_VALUE
-                           : m.tableSizeRefused    ? KS_INVALID_OPERATION
-                                                   : 0;
-        Call("ksFrameParameterfv", expect, [&] { ksFrameParameterfv(name, table); });
-        break;
-    }
-    case 3:
-    {
-        const int names[] = {KS_FILTER_TABLE_SIZE, KS_RAY_DEPTH_LIMIT, KS_FILTER_SIZE};
-        const int name = Pick(names);
-        int* out = MaybeArray<int>(1);
-        const int expect = name == KS_FILTER_SIZE ? KS_INVALID_ENUM : !out ? KS_INVALID_VALUE : 0;
-        Call("ksGetFrameParameteriv", expect, [&] { ksGetFrameParameteriv(name, out); });
-        if (expect == 0 && name == KS_FILTER_TABLE_SIZE && *out != m.filterTableSize)
-            Disagree("ksGetFrameParameteriv(KS_FILTER_TABLE_SIZE) reads %d, set %d", *out,
-                     m.filterTableSize);
-        break;
-    }
-    case 4:
-    {
-        const int edges[] = {0, 1, 2, -1, INT32_MAX};
-        const int x = Pick(edges), y = Pick(edges), w = Pick(edges), h = Pick(edges);
-        Call("ksViewport", w < 0 || h < 0 ? KS_INVALID_VALUE : 0, [&] { ksViewport(x, y, w, h); });
-        break;
-    }
-    case 5:
-    {
-        const float values[] = {0.5f, 0.0f, 1.0f, -2.0f};
-        const float r = Pick(values), a = Pick(values);
-        Call("ksClearColor", 0, [&] { ksClearColor(r, 0.25f, a, a); });
-        break;
-    }
+        m.requestedTableSize = value;
+        m.tableSizeRefused = expect != 0;
+        m.filterTableSize = expect == 0 ? value : m.filterTableSize;
     }
 }
 
-void Shaders(int op)
+void FrameParameter1f()
 {
-    Model& m = g_state->model;
+    const int names[] = {KS_FILTER_SIZE, KS_FILTER_TABLE_SIZE};
+    const float values[] = {1.5f, 0.0f, -1.0f, 1e30f};
+    const int name = Pick(names);
+    const float value = Pick(values);
+    const int expect = name != KS_FILTER_SIZE ? KS_INVALID_ENUM
+                       : value > 0.0f         ? 0
+                                              : KS_INVALID_VALUE;
+    Call(expect, [&] { ksFrameParameter1f(name, value); });
+}
+
+void FrameParameterfv()
+{
+    const Model& m = g_state->model;
+    const int names[] = {KS_FILTER_TABLE, KS_FILTER_SIZE};
+    const int name = Pick(names);
+    // Exactly as many floats as the host made for the size it asked for
+    // last: a read past them is a finding of AddressSanitizer. After a
+    // refused size the table is refused too.
+    const long long side =
+        m.requestedTableSize > 0 && m.requestedTableSize <= 64 ? m.requestedTableSize : 0;
+    float* table = MaybeArray<float>(side * side);
+    const int expect = name != KS_FILTER_TABLE ? KS_INVALID_ENUM
+                       : !table                ? KS_INVALID_VALUE
+                       : m.tableSizeRefused    ? KS_INVALID_OPERATION
+                                               : 0;
+    Call(expect, [&] { ksFrameParameterfv(name, table); });
+}
+
+void GetFrameParameteriv()
+{
+    const int names[] = {KS_FILTER_TABLE_SIZE, KS_RAY_DEPTH_LIMIT, KS_FILTER_SIZE};
+    const int name = Pick(names);
+    int* out = MaybeArray<int>(1);
+    const int expect = name == KS_FILTER_SIZE ? KS_INVALID_ENUM : !out ? KS_INVALID_VALUE : 0;
+    Call(expect, [&] { ksGetFrameParameteriv(name, out); });
+    const int tableSize = g_state->model.filterTableSize;
+    if (expect == 0 && name == KS_FILTER_TABLE_SIZE && *out != tableSize)
+        Disagree("ksGetFrameParameteriv(KS_FILTER_TABLE_SIZE) reads %d, set %d", *out, tableSize);
+}
+
+void CreateShader()
+{
+    const int kinds[] = {
+        KS_VERTEX_SHADER,    KS_SHADER_KIND_2, KS_SHADER_KIND_3, KS_LINK_ONCE_SHADER, 0,
+        KS_VERTEX_SHADER + 1};
+    const int kind = Pick(kinds);
+    const int expect = kind == 0 || kind == KS_VERTEX_SHADER + 1 ? KS_INVALID_ENUM : 0;
+    _KSshader* made = nullptr;
+    Call(expect, [&] { made = ksCreateShader(kind); });
+    if ((made != nullptr) != (expect == 0) || (made && g_state->model.objects.count(IdOf(made))))
+        Disagree("ksCreateShader gave a wrong handle");
+    if (made)
+        g_state->model.Add(kShader, IdOf(made));
+}
+
+void CreateProgram()
+{
+    _KSprogram* made = nullptr;
+    Call(0, [&] { made = ksCreateProgram(); });
+    if (!made || g_state->model.objects.count(IdOf(made)))
+        Disagree("ksCreateProgram gave a wrong handle");
+    g_state->model.Add(kProgram, IdOf(made));
+}
+
+void ShaderSource()
+{
     const std::uintptr_t shader = PickHandle(kShader);
-    const Class sc = m.Of(kShader, shader);
-    _KSshader* const sh = As<_KSshader>(shader);
-    switch (op)
+    const long long count = Pick(kLongCounts);
+    const char** strings = MaybeArray<const char*>(count);
+    constexpr std::size_t kSourceCount = sizeof(kSources) / sizeof(kSources[0]);
+    bool nullString = false;
+    for (long long i = 0; strings && i < count; ++i)
     {
-    case 0:
-    {
-        const int kinds[] = {
-            KS_VERTEX_SHADER,    KS_SHADER_KIND_2, KS_SHADER_KIND_3, KS_LINK_ONCE_SHADER, 0,
-            KS_VERTEX_SHADER + 1};
-        const int kind = Pick(kinds);
-        const int expect = kind == 0 || kind == KS_VERTEX_SHADER + 1 ? KS_INVALID_ENUM : 0;
-        _KSshader* made = nullptr;
-        Call("ksCreateShader", expect, [&] { made = ksCreateShader(kind); });
-        if ((made != nullptr) != (expect == 0) || (made && m.objects.count(IdOf(made))))
-            Disagree("ksCreateShader gave a wrong handle");
-        if (made)
-            m.Add(kShader, IdOf(made));
-        break;
+        const std::size_t s = Byte() % (kSourceCount + 1);
+        strings[i] = s < kSourceCount ? kSources[s] : nullptr;
+        nullString |= strings[i] == nullptr;
     }
-    case 1:
-        Call("ksDeleteShader", sc == kBad ? KS_INVALID_VALUE : 0, [&] { ksDeleteShader(sh); });
-        if (sc == kLive)
-            m.Delete(kShader, shader);
-        break;
-    case 2:
-    {
-        const long long count = Pick(kLongCounts);
-        const char** strings = MaybeArray<const char*>(count);
-        bool nullString = false;
-        for (long long i = 0; strings && i < count; ++i)
-        {
-            const std::size_t s = Byte() % (sizeof(kSources) / sizeof(kSources[0]) + 1);
-            strings[i] = s < sizeof(kSources) / sizeof(kSources[0]) ? kSources[s] : nullptr;
-            nullString |= strings[i] == nullptr;
-        }
-        int* lengths = Byte() % 2 ? MaybeArray<int>(count) : nullptr;
-        for (long long i = 0; lengths && strings && i < count; ++i)
-            lengths[i] =
-                strings[i] ? static_cast<int>(std::strlen(strings[i])) - (Byte() % 3 == 0) : -1;
-        const bool bad = sc != kLive || count < 0 || (count > 0 && !strings) || nullString;
-        Call("ksShaderSource", bad ? KS_INVALID_VALUE : 0,
-             [&] { ksShaderSource(sh, count, strings, lengths); });
-        break;
-    }
-    case 3:
-        Call("ksCompileShader", UseExpect(sc), [&] { ksCompileShader(sh); });
-        break;
-    case 4:
-    case 5:
-    case 6:
-    {
-        const int names[] = {KS_COMPILE_STATUS, KS_SHADER_LOG, KS_SHADER_SOURCE, KS_SHADER_NAME,
-                             KS_LINK_STATUS};
-        const int n = Byte() % 5;
-        if (op == 4)
-        {
-            int* out = MaybeArray<int>(1);
-            const int expect = n != 0                ? KS_INVALID_ENUM
-                               : sc != kLive || !out ? KS_INVALID_VALUE
-                                                     : 0;
-            Call("ksGetShaderiv", expect, [&] { ksGetShaderiv(sh, names[n], out); });
-        }
-        else if (op == 5)
-        {
-            const char** out = MaybeArray<const char*>(1);
-            const int expect = n == 0 || n == 4      ? KS_INVALID_ENUM
-                               : sc != kLive || !out ? KS_INVALID_VALUE
-                                                     : 0;
-            Call("ksGetShaderString", expect, [&] { ksGetShaderString(sh, names[n], out); });
-            if (expect == 0 && *out)
-                (void)std::strlen(*out);
-        }
-        else
-        {
-            const char* texts[] = {"a shader", "", nullptr};
-            const char* text = Pick(texts);
-            Call("ksShaderString", kAny, [&] { ksShaderString(sh, names[n], text); });
-        }
-        break;
-    }
-    }
+    int* lengths = Byte() % 2 ? MaybeArray<int>(count) : nullptr;
+    for (long long i = 0; lengths && strings && i < count; ++i)
+        lengths[i] =
+            strings[i] ? static_cast<int>(std::strlen(strings[i])) - (Byte() % 3 == 0) : -1;
+    const bool bad =
+        ClassOf(kShader, shader) != kLive || count < 0 || (count > 0 && !strings) || nullString;
+    Call(bad ? KS_INVALID_VALUE : 0,
+         [&] { ksShaderSource(As<_KSshader*>(shader), count, strings, lengths); });
 }
 
-void Programs(int op)
+// Attaching needs both live; detaching null or a deleted shader is ignored.
+template <bool attach>
+void AttachOrDetach()
+{
+    const std::uintptr_t program = PickHandle(kProgram), shader = PickHandle(kShader);
+    const Class sc = ClassOf(kShader, shader);
+    const int expect = ClassOf(kProgram, program) != kLive     ? KS_INVALID_VALUE
+                       : sc == kBad || (attach && sc != kLive) ? KS_INVALID_VALUE
+                       : sc == kLive                           ? kAny
+                                                               : 0;
+    Call(expect,
+         [&] {
+             (attach ? ksAttachShader : ksDetachShader)(As<_KSprogram*>(program),
+                                                        As<_KSshader*>(shader));
+         });
+}
+
+// A bad call gives -1 whatever the name.
+void Locate(int (*locate)(_KSprogram*, const char*))
+{
+    const std::uintptr_t program = PickHandle(kProgram);
+    const char* names[] = {"center", "mesh", "albedo", "", nullptr};
+    const char* name = Pick(names);
+    const int expect = ClassOf(kProgram, program) != kLive || !name ? KS_INVALID_VALUE : 0;
+    int result = 0;
+    Call(expect, [&] { result = locate(As<_KSprogram*>(program), name); });
+    if (expect != 0 && result != -1)
+        Disagree("%s gave %d for a bad call", g_state->function.c_str(), result);
+}
+
+void UseProgram()
 {
     Model& m = g_state->model;
     const std::uintptr_t program = PickHandle(kProgram);
-    const Class pc = m.Of(kProgram, program);
-    _KSprogram* const pr = As<_KSprogram>(program);
-    switch (op)
-    {
-    case 0:
-    {
-        _KSprogram* made = nullptr;
-        Call("ksCreateProgram", 0, [&] { made = ksCreateProgram(); });
-        if (!made || m.objects.count(IdOf(made)))
-            Disagree("ksCreateProgram gave a wrong handle");
-        m.Add(kProgram, IdOf(made));
-        break;
-    }
-    case 1:
-        Call("ksDeleteProgram", pc == kBad ? KS_INVALID_VALUE : 0, [&] { ksDeleteProgram(pr); });
-        if (pc == kLive)
-            m.Delete(kProgram, program);
-        break;
-    case 2:
-    case 3:
-    {
-        const std::uintptr_t shader = PickHandle(kShader);
-        const Class sc = m.Of(kShader, shader);
-        if (op == 2)
-            Call("ksAttachShader", pc != kLive || sc != kLive ? KS_INVALID_VALUE : kAny,
-                 [&] { ksAttachShader(pr, As<_KSshader>(shader)); });
-        else
-        {
-            // Detaching null or a deleted shader is ignored.
-            const int expect = pc != kLive || sc == kBad ? KS_INVALID_VALUE
-                               : sc == kLive             ? kAny
-                                                         : 0;
-            Call("ksDetachShader", expect, [&] { ksDetachShader(pr, As<_KSshader>(shader)); });
-        }
-        break;
-    }
-    case 4:
-        Call("ksLinkProgram", UseExpect(pc), [&] { ksLinkProgram(pr); });
-        break;
-    case 5:
-    case 6:
-    case 7:
-    {
-        const int names[] = {KS_LINK_STATUS, KS_PROGRAM_LOG, KS_PROGRAM_NAME, KS_SHADER_LOG};
-        const int n = Byte() % 4;
-        if (op == 5)
-        {
-            int* out = MaybeArray<int>(1);
-            const int expect = n != 0                ? KS_INVALID_ENUM
-                               : pc != kLive || !out ? KS_INVALID_VALUE
-                                                     : 0;
-            Call("ksGetProgramiv", expect, [&] { ksGetProgramiv(pr, names[n], out); });
-        }
-        else if (op == 6)
-        {
-            const char** out = MaybeArray<const char*>(1);
-            const int expect = n == 0 || n == 3      ? KS_INVALID_ENUM
-                               : pc != kLive || !out ? KS_INVALID_VALUE
-                                                     : 0;
-            Call("ksGetProgramString", expect, [&] { ksGetProgramString(pr, names[n], out); });
-            if (expect == 0 && *out)
-                (void)std::strlen(*out);
-        }
-        else
-        {
-            const char* texts[] = {"a program", nullptr};
-            const char* text = Pick(texts);
-            Call("ksProgramString", kAny, [&] { ksProgramString(pr, names[n], text); });
-        }
-        break;
-    }
-    case 8:
-    case 9:
-    case 10:
-    {
-        const char* names[] = {"center", "mesh", "albedo", "", nullptr};
-        const char* name = Pick(names);
-        const int expect = pc != kLive || !name ? KS_INVALID_VALUE : 0;
-        int result = 0;
-        const char* function = op == 8   ? "ksGetUniformLocation"
-                               : op == 9 ? "ksGetUniformBlockIndex"
-                                         : "ksGetAttribLocation";
-        Call(function, expect,
-             [&]
-             {
-                 result = op == 8   ? ksGetUniformLocation(pr, name)
-                          : op == 9 ? ksGetUniformBlockIndex(pr, name)
-                                    : ksGetAttribLocation(pr, name);
-             });
-        if (expect != 0 && result != -1)
-            Disagree("%s gave %d for a bad call", function, result);
-        break;
-    }
-    case 11:
-        Call("ksUseProgram", BindExpect(pc), [&] { ksUseProgram(pr); });
-        if (BindExpect(pc) == 0)
-            m.records[m.primitive].program = program;
-        break;
-    }
+    const int expect = BindExpect(m.Of(kProgram, program));
+    Call(expect, [&] { ksUseProgram(As<_KSprogram*>(program)); });
+    if (expect == 0)
+        m.records[m.bound[kPrimitivePoint]].program = program;
 }
 
-void Primitives(int op)
+void UniformBlockBuffer()
 {
     Model& m = g_state->model;
-    switch (op)
-    {
-    case 0:
-    {
-        const int count = Pick(kCounts);
-        KSprimitive* out = MaybeArray<KSprimitive>(count);
-        const int expect = count < 0 || (count > 0 && !out) ? KS_INVALID_VALUE : 0;
-        Call("ksGenPrimitives", expect, [&] { ksGenPrimitives(count, out); });
-        for (int i = 0; expect == 0 && i < count; ++i)
-        {
-            const unsigned number = out[i];
-            if (number == 0 || m.primitives.count(number))
-                Disagree("ksGenPrimitives gave 0 or a used number");
-            m.primitives[number] = true;
-            m.primitiveOrder.push_back(number);
-            m.records[number] = {};
-        }
-        break;
-    }
-    case 1:
-    {
-        const int count = Pick(kCounts);
-        KSprimitive* in = MaybeArray<KSprimitive>(count);
-        for (int i = 0; in && i < count; ++i)
-            in[i] = static_cast<KSprimitive>(PickPrimitive());
-        int expect = count < 0 || (count > 0 && !in) ? KS_INVALID_VALUE : 0;
-        for (int i = 0; expect == 0 && i < count; ++i)
-            if (m.OfPrimitive(in[i]) == kBad)
-                expect = KS_INVALID_VALUE;
-        std::string numbers;
-        for (int i = 0; in && i < count; ++i)
-            numbers += (i ? ", " : " // ") + std::to_string(in[i]);
-        Call("ksDeletePrimitives", expect, [&] { ksDeletePrimitives(count, in); });
-        g_state->history.back() += numbers;
-        for (int i = 0; in && i < count; ++i)
-            if (m.OfPrimitive(in[i]) == kLive)
-            {
-                m.primitives[in[i]] = false;
-                m.records.erase(in[i]);
-                if (m.primitive == in[i])
-                    m.primitive = 0;
-            }
-        break;
-    }
-    case 2:
-    {
-        const int targets[] = {KS_PRIMITIVE, KS_PRIMITIVE_BINDING};
-        const int target = Pick(targets);
-        const unsigned number = PickPrimitive();
-        const int expect =
-            target != KS_PRIMITIVE ? KS_INVALID_ENUM : BindExpect(m.OfPrimitive(number));
-        Call("ksBindPrimitive", expect,
-             [&] { ksBindPrimitive(target, static_cast<KSprimitive>(number)); });
-        if (expect == 0)
-            m.primitive = number;
-        break;
-    }
-    case 3:
-    {
-        const int names[] = {KS_PRIMITIVE_BINDING, KS_PRIMITIVE};
-        const int name = Pick(names);
-        KSprimitive* out = MaybeArray<KSprimitive>(1);
-        const int expect = name != KS_PRIMITIVE_BINDING ? KS_INVALID_ENUM
-                           : !out                       ? KS_INVALID_VALUE
-                                                        : 0;
-        Call("ksGetPrimitive", expect, [&] { ksGetPrimitive(name, out); });
-        break;
-    }
-    case 4:
-    {
-        const int targets[] = {KS_PRIMITIVE, KS_TEXTURE_2D};
-        const int names[] = {KS_PRIMITIVE_NAME, KS_BUFFER_NAME};
-        const char* texts[] = {"ball", nullptr};
-        const int target = Pick(targets), name = Pick(names);
-        const char* text = Pick(texts);
-        Call("ksPrimitiveParameterString", kAny,
-             [&] { ksPrimitiveParameterString(target, name, text); });
-        break;
-    }
-    case 5:
-    {
-        const int indices[] = {0, 1, -1};
-        const int index = Pick(indices);
-        const std::uintptr_t buffer = PickHandle(kBuffer);
-        const int expect = index < 0 ? KS_INVALID_VALUE : BindExpect(m.Of(kBuffer, buffer));
-        Call("ksUniformBlockBuffer", expect,
-             [&] { ksUniformBlockBuffer(index, As<_KSbuffer>(buffer)); });
-        if (expect == 0 && buffer)
-            m.records[m.primitive].blocks[index] = buffer;
-        else if (expect == 0)
-            m.records[m.primitive].blocks.erase(index);
-        break;
-    }
-    }
+    const int indices[] = {0, 1, -1};
+    const int index = Pick(indices);
+    const std::uintptr_t buffer = PickHandle(kBuffer);
+    const int expect = index < 0 ? KS_INVALID_VALUE : BindExpect(m.Of(kBuffer, buffer));
+    Call(expect, [&] { ksUniformBlockBuffer(index, As<_KSbuffer*>(buffer)); });
+    auto& blocks = m.records[m.bound[kPrimitivePoint]].blocks;
+    if (expect == 0 && buffer)
+        blocks[index] = buffer;
+    else if (expect == 0)
+        blocks.erase(index);
 }
 
-void Uniforms(int op)
+void CreateAndDestroyContext()
 {
-    const int locations[] = {0, 1, -1, 2, -2, 3};
-    const int location = Pick(locations);
-    const long long count = Pick(kLongCounts);
-    // Components per element of each vector call.
-    const int widths[] = {1, 2, 3, 4, 1, 2, 3, 4, 9, 16};
-    switch (op)
-    {
-    case 0:
-    {
-        const float values[] = {1.0f, -1.0f, 0.0f};
-        const float value = Pick(values);
-        Call("ksUniform1f", kAny, [&] { ksUniform1f(location, value); });
-        break;
-    }
-    case 1:
-        Call("ksUniform1i", kAny, [&] { ksUniform1i(location, 2); });
-        break;
-    case 2:
-    {
-        const std::uintptr_t texture = PickHandle(kTexture);
-        // A texture must be live or null when set; location -1 ignores it.
-        const bool bad = location < -1 ||
-                         (location >= 0 && BindExpect(g_state->model.Of(kTexture, texture)) != 0);
-        Call("ksUniformt",
-             bad              ? KS_INVALID_VALUE
-             : location == -1 ? 0
-                              : kAny,
-             [&] { ksUniformt(location, As<_KStexture>(texture)); });
-        break;
-    }
-    case 3:
-    {
-        const unsigned number = PickPrimitive();
-        const bool bad =
-            location < -1 || (location >= 0 && BindExpect(g_state->model.OfPrimitive(number)) != 0);
-        Call("ksUniformp",
-             bad              ? KS_INVALID_VALUE
-             : location == -1 ? 0
-                              : kAny,
-             [&] { ksUniformp(location, static_cast<KSprimitive>(number)); });
-        break;
-    }
-    case 4:
-    {
-        _KStexture** values = MaybeArray<_KStexture*>(count);
-        for (long long i = 0; values && i < count; ++i)
-            values[i] = As<_KStexture>(PickHandle(kTexture));
-        Call("ksUniformtv", kAny, [&] { ksUniformtv(location, count, values); });
-        break;
-    }
-    case 5:
-    {
-        KSprimitive* values = MaybeArray<KSprimitive>(count);
-        for (long long i = 0; values && i < count; ++i)
-            values[i] = static_cast<KSprimitive>(PickPrimitive());
-        Call("ksUniformpv", kAny, [&] { ksUniformpv(location, count, values); });
-        break;
-    }
-    default:
-    {
-        const int w = Byte() % 10;
-        const long long elements = count < 0 ? -1 : count * widths[w];
-        const int transpose = Byte() % 3;
-        if (w >= 4 && w < 8)
-        {
-            const int* values = MaybeArray<int>(elements);
-            void (*const calls[])(int, long long, const int*) = {ksUniform1iv, ksUniform2iv,
-                                                                 ksUniform3iv, ksUniform4iv};
-            const char* names[] = {"ksUniform1iv", "ksUniform2iv", "ksUniform3iv", "ksUniform4iv"};
-            Call(names[w - 4], kAny, [&] { calls[w - 4](location, count, values); });
-        }
-        else
-        {
-            const float* values = MaybeArray<float>(elements);
-            if (w < 4)
-            {
-                void (*const calls[])(int, long long, const float*) = {ksUniform1fv, ksUniform2fv,
-                                                                       ksUniform3fv, ksUniform4fv};
-                const char* names[] = {"ksUniform1fv", "ksUniform2fv", "ksUniform3fv",
-                                       "ksUniform4fv"};
-                Call(names[w], kAny, [&] { calls[w](location, count, values); });
-            }
-            else if (w == 8)
-                Call("ksUniformMatrix3fv", kAny,
-                     [&] { ksUniformMatrix3fv(location, count, transpose, values); });
-            else
-                Call("ksUniformMatrix4fv", kAny,
-                     [&] { ksUniformMatrix4fv(location, count, transpose, values); });
-        }
-        break;
-    }
-    }
+    // Attribute lists: good, an unknown key, a value out of range.
+    static const long long lists[3][5] = {{KS_CONTEXT_RENDER_THREADS, 1, 0, 0, 0},
+                                          {0x1234, 1, 0, 0, 0},
+                                          {KS_CONTEXT_MAX_RAY_DEPTH, 0, 0, 0, 0}};
+    const int l = Byte() % 3;
+    const int before = CountContexts();
+    void* made = nullptr;
+    Call(0, [&] { made = KestrelCreateContext(lists[l], Notify, nullptr); });
+    if ((made != nullptr) != (l == 0) || CountContexts() != before + (l == 0))
+        Disagree("KestrelCreateContext made %s", made ? "a context" : "none");
+    g_state->function = "KestrelDestroyContext";
+    Call(0, [&] { KestrelDestroyContext(made); });
+    if (CountContexts() != before)
+        Disagree("a destroyed context still counts");
 }
 
-void Contexts(int op)
+// Contexts that are not this input's, and the one that is.
+void* PickContext(bool withOwn)
 {
-    Model& m = g_state->model;
-    void* const bad = As<void>(kNeverIssued);
-    switch (op)
-    {
-    case 0:
-    {
-        // Attribute lists: good, an unknown key, a value out of range.
-        static const long long lists[3][5] = {{KS_CONTEXT_RENDER_THREADS, 1, 0, 0, 0},
-                                              {0x1234, 1, 0, 0, 0},
-                                              {KS_CONTEXT_MAX_RAY_DEPTH, 0, 0, 0, 0}};
-        const int l = Byte() % 3;
-        const int before = CountContexts();
-        void* made = nullptr;
-        Call("KestrelCreateContext", 0,
-             [&] { made = KestrelCreateContext(lists[l], Notify, nullptr); });
-        if ((made != nullptr) != (l == 0) || CountContexts() != before + (l == 0))
-            Disagree("KestrelCreateContext made %s", made ? "a context" : "none");
-        Call("KestrelDestroyContext", 0, [&] { KestrelDestroyContext(made); });
-        if (CountContexts() != before)
-            Disagree("a destroyed context still counts");
-        break;
-    }
-    case 1:
-    {
-        void* const handles[] = {nullptr, bad};
-        void* const handle = Pick(handles);
-        Call("KestrelDestroyContext", 0, [&] { KestrelDestroyContext(handle); });
-        break;
-    }
-    case 2:
-    {
-        void* const handles[] = {g_state->context, nullptr, bad};
-        const int h = Byte() % 3;
-        int result = 0;
-        Call("KestrelSetCurrentContext", 0, [&] { result = KestrelSetCurrentContext(handles[h]); });
-        if (result != (h == 0))
-            Disagree("KestrelSetCurrentContext gave %d", result);
-        break;
-    }
-    case 3:
-    {
-        void* const handles[] = {g_state->context, nullptr, bad};
-        void* const handle = Pick(handles);
-        Call("KestrelStopContext", 0, [&] { KestrelStopContext(handle); });
-        break;
-    }
-    case 4:
-    {
-        int count = -1;
-        Call("KestrelGetHardwareAcceleratorCount", 0,
-             [&] { count = KestrelGetHardwareAcceleratorCount(); });
-        if (count != 0)
-            Disagree("%d hardware accelerators", count);
-        break;
-    }
-    case 5:
-    {
-        int error = -1;
-        Call("ksGetError", 0, [&] { error = ksGetError(); });
-        if (error != m.pending)
-            Disagree("ksGetError gave 0x%x, the first error since the last read was 0x%x", error,
-                     m.pending);
-        m.pending = 0;
-        break;
-    }
-    case 6:
-    {
-        const int names[] = {KS_VERSION, KS_PROFILE, KS_RENDER_STOPPED};
-        const int n = Byte() % 3;
-        const char* text = nullptr;
-        Call("ksGetString", n == 2 ? KS_INVALID_ENUM : 0, [&] { text = ksGetString(names[n]); });
-        if ((text != nullptr) != (n != 2))
-            Disagree("ksGetString gave %s", text ? text : "null");
-        break;
-    }
-    }
+    void* const handles[] = {nullptr, As<void*>(kNeverIssued), g_state->context};
+    return handles[Byte() % (withOwn ? 3 : 2)];
 }
 
-void GensAndDeletes(int k)
+template <void (*call)(void*), bool withOwn>
+void OnContext()
 {
-    switch (k)
-    {
-    case 0:
-        Gen("ksGenBuffers", kBuffer, ksGenBuffers);
-        break;
-    case 1:
-        Delete("ksDeleteBuffers", kBuffer, ksDeleteBuffers);
-        break;
-    case 2:
-        Gen("ksGenTextures", kTexture, ksGenTextures);
-        break;
-    case 3:
-        Delete("ksDeleteTextures", kTexture, ksDeleteTextures);
-        break;
-    case 4:
-        Gen("ksGenFramebuffers", kFramebuffer, ksGenFramebuffers);
-        break;
-    case 5:
-        Delete("ksDeleteFramebuffers", kFramebuffer, ksDeleteFramebuffers);
-        break;
-    }
+    void* const context = PickContext(withOwn);
+    Call(0, [&] { call(context); });
 }
 
-void Render(int)
+void SetCurrentContext()
 {
-    RenderFrame();
+    void* const context = PickContext(true);
+    int result = 0;
+    Call(0, [&] { result = KestrelSetCurrentContext(context); });
+    if (result != (context == g_state->context))
+        Disagree("KestrelSetCurrentContext gave %d", result);
 }
 
-// The opcodes: each entry runs one function (the ten vector uniform entries
-// pick their function from the next byte).
+void GetError()
+{
+    int error = -1;
+    Call(0, [&] { error = ksGetError(); });
+    if (error != g_state->model.pending)
+        Disagree("ksGetError gave 0x%x, the first error since the last read was 0x%x", error,
+                 g_state->model.pending);
+    g_state->model.pending = 0;
+}
+
+void GetString()
+{
+    const int names[] = {KS_VERSION, KS_PROFILE, KS_RENDER_STOPPED};
+    const int n = Byte() % 3;
+    const char* text = nullptr;
+    Call(n == 2 ? KS_INVALID_ENUM : 0, [&] { text = ksGetString(names[n]); });
+    if ((text != nullptr) != (n != 2))
+        Disagree("ksGetString gave %s", text ? text : "null");
+}
+
+template <class V>
+void UniformScalar(void (*set)(int, V))
+{
+    const int location = Pick(kLocations);
+    const V values[] = {1, -1, 2};
+    const V value = Pick(values);
+    Call(kAny, [&] { set(location, value); });
+}
+
+// ---------------------------------------------------------------------------
+// The stream: one operation per opcode, named by the function it calls.
+
 struct Operation
 {
     const char* name;
-    void (*run)(int);
-    int sub;
+    void (*run)();
 };
 const Operation kOperations[] = {
-    {"ksGenBuffers", GensAndDeletes, 0},
-    {"ksDeleteBuffers", GensAndDeletes, 1},
-    {"ksGenTextures", GensAndDeletes, 2},
-    {"ksDeleteTextures", GensAndDeletes, 3},
-    {"ksGenFramebuffers", GensAndDeletes, 4},
-    {"ksDeleteFramebuffers", GensAndDeletes, 5},
-    {"ksBindBuffer", Buffers, 0},
-    {"ksGetBuffer", Buffers, 1},
-    {"ksBufferData", Buffers, 2},
-    {"ksMapBuffer", Buffers, 3},
-    {"ksUnmapBuffer", Buffers, 4},
-    {"ksBufferParameterString", Buffers, 5},
-    {"ksGetBufferParameterString", Buffers, 6},
-    {"ksBindTexture", Textures, 0},
-    {"ksGetTexture", Textures, 1},
-    {"ksTexImage2D", Textures, 2},
-    {"ksTexParameteri", Textures, 3},
-    {"ksGenerateMipmap", Textures, 4},
-    {"ksPixelStorei", Textures, 5},
-    {"ksBindFramebuffer", Framebuffers, 0},
-    {"ksGetFramebuffer", Framebuffers, 1},
-    {"ksFramebufferTexture2D", Framebuffers, 2},
-    {"ksFramebufferAttachmentParameter1i", Framebuffers, 3},
-    {"ksClear", Framebuffers, 4},
-    {"ksRenderFrame", Render, 0},
-    {"ksGetBooleanv", Queries, 0},
-    {"ksGetIntegerv", Queries, 1},
-    {"ksGetLongv", Queries, 2},
-    {"ksGetFloatv", Queries, 3},
-    {"ksGetDoublev", Queries, 4},
-    {"ksFrameParameter1i", FrameParameters, 0},
-    {"ksFrameParameter1f", FrameParameters, 1},
-    {"ksFrameParameterfv", FrameParameters, 2},
-    {"ksGetFrameParameteriv", FrameParameters, 3},
-    {"ksViewport", FrameParameters, 4},
-    {"ksClearColor", FrameParameters, 5},
-    {"ksCreateShader", Shaders, 0},
-    {"ksDeleteShader", Shaders, 1},
-    {"ksShaderSource", Shaders, 2},
-    {"ksCompileShader", Shaders, 3},
-    {"ksGetShaderiv", Shaders, 4},
-    {"ksGetShaderString", Shaders, 5},
-    {"ksShaderString", Shaders, 6},
-    {"ksCreateProgram", Programs, 0},
-    {"ksDeleteProgram", Programs, 1},
-    {"ksAttachShader", Programs, 2},
-    {"ksDetachShader", Programs, 3},
-    {"ksLinkProgram", Programs, 4},
-    {"ksGetProgramiv", Programs, 5},
-    {"ksGetProgramString", Programs, 6},
-    {"ksProgramString", Programs, 7},
-    {"ksGetUniformLocation", Programs, 8},
-    {"ksGetUniformBlockIndex", Programs, 9},
-    {"ksGetAttribLocation", Programs, 10},
-    {"ksUseProgram", Programs, 11},
-    {"ksGenPrimitives", Primitives, 0},
-    {"ksDeletePrimitives", Primitives, 1},
-    {"ksBindPrimitive", Primitives, 2},
-    {"ksGetPrimitive", Primitives, 3},
-    {"ksPrimitiveParameterString", Primitives, 4},
-    {"ksUniformBlockBuffer", Primitives, 5},
-    {"ksUniform1f", Uniforms, 0},
-    {"ksUniform1i", Uniforms, 1},
-    {"ksUniformt", Uniforms, 2},
-    {"ksUniformp", Uniforms, 3},
-    {"ksUniformtv", Uniforms, 4},
-    {"ksUniformpv", Uniforms, 5},
-    {"ksUniform*v", Uniforms, 6},
-    {"ksUniform*v", Uniforms, 7},
-    {"ksUniform*v", Uniforms, 8},
-    {"ksUniform*v", Uniforms, 9},
-    {"ksUniform*v", Uniforms, 10},
-    {"ksUniform*v", Uniforms, 11},
-    {"ksUniform*v", Uniforms, 12},
-    {"ksUniform*v", Uniforms, 13},
-    {"ksUniform*v", Uniforms, 14},
-    {"ksUniform*v", Uniforms, 15},
-    {"KestrelCreateContext", Contexts, 0},
-    {"KestrelDestroyContext", Contexts, 1},
-    {"KestrelSetCurrentContext", Contexts, 2},
-    {"KestrelStopContext", Contexts, 3},
-    {"KestrelGetHardwareAcceleratorCount", Contexts, 4},
-    {"ksGetError", Contexts, 5},
-    {"ksGetString", Contexts, 6},
+    {"ksGenBuffers", [] { Gen(ksGenBuffers, kBuffer); }},
+    {"ksDeleteBuffers", [] { Delete(ksDeleteBuffers, kBuffer); }},
+    {"ksGenTextures", [] { Gen(ksGenTextures, kTexture); }},
+    {"ksDeleteTextures", [] { Delete(ksDeleteTextures, kTexture); }},
+    {"ksGenFramebuffers", [] { Gen(ksGenFramebuffers, kFramebuffer); }},
+    {"ksDeleteFramebuffers", [] { Delete(ksDeleteFramebuffers, kFramebuffer); }},
+    {"ksGenPrimitives", [] { Gen(ksGenPrimitives, kPrimitive); }},
+    {"ksDeletePrimitives", [] { Delete(ksDeletePrimitives, kPrimitive); }},
+    {"ksBindBuffer", [] { Bind(ksBindBuffer, kBuffer); }},
+    {"ksBindTexture", [] { Bind(ksBindTexture, kTexture); }},
+    {"ksBindFramebuffer", [] { Bind(ksBindFramebuffer, kFramebuffer); }},
+    {"ksBindPrimitive", [] { Bind(ksBindPrimitive, kPrimitive); }},
+    {"ksGetBuffer", [] { GetBinding(ksGetBuffer, kBuffer); }},
+    {"ksGetTexture", [] { GetBinding(ksGetTexture, kTexture); }},
+    {"ksGetFramebuffer", [] { GetBinding(ksGetFramebuffer, kFramebuffer); }},
+    {"ksGetPrimitive", [] { GetBinding(ksGetPrimitive, kPrimitive); }},
+    {"ksBufferData", BufferData},
+    {"ksMapBuffer", MapBuffer},
+    {"ksUnmapBuffer", UnmapBuffer},
+    {"ksBufferParameterString",
+     [] { TargetString(ksBufferParameterString, kBuffer, KS_BUFFER_NAME, KS_PROGRAM_NAME); }},
+    {"ksGetBufferParameterString",
+     [] { TargetString(ksGetBufferParameterString, kBuffer, KS_BUFFER_NAME, KS_PROGRAM_NAME); }},
+    {"ksPrimitiveParameterString", []
+     { TargetString(ksPrimitiveParameterString, kPrimitive, KS_PRIMITIVE_NAME, KS_BUFFER_NAME); }},
+    {"ksTexImage2D", TexImage2D},
+    {"ksTexParameteri", TexParameteri},
+    {"ksGenerateMipmap", GenerateMipmap},
+    {"ksPixelStorei", PixelStorei},
+    {"ksFramebufferTexture2D", FramebufferTexture2D},
+    {"ksFramebufferAttachmentParameter1i", FramebufferAttachmentParameter1i},
+    {"ksClear", Clear},
+    {"ksRenderFrame", RenderFrame},
+    {"ksGetBooleanv", [] { Query(ksGetBooleanv, 0); }},
+    {"ksGetIntegerv", [] { Query(ksGetIntegerv, 1); }},
+    {"ksGetLongv", [] { Query(ksGetLongv, 2); }},
+    {"ksGetFloatv", [] { Query(ksGetFloatv, 3); }},
+    {"ksGetDoublev", [] { Query(ksGetDoublev, 4); }},
+    {"ksFrameParameter1i", FrameParameter1i},
+    {"ksFrameParameter1f", FrameParameter1f},
+    {"ksFrameParameterfv", FrameParameterfv},
+    {"ksGetFrameParameteriv", GetFrameParameteriv},
+    {"ksViewport",
+     []
+     {
+         const int edges[] = {0, 1, 2, -1, INT32_MAX};
+         const int x = Pick(edges), y = Pick(edges), w = Pick(edges), h = Pick(edges);
+         Call(w < 0 || h < 0 ? KS_INVALID_VALUE : 0, [&] { ksViewport(x, y, w, h); });
+     }},
+    {"ksClearColor",
+     []
+     {
+         const float values[] = {0.5f, 0.0f, 1.0f, -2.0f};
+         const float r = Pick(values), a = Pick(values);
+         Call(0, [&] { ksClearColor(r, 0.25f, a, a); });
+     }},
+    {"ksCreateShader", CreateShader},
+    {"ksDeleteShader", [] { DeleteOne(ksDeleteShader, kShader); }},
+    {"ksShaderSource", ShaderSource},
+    {"ksCompileShader", [] { Use(ksCompileShader, kShader); }},
+    {"ksGetShaderiv", [] { GetObjectParameter(ksGetShaderiv, kShader, kShaderNames); }},
+    {"ksGetShaderString", [] { GetObjectParameter(ksGetShaderString, kShader, kShaderNames); }},
+    {"ksShaderString", [] { SetObjectString(ksShaderString, kShader, kShaderNames); }},
+    {"ksCreateProgram", CreateProgram},
+    {"ksDeleteProgram", [] { DeleteOne(ksDeleteProgram, kProgram); }},
+    {"ksAttachShader", AttachOrDetach<true>},
+    {"ksDetachShader", AttachOrDetach<false>},
+    {"ksLinkProgram", [] { Use(ksLinkProgram, kProgram); }},
+    {"ksGetProgramiv", [] { GetObjectParameter(ksGetProgramiv, kProgram, kProgramNames); }},
+    {"ksGetProgramString", [] { GetObjectParameter(ksGetProgramString, kProgram, kProgramNames); }},
+    {"ksProgramString", [] { SetObjectString(ksProgramString, kProgram, kProgramNames); }},
+    {"ksGetUniformLocation", [] { Locate(ksGetUniformLocation); }},
+    {"ksGetUniformBlockIndex", [] { Locate(ksGetUniformBlockIndex); }},
+    {"ksGetAttribLocation", [] { Locate(ksGetAttribLocation); }},
+    {"ksUseProgram", UseProgram},
+    {"ksUniformBlockBuffer", UniformBlockBuffer},
+    {"ksUniform1f", [] { UniformScalar(ksUniform1f); }},
+    {"ksUniform1i", [] { UniformScalar(ksUniform1i); }},
+    {"ksUniformt", [] { UniformHandle(ksUniformt, kTexture); }},
+    {"ksUniformp", [] { UniformHandle(ksUniformp, kPrimitive); }},
+    {"ksUniformtv", [] { UniformVector(ksUniformtv, 1, kTexture); }},
+    {"ksUniformpv", [] { UniformVector(ksUniformpv, 1, kPrimitive); }},
+    {"ksUniform1fv", [] { UniformVector(ksUniform1fv, 1); }},
+    {"ksUniform2fv", [] { UniformVector(ksUniform2fv, 2); }},
+    {"ksUniform3fv", [] { UniformVector(ksUniform3fv, 3); }},
+    {"ksUniform4fv", [] { UniformVector(ksUniform4fv, 4); }},
+    {"ksUniform1iv", [] { UniformVector(ksUniform1iv, 1); }},
+    {"ksUniform2iv", [] { UniformVector(ksUniform2iv, 2); }},
+    {"ksUniform3iv", [] { UniformVector(ksUniform3iv, 3); }},
+    {"ksUniform4iv", [] { UniformVector(ksUniform4iv, 4); }},
+    {"ksUniformMatrix3fv", [] { UniformMatrix(ksUniformMatrix3fv, 9); }},
+    {"ksUniformMatrix4fv", [] { UniformMatrix(ksUniformMatrix4fv, 16); }},
+    {"KestrelCreateContext", CreateAndDestroyContext},
+    {"KestrelDestroyContext", OnContext<KestrelDestroyContext, false>},
+    {"KestrelSetCurrentContext", SetCurrentContext},
+    {"KestrelStopContext", OnContext<KestrelStopContext, true>},
+    {"KestrelGetHardwareAcceleratorCount",
+     []
+     {
+         int count = -1;
+         Call(0, [&] { count = KestrelGetHardwareAcceleratorCount(); });
+         if (count != 0)
+             Disagree("%d hardware accelerators", count);
+     }},
+    {"ksGetError", GetError},
+    {"ksGetString", GetString},
 };
 constexpr int kOperationCount = sizeof(kOperations) / sizeof(kOperations[0]);
 
-void Step(int opcode)
+void Run(const Operation& operation)
 {
-    const Operation& operation = kOperations[opcode % kOperationCount];
-    operation.run(operation.sub);
+    g_state->function = operation.name;
+    operation.run();
+}
+
+template <class T>
+std::uintptr_t MakeOne(void (*gen)(int, T*))
+{
+    T made{};
+    gen(1, &made);
+    return IdOf(made);
 }
 
 void MakeForeign()
 {
-    g_foreign.context = KestrelCreateContext(nullptr, Notify, nullptr);
-    KestrelSetCurrentContext(g_foreign.context);
-    g_foreign.ids[kShader] = IdOf(ksCreateShader(KS_VERTEX_SHADER));
-    g_foreign.ids[kProgram] = IdOf(ksCreateProgram());
-    _KSbuffer* buffer = nullptr;
-    ksGenBuffers(1, &buffer);
-    _KStexture* texture = nullptr;
-    ksGenTextures(1, &texture);
-    _KSframebuffer* framebuffer = nullptr;
-    ksGenFramebuffers(1, &framebuffer);
-    KSprimitive primitive{};
-    ksGenPrimitives(1, &primitive);
-    g_foreign.ids[kBuffer] = IdOf(buffer);
-    g_foreign.ids[kTexture] = IdOf(texture);
-    g_foreign.ids[kFramebuffer] = IdOf(framebuffer);
-    g_foreign.primitive = primitive;
+    KestrelSetCurrentContext(KestrelCreateContext(nullptr, Notify, nullptr));
+    g_foreign[kShader] = IdOf(ksCreateShader(KS_VERTEX_SHADER));
+    g_foreign[kProgram] = IdOf(ksCreateProgram());
+    g_foreign[kBuffer] = MakeOne(ksGenBuffers);
+    g_foreign[kTexture] = MakeOne(ksGenTextures);
+    g_foreign[kFramebuffer] = MakeOne(ksGenFramebuffers);
+    g_foreign[kPrimitive] = MakeOne(ksGenPrimitives);
     SetRenderHook(Hook);
     SetBuildHook(BuildHook);
 }
@@ -1587,27 +1293,27 @@ const char* const kSeeds[][2] = {
      "ksBindPrimitive 0 1; ksUniformBlockBuffer 0 1; ksDeleteBuffers 2 1 1 2; "
      "ksDeleteBuffers 0 1 1; ksBindBuffer 0 1; ksGetError; ksDeletePrimitives 0 1 1"},
     {"stopped-frame", "ksGenTextures 0 1; ksBindTexture 0 1; ksTexImage2D 0 0 0 0 0 1 0 0 1; "
-                      "ksGenFramebuffers 0 1; ksBindFramebuffer 0 0 1; "
-                      "ksFramebufferTexture2D 0 0 1 0 0; ksClear 0 0 0; ksRenderFrame 2 0; "
+                      "ksGenFramebuffers 0 1; ksBindFramebuffer 0 1; "
+                      "ksFramebufferTexture2D 0 0 1 0 0; ksClear 0; ksRenderFrame 2 0; "
                       "ksGetError; ksRenderFrame 1 0; ksGetError; ksRenderFrame 3 9; ksGetError"},
-    {"scene", "ksCreateShader 0 0; ksShaderSource 1 0 1 0 0; ksCompileShader 1; "
-              "ksCreateShader 0 1; ksShaderSource 2 0 1 1 0; ksCompileShader 2; "
-              "ksCreateShader 0 2; ksShaderSource 3 0 1 2 0; ksCompileShader 3; "
-              "ksCreateProgram 0; ksAttachShader 1 1; ksAttachShader 1 2; ksLinkProgram 1; "
-              "ksGenPrimitives 0 1; ksBindPrimitive 0 1; ksUseProgram 1; ksCreateProgram 0; "
+    {"scene", "ksCreateShader 0; ksShaderSource 1 0 1 0 0; ksCompileShader 1; "
+              "ksCreateShader 1; ksShaderSource 2 0 1 1 0; ksCompileShader 2; "
+              "ksCreateShader 2; ksShaderSource 3 0 1 2 0; ksCompileShader 3; "
+              "ksCreateProgram; ksAttachShader 1 1; ksAttachShader 1 2; ksLinkProgram 1; "
+              "ksGenPrimitives 0 1; ksBindPrimitive 0 1; ksUseProgram 1; ksCreateProgram; "
               "ksAttachShader 2 3; ksLinkProgram 2; ksBindPrimitive 0 0; ksUseProgram 2; "
               "ksGenTextures 0 1; ksBindTexture 0 1; ksTexImage2D 0 0 0 0 0 1 0 0 1; "
-              "ksGenFramebuffers 0 1; ksBindFramebuffer 0 0 1; ksFramebufferTexture2D 0 0 1 0 0; "
+              "ksGenFramebuffers 0 1; ksBindFramebuffer 0 1; ksFramebufferTexture2D 0 0 1 0 0; "
               "ksRenderFrame 4 0; ksGetError; ksRenderFrame 3 40; ksGetError; ksDeleteProgram 1; "
               "ksRenderFrame 2 0; ksGetError"},
     {"filter-table",
      "ksFrameParameter1i 0 2; ksFrameParameterfv 0 1; ksFrameParameter1i 0 3; "
      "ksFrameParameterfv 0 1; ksGetIntegerv 2 1; ksGetError; ksFrameParameterfv 0 1"},
-    {"detach", "ksCreateProgram 0; ksCreateShader 0 0; ksAttachShader 1 1; ksDeleteShader 1; "
+    {"detach", "ksCreateProgram; ksCreateShader 0; ksAttachShader 1 1; ksDeleteShader 1; "
                "ksDetachShader 1 1; ksDetachShader 1 0; ksDeleteProgram 1; ksDeleteProgram 1; "
                "ksGetError"},
-    {"attachment-16", "ksGenFramebuffers 0 1; ksBindFramebuffer 0 0 1; "
-                      "ksFramebufferAttachmentParameter1i 0 3 1 2; ksClear 0 0 3; ksGetError"},
+    {"attachment-16", "ksGenFramebuffers 0 1; ksBindFramebuffer 0 1; "
+                      "ksFramebufferAttachmentParameter1i 0 3 1 2; ksClear 3; ksGetError"},
     {"errors-kept", "ksBindBuffer 5 0; ksGenBuffers 4 1; ksGetError; ksGetError"},
     {"tex-parameters",
      "ksGenTextures 0 1; ksBindTexture 0 1; ksTexParameteri 0 1 2; "
@@ -1619,37 +1325,26 @@ void WriteSeeds(const char* directory)
 {
     for (const auto& seed : kSeeds)
     {
-        std::string bytes;
-        std::string text = std::string(seed[1]) + ";";
-        for (std::size_t start = 0, end; (end = text.find(';', start)) != std::string::npos;
-             start = end + 1)
+        std::string bytes, word;
+        std::istringstream words(seed[1]);
+        while (words >> word)
         {
-            char name[64] = {};
-            int used = 0;
-            const std::string call = text.substr(start, end - start);
-            if (std::sscanf(call.c_str(), " %63s%n", name, &used) != 1)
-                continue;
+            if (word.back() == ';')
+                word.pop_back();
             int opcode = 0;
-            while (opcode < kOperationCount && std::strcmp(kOperations[opcode].name, name) != 0)
+            while (opcode < kOperationCount && word != kOperations[opcode].name)
                 ++opcode;
-            if (opcode == kOperationCount)
+            if (std::isdigit(static_cast<unsigned char>(word[0])))
+                bytes += static_cast<char>(std::stoi(word));
+            else if (opcode < kOperationCount)
+                bytes += static_cast<char>(opcode);
+            else
             {
-                std::fprintf(stderr, "seed %s: unknown operation %s\n", seed[0], name);
+                std::fprintf(stderr, "seed %s: unknown operation %s\n", seed[0], word.c_str());
                 std::exit(1);
             }
-            bytes += static_cast<char>(opcode);
-            for (const char* p = call.c_str() + used; *p;)
-            {
-                char* next = nullptr;
-                const long value = std::strtol(p, &next, 10);
-                if (next == p)
-                    break;
-                bytes += static_cast<char>(value);
-                p = next;
-            }
         }
-        const std::string path = std::string(directory) + "/seed-" + seed[0];
-        if (FILE* file = std::fopen(path.c_str(), "wb"))
+        if (FILE* file = std::fopen((std::string(directory) + "/seed-" + seed[0]).c_str(), "wb"))
         {
             std::fwrite(bytes.data(), 1, bytes.size(), file);
             std::fclose(file);
@@ -1690,11 +1385,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         g_state = &state;
         while (state.size > 0)
         {
-            Step(Byte());
+            Run(kOperations[Byte() % kOperationCount]);
             Verify();
         }
         // The register still holds the first error of the stream's tail.
-        Contexts(5);
+        Run({"ksGetError", GetError});
         // CALL_STREAM_PRINT=1 shows a stream that passed, e.g. a seed.
         static const bool print = std::getenv("CALL_STREAM_PRINT") != nullptr;
         for (const std::string& line : state.history)

@@ -57,22 +57,17 @@ void Link(_KSshader* a, _KSshader* b)
     ksDeleteProgram(program);
 }
 
-void* Context()
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static void* context = []()
+    static void* const context = []
     {
         void* made = KestrelCreateContext(nullptr, nullptr, nullptr);
         KestrelSetCurrentContext(made);
         return made;
     }();
-    return context;
-}
-
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
-    if (Context() == nullptr || size == 0)
+    if (context == nullptr || size == 0)
         return 0;
     const int kind = data[0] % 4;
     const std::string source(reinterpret_cast<const char*>(data + 1), size - 1);
@@ -82,10 +77,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ksGetShaderiv(shader, KS_COMPILE_STATUS, &compiled);
     const char* log = nullptr;
     ksGetShaderString(shader, KS_SHADER_LOG, &log);
-    if (compiled != 0 && log != nullptr && log[0] != '\0')
-        std::abort(); // a good compile has an empty log
-    if (compiled == 0 && (log == nullptr || log[0] == '\0'))
-        std::abort(); // a failed compile says why
+    // A good compile has an empty log, a failed one says why.
+    if ((compiled != 0) == (log != nullptr && log[0] != '\0'))
+        std::abort();
 
     Link(shader, nullptr);
     for (int other = 0; other < 4; ++other)
