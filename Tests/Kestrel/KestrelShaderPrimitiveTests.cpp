@@ -169,13 +169,8 @@ TEST_F(KestrelShaders, DeletionToleratesRepeatsAndAttachments)
     ksDetachShader(program, shared);
     EXPECT_NO_KS_ERROR();
 
-    // Deleting the program takes it off the frame primitive and leaves its
-    // shaders whole.
-    ksUseProgram(program);
+    // Deleting the program, twice, leaves its shaders whole.
     ksDeleteProgram(program);
-    Kestrel::Testing::PrimitiveRecord frame;
-    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(KSprimitive(0), &frame));
-    EXPECT_EQ(frame.program, nullptr);
     ksDeleteProgram(program);
     EXPECT_NO_KS_ERROR();
     EXPECT_EQ(ShaderText(shape, KS_SHADER_SOURCE), kSphereSource);
@@ -221,68 +216,35 @@ TEST_F(KestrelShaders, NamesMatchOnlyWhole)
 }
 
 // ---------------------------------------------------------------------------
-// Primitives and uniforms
+// Uniform arguments
 
-using KestrelPrimitives = KestrelFixture;
+using KestrelUniforms = KestrelFixture;
 
-TEST_F(KestrelPrimitives, GeneratedPrimitivesAreDistinctAndZeroIsTheFrame)
-{
-    KSprimitive primitives[4] = {};
-    ksGenPrimitives(4, primitives);
-    EXPECT_EQ(std::set<unsigned>(primitives, primitives + 4).size(), 4u);
-    for (KSprimitive p : primitives)
-        EXPECT_NE(p, 0u);
-    ksBindPrimitive(KS_PRIMITIVE, primitives[2]);
-    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
-    EXPECT_NO_KS_ERROR();
-    KSprimitive bound = primitives[1];
-    ksGetPrimitive(KS_PRIMITIVE_BINDING, &bound);
-    EXPECT_EQ(bound, 0u);
-    // The frame primitive takes uniforms and a program like any other.
-    ksUniform1f(0, 2.0f);
-    ksUseProgram(ksCreateProgram());
-    ksUseProgram(nullptr);
-    EXPECT_NO_KS_ERROR();
-}
-
-// Each uniform setter called with a location, a count and data or null.
+// One setter of each kind of storage, called with a location, a count and
+// data or null.
 struct UniformSetter
 {
     const char* name;
     std::function<void(int location, long long count, bool withData)> call;
 };
 
-std::vector<UniformSetter> ArraySetters()
-{
-    static float floats[32] = {};
-    static int ints[32] = {};
-    static _KStexture* textures[2] = {};
-    static KSprimitive primitives[2] = {};
-    const auto f = [](bool on) { return on ? floats : nullptr; };
-    const auto i = [](bool on) { return on ? ints : nullptr; };
-    return {
-        {"ksUniform1fv", [=](int l, long long n, bool d) { ksUniform1fv(l, n, f(d)); }},
-        {"ksUniform2fv", [=](int l, long long n, bool d) { ksUniform2fv(l, n, f(d)); }},
-        {"ksUniform3fv", [=](int l, long long n, bool d) { ksUniform3fv(l, n, f(d)); }},
-        {"ksUniform4fv", [=](int l, long long n, bool d) { ksUniform4fv(l, n, f(d)); }},
-        {"ksUniform1iv", [=](int l, long long n, bool d) { ksUniform1iv(l, n, i(d)); }},
-        {"ksUniform2iv", [=](int l, long long n, bool d) { ksUniform2iv(l, n, i(d)); }},
-        {"ksUniform3iv", [=](int l, long long n, bool d) { ksUniform3iv(l, n, i(d)); }},
-        {"ksUniform4iv", [=](int l, long long n, bool d) { ksUniform4iv(l, n, i(d)); }},
-        {"ksUniformMatrix3fv",
-         [=](int l, long long n, bool d) { ksUniformMatrix3fv(l, n, 1, f(d)); }},
-        {"ksUniformMatrix4fv",
-         [=](int l, long long n, bool d) { ksUniformMatrix4fv(l, n, 0, f(d)); }},
-        {"ksUniformtv",
-         [=](int l, long long n, bool d) { ksUniformtv(l, n, d ? textures : nullptr); }},
-        {"ksUniformpv",
-         [=](int l, long long n, bool d) { ksUniformpv(l, n, d ? primitives : nullptr); }},
-    };
-}
-
-TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
+TEST_F(KestrelUniforms, ArraySettersCheckCountDataAndLocation)
 {
     ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    static const float floats[8] = {};
+    static const int ints[8] = {};
+    static _KStexture* const textures[2] = {};
+    static const KSprimitive primitives[2] = {};
+    const UniformSetter setters[] = {
+        {"ksUniform3fv",
+         [](int l, long long n, bool d) { ksUniform3fv(l, n, d ? floats : nullptr); }},
+        {"ksUniform2iv",
+         [](int l, long long n, bool d) { ksUniform2iv(l, n, d ? ints : nullptr); }},
+        {"ksUniformtv",
+         [](int l, long long n, bool d) { ksUniformtv(l, n, d ? textures : nullptr); }},
+        {"ksUniformpv",
+         [](int l, long long n, bool d) { ksUniformpv(l, n, d ? primitives : nullptr); }},
+    };
     struct Call
     {
         int location;
@@ -296,7 +258,7 @@ TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
         {-1, 2, true, KS_NO_ERROR},      {0, -1, true, KS_INVALID_VALUE},
         {0, 1, false, KS_INVALID_VALUE}, {-2, 1, true, KS_INVALID_VALUE},
     };
-    for (const UniformSetter& s : ArraySetters())
+    for (const UniformSetter& s : setters)
     {
         for (const Call& c : calls)
         {
@@ -308,59 +270,6 @@ TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
                 EXPECT_KS_ERROR_IN(c.error, s.name);
         }
     }
-}
-
-TEST_F(KestrelPrimitives, ScalarUniformsAndBlocks)
-{
-    const KSprimitive primitive = NewPrimitive();
-    ksBindPrimitive(KS_PRIMITIVE, primitive);
-    _KStexture* texture = NewTexture();
-    const KSprimitive other = NewPrimitive();
-    _KSbuffer* buffer = NewBuffer();
-    const std::function<void(int)> setters[] = {
-        [](int l) { ksUniform1f(l, 1.0f); },    [](int l) { ksUniform1i(l, 4); },
-        [=](int l) { ksUniformt(l, texture); }, [](int l) { ksUniformt(l, nullptr); },
-        [=](int l) { ksUniformp(l, other); },   [](int l) { ksUniformp(l, KSprimitive(0)); },
-    };
-    for (const auto& set : setters)
-    {
-        set(3);
-        set(-1);
-        EXPECT_NO_KS_ERROR();
-        set(-7);
-        EXPECT_KS_ERROR(KS_INVALID_VALUE);
-    }
-
-    // Deleting a buffer drops just its own blocks.
-    _KSbuffer* kept = NewBuffer();
-    ksUniformBlockBuffer(0, buffer);
-    ksUniformBlockBuffer(1, kept);
-    ksUniformBlockBuffer(2, buffer);
-    ksUniformBlockBuffer(5, nullptr);
-    ksDeleteBuffers(1, &buffer);
-    EXPECT_NO_KS_ERROR();
-    Kestrel::Testing::PrimitiveRecord record;
-    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(primitive, &record));
-    EXPECT_EQ(record.blocks, (std::vector<std::pair<int, _KSbuffer*>>{{1, kept}}));
-
-    // Without a program a slot may change type, and keeps nothing of the old.
-    const float floats[3] = {1, 2, 3};
-    const int ints[2] = {4, 5};
-    const std::function<void()> asFloats = [&] { ksUniform3fv(5, 1, floats); };
-    const std::function<void()> asInts = [&] { ksUniform2iv(5, 1, ints); };
-    const std::function<void()> asTexture = [&] { ksUniformt(5, texture); };
-    // Every change of kind once.
-    const std::function<void()> retypes[] = {asFloats, asTexture, asInts,  asTexture,
-                                             asFloats, asInts,    asFloats};
-    for (const auto& set : retypes)
-    {
-        set();
-        Kestrel::Testing::UniformRecord stored;
-        ASSERT_TRUE(Kestrel::Testing::ReadUniform(primitive, 5, &stored));
-        EXPECT_EQ(!stored.floats.empty() + !stored.ints.empty() + !stored.handles.empty(), 1)
-            << stored.type;
-    }
-    EXPECT_NO_KS_ERROR();
 }
 
 } // namespace
