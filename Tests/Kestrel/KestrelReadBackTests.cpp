@@ -7,6 +7,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KestrelTest
@@ -308,31 +309,45 @@ TEST_F(KestrelTextureContents, ImagesAreCopiedUnlessClientStorage)
     EXPECT_FALSE(ReadTexture(_pTexture, 1, &record)) << "no mip level was built";
 }
 
-TEST_F(KestrelTextureContents, ParametersAreStored)
+// Every parameter takes each of the six filter and wrap values (one of the
+// other kind acts as the parameter's default when rendering); anything else
+// is refused and keeps the value.
+TEST_F(KestrelTextureContents, ParametersTakeTheSixValuesAndKeepThemOnRefusal)
 {
-    const struct
-    {
-        int name;
-        int value;
-        int TextureRecord::*field;
-    } cases[] = {
-        {KS_TEXTURE_MIN_FILTER, KS_LINEAR_MIPMAP_LINEAR, &TextureRecord::minFilter},
-        {KS_TEXTURE_MAG_FILTER, KS_NEAREST, &TextureRecord::magFilter},
-        {KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE, &TextureRecord::wrapS},
-        {KS_TEXTURE_WRAP_T, KS_MIRRORED_REPEAT, &TextureRecord::wrapT},
+    const std::pair<int, int TextureRecord::*> parameters[] = {
+        {KS_TEXTURE_MIN_FILTER, &TextureRecord::minFilter},
+        {KS_TEXTURE_MAG_FILTER, &TextureRecord::magFilter},
+        {KS_TEXTURE_WRAP_S, &TextureRecord::wrapS},
+        {KS_TEXTURE_WRAP_T, &TextureRecord::wrapT},
     };
     ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, nullptr);
-    for (const auto& c : cases)
+    for (const auto& [name, field] : parameters)
     {
-        ksTexParameteri(KS_TEXTURE_2D, c.name, c.value);
-        ksTexParameteri(KS_TEXTURE_2D, c.name, 0x7777); // rejected: keeps the value
-        EXPECT_KS_ERROR(KS_INVALID_ENUM);
-        EXPECT_EQ(Level(0).*(c.field), c.value) << Hex(c.name);
+        for (int value : {KS_NEAREST, KS_LINEAR, KS_LINEAR_MIPMAP_LINEAR, KS_REPEAT,
+                          KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT})
+        {
+            ksTexParameteri(KS_TEXTURE_2D, name, value);
+            EXPECT_NO_KS_ERROR() << Hex(name) << " " << Hex(value);
+            EXPECT_EQ(Level(0).*field, value) << Hex(name);
+        }
+        for (int value : {0, 1, -1, KS_TEXTURE_2D})
+        {
+            ksTexParameteri(KS_TEXTURE_2D, name, value);
+            EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri") << Hex(name) << " " << value;
+        }
+        EXPECT_EQ(Level(0).*field, KS_MIRRORED_REPEAT) << Hex(name);
     }
+    ksTexParameteri(KS_TEXTURE_2D, 0x2804, KS_LINEAR);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
+    ksTexParameteri(KS_TEXTURE_BINDING_2D, KS_TEXTURE_MIN_FILTER, KS_LINEAR);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
 }
 
+// Mipmaps need a copied image of the bound texture.
 TEST_F(KestrelTextureContents, MipmapsAreBoxFilteredDownToOnePixel)
 {
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap"); // no image yet
     // 8x4 RGBA, constant in each 2x2 block, chosen so that every average is exact.
     const int blocks[2][4] = {{0, 8, 16, 24}, {40, 48, 56, 64}};
     std::vector<unsigned char> pixels(8 * 4 * 4);
@@ -370,6 +385,14 @@ TEST_F(KestrelTextureContents, MipmapsAreBoxFilteredDownToOnePixel)
     TextureRecord beyond;
     EXPECT_FALSE(ReadTexture(_pTexture, 4, &beyond));
     EXPECT_EQ(Level(0).bytes, pixels) << "mipmapping changed the base level";
+    ksGenerateMipmap(KS_TEXTURE_BINDING_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGenerateMipmap");
+
+    std::vector<unsigned char> client = pixels;
+    NewClientTexture(8, 4, KS_RGBA, KS_UNSIGNED_BYTE, client.data()); // bound now
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap");
+    EXPECT_EQ(client, pixels) << "the rejected call touched client memory";
 }
 
 } // namespace
