@@ -1,7 +1,6 @@
-// Contexts, the current context, the error model and context-wide queries.
+// Contexts, the current context and the error model.
 #include "KestrelFixture.h"
 
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -143,32 +142,6 @@ TEST_F(KestrelCurrent, SetCurrentAcceptsOnlyLiveContexts)
     EXPECT_EQ(CountContexts(), _nContextsBefore + 1);
 }
 
-TEST_F(KestrelCurrent, BindingsAndErrorsBelongToTheirContext)
-{
-    _KSbuffer* buffer = NewBuffer();
-    ksBindBuffer(KS_ARRAY_BUFFER, buffer);
-    ksBindBuffer(0x1234, nullptr); // leaves an error pending in this context
-    _recorder.Take();
-
-    NoticeRecorder otherRecorder;
-    void* other = KestrelCreateContext(nullptr, &NoticeRecorder::Callback, &otherRecorder);
-    ASSERT_EQ(KestrelSetCurrentContext(other), 1);
-    _KSbuffer* bound = buffer;
-    ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, nullptr);
-    EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-    ksBindBuffer(KS_ARRAY_BUFFER, buffer); // foreign here
-    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
-    EXPECT_EQ(otherRecorder.Take().size(), 1u);
-    EXPECT_TRUE(_recorder.Take().empty()) << "an error reached the wrong context's callback";
-
-    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, buffer);
-    EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
-    KestrelDestroyContext(other);
-}
-
 TEST_F(KestrelCurrent, WithoutCurrentContextCallsWriteZeroAndRaiseNothing)
 {
     _KSbuffer* ourBuffer = NewBuffer();
@@ -234,33 +207,6 @@ TEST_F(KestrelCurrent, WithoutCurrentContextCallsWriteZeroAndRaiseNothing)
     EXPECT_EQ(CountObjects(_pContext).buffers, 1);
 }
 
-TEST_F(KestrelCurrent, CurrentContextIsSharedByAllThreads)
-{
-    _KSbuffer* fromThread = nullptr;
-    std::thread(
-        [&]
-        {
-            fromThread = NewBuffer();
-            ksBindBuffer(KS_ELEMENT_ARRAY_BUFFER, fromThread);
-        })
-        .join();
-    ASSERT_NE(fromThread, nullptr);
-    _KSbuffer* bound = nullptr;
-    ksGetBuffer(KS_ELEMENT_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, fromThread);
-
-    void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
-    int switched = 0;
-    std::thread([&] { switched = KestrelSetCurrentContext(other); }).join();
-    EXPECT_EQ(switched, 1);
-    ksGetBuffer(KS_ELEMENT_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, nullptr) << "the other thread's switch is not visible here";
-
-    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    KestrelDestroyContext(other);
-    EXPECT_NO_KS_ERROR();
-}
-
 // ---------------------------------------------------------------------------
 // Errors and notifications
 
@@ -324,36 +270,6 @@ TEST_F(KestrelErrors, CallbackMayCallKestrelAndIsOptional)
     }
     EXPECT_EQ(reentrant.seen, KS_INVALID_ENUM);
     ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    EXPECT_NO_KS_ERROR();
-}
-
-// ---------------------------------------------------------------------------
-// Context-wide queries
-
-using KestrelQueries = KestrelFixture;
-
-TEST_F(KestrelQueries, VersionProfileAndBooleans)
-{
-    const char* version = ksGetString(KS_VERSION);
-    ASSERT_NE(version, nullptr);
-    EXPECT_EQ(std::string(version).rfind("1.4 Kestrel runtime", 0), 0u) << version;
-    const char* profile = ksGetString(KS_PROFILE);
-    ASSERT_NE(profile, nullptr);
-    EXPECT_GT(std::strlen(profile), 0u);
-    EXPECT_EQ(KestrelGetHardwareAcceleratorCount(), 0);
-
-    // Booleans write all 32 bits.
-    const std::pair<int, int> booleans[] = {
-        {KS_HARDWARE_ACCELERATED, 0},
-        {KS_DIFFERENTIALS_ENABLED, 0},
-        {KS_FILTERED_ACCUMULATES_ENABLED, 1},
-    };
-    for (const auto& [name, expected] : booleans)
-    {
-        int value = 0x7f7f7f7f;
-        ksGetBooleanv(name, &value);
-        EXPECT_EQ(value, expected) << Hex(name);
-    }
     EXPECT_NO_KS_ERROR();
 }
 

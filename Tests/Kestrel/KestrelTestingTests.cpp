@@ -218,7 +218,6 @@ TEST_F(KestrelCallLog, ArgumentsHaveTheirTextForm)
     _KSframebuffer* framebuffer = NewFramebuffer();
     const KSprimitive primitive = NewPrimitive();
     _KSbuffer* buffer = NewBuffer();
-    const float values[3] = {};
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[&] { ksAttachShader(program, shader); }, "ksAttachShader(prog#1, shader#1)"},
         {[&] { ksShaderString(shader, KS_SHADER_NAME, "rock one"); },
@@ -228,31 +227,16 @@ TEST_F(KestrelCallLog, ArgumentsHaveTheirTextForm)
         {[] { ksBindBuffer(KS_ARRAY_BUFFER, nullptr); }, "ksBindBuffer(KS_ARRAY_BUFFER, null)"},
         {[&] { ksBindBuffer(KS_ARRAY_BUFFER, stale); },
          "ksBindBuffer(KS_ARRAY_BUFFER, " + staleText + ")"},
-        {[] { ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 16, nullptr, KS_STATIC_DRAW); },
-         "ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 16, null, KS_STATIC_DRAW)"},
         {[] { ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE); },
          "ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE)"},
         {[] { ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER); }, "ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER)"},
         {[&] { ksBindTexture(KS_TEXTURE_2D, texture); }, "ksBindTexture(KS_TEXTURE_2D, tex#1)"},
-        {[] { ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0); },
-         "ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0)"},
-        {[] { ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 3, 0, KS_RGBA, KS_FLOAT, nullptr); },
-         "ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 3, 0, KS_RGBA, KS_FLOAT, null)"},
         {[&] { ksBindFramebuffer(KS_FRAMEBUFFER, framebuffer); },
          "ksBindFramebuffer(KS_FRAMEBUFFER, fb#1)"},
         {[&] { Attach(0, texture); },
          "ksFramebufferTexture2D(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, tex#1, 0)"},
-        {[] { ksClearColor(0.5f, 1.0f, 0.0f, 0.25f); }, "ksClearColor(0.5, 1, 0, 0.25)"},
-        {[] { ksClear(KS_COLOR_BUFFER_BIT); }, "ksClear(KS_COLOR_BUFFER_BIT)"},
-        {[] { ksClear(KS_COLOR_ATTACHMENT0_BIT << 2); }, "ksClear(131072)"},
         {[&] { ksBindPrimitive(KS_PRIMITIVE, primitive); },
          "ksBindPrimitive(KS_PRIMITIVE, " + std::to_string(primitive) + ")"},
-        {[&] { ksUniform3fv(2, 1, values); }, "ksUniform3fv(2, 1, ptr)"},
-        {[] { ksUniform1f(-1, 2.5f); }, "ksUniform1f(-1, 2.5)"},
-        {[] { ksCreateShader(12345); }, "ksCreateShader(12345)"},
-        {[] { WroteZero(ksGetIntegerv, KS_MAX_RAY_DEPTH); },
-         "ksGetIntegerv(KS_MAX_RAY_DEPTH, ptr)"},
-        {[] { ksGetError(); }, "ksGetError()"},
     };
     for (const auto& [call, expected] : cases)
     {
