@@ -19,47 +19,36 @@ using namespace Kestrel::Testing;
 
 using KestrelFaults = KestrelFixture;
 
-TEST_F(KestrelFaults, EachFunctionFailsItsOwnWay)
+// A fault fails one call with the error asked for: the function's own by
+// default, none, or another. What each failure does to the wrapper's calls is
+// the wrapper's fault sweep's to check; these are one function of each kind.
+TEST_F(KestrelFaults, AFaultFailsOneCallWithTheErrorAskedFor)
 {
     _KSbuffer* buffer = NewBuffer();
     ksBindBuffer(KS_ARRAY_BUFFER, buffer);
-    ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_STATIC_DRAW);
     _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
     const char* source = "uniform vec3 c;\nsphere(c, 1.0);\n";
     ksShaderSource(shader, 1, &source, nullptr);
+    ksCompileShader(shader);
     _KSprogram* program = ksCreateProgram();
     ksAttachShader(program, shader);
+    ksLinkProgram(program);
+    ASSERT_EQ(ksGetUniformLocation(program, "c"), 0);
     ASSERT_NO_KS_ERROR();
-    const int contexts = CountContexts();
 
-    // A failed compile or link is no API error: its status and log say it.
-    const auto injectedLog = [](int status, const char* log)
-    { return status == 0 && log && std::string(log) == "0:0: error: injected fault"; };
-    const auto shaderFailed = [&]
-    {
-        ksCompileShader(shader);
-        int status = 1;
-        const char* log = nullptr;
-        ksGetShaderiv(shader, KS_COMPILE_STATUS, &status);
-        ksGetShaderString(shader, KS_SHADER_LOG, &log);
-        return injectedLog(status, log);
-    };
-    const auto programFailed = [&]
+    // A failed link is no API error: its status and log say it, and it
+    // leaves nothing of the last good one.
+    const auto linkFailed = [&]
     {
         ksLinkProgram(program);
         int status = 1;
         const char* log = nullptr;
         ksGetProgramiv(program, KS_LINK_STATUS, &status);
         ksGetProgramString(program, KS_PROGRAM_LOG, &log);
-        return injectedLog(status, log);
+        return status == 0 && log && std::string(log) == "0:0: error: injected fault" &&
+               ksGetUniformLocation(program, "c") == -1;
     };
-    const auto contextFailed = [&]
-    {
-        void* made = KestrelCreateContext(nullptr, nullptr, nullptr);
-        const bool counted = CountContexts() == contexts + (made ? 1 : 0);
-        KestrelDestroyContext(made);
-        return made == nullptr && counted;
-    };
+    // A refused switch leaves this context current.
     const auto switchFailed = [&]
     {
         void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
@@ -69,37 +58,16 @@ TEST_F(KestrelFaults, EachFunctionFailsItsOwnWay)
         KestrelDestroyContext(other);
         return refused && ours;
     };
-    const auto mapFailed = []
-    {
-        const void* mapped = ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_ONLY);
-        ksUnmapBuffer(KS_ARRAY_BUFFER);
-        return mapped == nullptr;
-    };
     const auto bindFailed = [&]
     {
         ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
         return ReadBindingState(_pContext).buffers[0] == buffer;
     };
-    const auto deleteFailed = [&]
-    {
-        const int before = CountObjects(_pContext).buffers;
-        ksDeleteBuffers(1, std::vector{buffer}.data());
-        return CountObjects(_pContext).buffers == before;
-    };
     const std::tuple<const char*, std::function<bool()>, int> cases[] = {
-        {"KestrelCreateContext", contextFailed, KS_OUT_OF_MEMORY},
-        {"ksCreateShader", [] { return !ksCreateShader(KS_VERTEX_SHADER); }, KS_OUT_OF_MEMORY},
-        {"ksCreateProgram", [] { return !ksCreateProgram(); }, KS_OUT_OF_MEMORY},
-        {"ksGenBuffers", [] { return !NewBuffer(); }, KS_OUT_OF_MEMORY},
         {"ksGenTextures", [] { return !NewTexture(); }, KS_OUT_OF_MEMORY},
-        {"ksGenFramebuffers", [] { return !NewFramebuffer(); }, KS_OUT_OF_MEMORY},
-        {"ksGenPrimitives", [] { return NewPrimitive() == 0; }, KS_OUT_OF_MEMORY},
-        {"ksMapBuffer", mapFailed, KS_OUT_OF_MEMORY},
-        {"ksCompileShader", shaderFailed, KS_NO_ERROR},
-        {"ksLinkProgram", programFailed, KS_NO_ERROR},
+        {"ksLinkProgram", linkFailed, KS_NO_ERROR},
         {"KestrelSetCurrentContext", switchFailed, KS_NO_ERROR},
         {"ksBindBuffer", bindFailed, KS_INVALID_OPERATION},
-        {"ksDeleteBuffers", deleteFailed, KS_INVALID_OPERATION},
     };
     for (const auto& [function, failed, naturalError] : cases)
     {
