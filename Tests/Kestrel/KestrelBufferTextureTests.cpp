@@ -1,4 +1,4 @@
-// Buffer storage, maps and names; texture images and client storage.
+// Buffer storage and maps; texture images and client storage.
 #include "KestrelFixture.h"
 
 #include <cmath>
@@ -150,26 +150,6 @@ TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)
     EXPECT_KS_ERROR_IN(KS_OUT_OF_MEMORY, "ksBufferData");
     // Rejected calls neither replaced the storage nor left it mapped.
     EXPECT_EQ(ReadBack(4), std::vector<unsigned char>(marker, marker + 4));
-    EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(KestrelBuffers, NameIsEmptyUntilSet)
-{
-    const auto name = []
-    {
-        const char* text = nullptr;
-        ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &text);
-        return std::string(text ? text : "<null>");
-    };
-    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
-    EXPECT_EQ(name(), "");
-    std::string given = "mesh vertices";
-    ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, given.c_str());
-    given.assign(given.size(), 'x'); // the runtime keeps its own copy
-    EXPECT_EQ(name(), "mesh vertices");
-    // A second buffer has its own (empty) name.
-    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, NewBuffer());
-    EXPECT_EQ(name(), "");
     EXPECT_NO_KS_ERROR();
 }
 

@@ -1,5 +1,5 @@
-// Bindings of every target, and what the runtime does with handles that are
-// stale, foreign or were never issued.
+// What the runtime does with handles that are stale, foreign or were never
+// issued, and how it issues them.
 #include "KestrelFixture.h"
 
 #include <cstdint>
@@ -15,42 +15,6 @@ namespace
 using Kestrel::Testing::CountIssuedRuns;
 using Kestrel::Testing::CountObjects;
 using Kestrel::Testing::ObjectCounts;
-
-// ---------------------------------------------------------------------------
-// Bindings
-
-using KestrelBindings = KestrelFixture;
-
-// Each target holds its own object; binding none, or what was read back, is
-// no error.
-TEST_F(KestrelBindings, EveryTargetReadsBackItsOwnObjectOrNone)
-{
-    for (const BufferTarget& t : kBufferTargets)
-        EXPECT_TRUE(WroteZero(ksGetBuffer, t.binding)) << t.name << " starts bound";
-    EXPECT_TRUE(WroteZero(ksGetTexture, KS_TEXTURE_BINDING_2D));
-    EXPECT_TRUE(WroteZero(ksGetFramebuffer, KS_FRAMEBUFFER_BINDING));
-    EXPECT_TRUE(WroteZero(ksGetPrimitive, KS_PRIMITIVE_BINDING));
-
-    BindingState objects;
-    for (_KSbuffer*& buffer : objects.buffers)
-        buffer = NewBuffer();
-    objects.texture = NewTexture();
-    objects.framebuffer = NewFramebuffer();
-    objects.primitive = NewPrimitive();
-    objects.counts = CountObjects(_pContext);
-    BindingState none;
-    none.counts = objects.counts;
-    for (const BindingState* bind : {&none, &objects, &none, &objects})
-    {
-        for (int i = 0; i < kBufferTargetCount; ++i)
-            ksBindBuffer(kBufferTargets[i].target, bind->buffers[i]);
-        ksBindTexture(KS_TEXTURE_2D, bind->texture);
-        ksBindFramebuffer(KS_FRAMEBUFFER, bind->framebuffer);
-        ksBindPrimitive(KS_PRIMITIVE, bind->primitive);
-        EXPECT_TRUE(ReadBindingState(_pContext) == *bind);
-        EXPECT_NO_KS_ERROR();
-    }
-}
 
 // ---------------------------------------------------------------------------
 // Handles
