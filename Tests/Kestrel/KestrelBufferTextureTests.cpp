@@ -40,32 +40,6 @@ protected:
     _KSbuffer* _pBuffer = nullptr;
 };
 
-TEST_F(KestrelBuffers, DataIsCopiedOrZeroedAndMapGivesTheStorageItself)
-{
-    unsigned char source[16];
-    for (int i = 0; i < 16; ++i)
-        source[i] = static_cast<unsigned char>(i * 7 + 1);
-    ksBufferData(KS_ARRAY_BUFFER, sizeof(source), source, KS_STATIC_DRAW);
-    ASSERT_NO_KS_ERROR();
-    const std::vector<unsigned char> expected(source, source + 16);
-    std::memset(source + 4, 0, 4); // the buffer has its own copy
-    EXPECT_EQ(ReadBack(16), expected);
-
-    // New storage replaces the old contents entirely.
-    ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_DYNAMIC_DRAW);
-    EXPECT_EQ(ReadBack(8), std::vector<unsigned char>(8, 0));
-
-    // What is written through a map is seen by a map from another target.
-    auto* written = static_cast<unsigned char*>(ksMapBuffer(KS_ARRAY_BUFFER, KS_WRITE_ONLY));
-    ASSERT_NE(written, nullptr);
-    std::memcpy(written, expected.data(), 8);
-    ksUnmapBuffer(KS_ARRAY_BUFFER);
-    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
-    EXPECT_EQ(ReadBack(8, KS_UNIFORM_BLOCK_BUFFER),
-              std::vector<unsigned char>(expected.begin(), expected.begin() + 8));
-    EXPECT_NO_KS_ERROR();
-}
-
 TEST_F(KestrelBuffers, MapConflictsAreInvalidOperations)
 {
     // No storage yet.
