@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <thread>
+#include <utility>
 
 namespace KestrelTest
 {
@@ -172,17 +173,21 @@ TEST_F(KestrelFramebuffers, AttachmentArgumentsAreChecked)
     }
 }
 
+// An attachment that differs in width alone, or in height alone, is refused.
 TEST_F(KestrelFramebuffers, AttachmentsMustShareOneSize)
 {
     Image small;
     AttachImage(0, small);
-    std::array<float, 4 * 4 * 4> large{};
-    _KStexture* bigger = NewClientTexture(4, 4, KS_RGBA, KS_FLOAT, large.data());
-    Attach(1, bigger);
-    ksRenderFrame();
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksRenderFrame");
+    std::array<float, 4 * 2 * 4> other{};
+    for (const auto& [width, height] : {std::pair{4, 2}, std::pair{2, 4}})
+    {
+        _KStexture* odd = NewClientTexture(width, height, KS_RGBA, KS_FLOAT, other.data());
+        Attach(1, odd);
+        ksRenderFrame();
+        EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksRenderFrame") << width << "x" << height;
+        ksDeleteTextures(1, &odd); // leaves only the 2x2 attachment
+    }
     EXPECT_EQ(FramesRendered(), 0);
-    ksDeleteTextures(1, &bigger); // leaves only the 2x2 attachment
     ksRenderFrame();
     EXPECT_NO_KS_ERROR();
     EXPECT_EQ(FramesRendered(), 1);
