@@ -2,7 +2,6 @@
 #include "KestrelFixture.h"
 
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -68,8 +67,8 @@ protected:
     }
 };
 
-// Each of the four kinds makes a shader; the rest make none. 0x10202 sits in
-// the gap between two kinds.
+// Only the four kinds make shaders. 0x10202 sits in the gap between two
+// kinds.
 TEST_F(KestrelShaders, KindsOutsideTheFourMakeNoShader)
 {
     for (int kind : {0, -1, KS_VERTEX_SHADER + 1, 0x10202, KS_COMPILE_STATUS})
