@@ -274,23 +274,5 @@ TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
     }
 }
 
-// Client storage, then an image without it: the old memory is let go.
-TEST_F(KestrelTextures, AnImageWithoutClientStorageLetsTheOldMemoryGo)
-{
-    float kept[4 * 4] = {};
-    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, kept);
-    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0);
-    ClearThrough(_pTexture, 0.25f, 0.25f, 0.25f, 0.25f);
-    EXPECT_EQ(kept[5], 0.25f);
-    const std::vector<float> source(4 * 4, 0.5f);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source.data());
-    ClearThrough(_pTexture, 0.75f, 0.75f, 0.75f, 0.75f);
-    ASSERT_NO_KS_ERROR();
-    for (float f : kept)
-        EXPECT_EQ(f, 0.25f) << "cleared through a pointer the texture no longer owns";
-    EXPECT_EQ(source, std::vector<float>(4 * 4, 0.5f));
-}
-
 } // namespace
 } // namespace KestrelTest

@@ -303,6 +303,14 @@ TEST_F(KestrelTextureContents, ImagesAreCopiedUnlessClientStorage)
     record = Level(0);
     EXPECT_EQ(record.width, 3);
     EXPECT_TRUE(record.clientStorage);
+
+    // An image made without client storage lets the host's memory go.
+    const std::vector<unsigned char> kept = source;
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 3, 2, 0, KS_RGBA, KS_UNSIGNED_BYTE, original.data());
+    ksClear(KS_COLOR_BUFFER_BIT);
+    EXPECT_FALSE(Level(0).clientStorage);
+    EXPECT_EQ(Level(0).bytes, cleared);
+    EXPECT_EQ(source, kept) << "cleared through a pointer the texture no longer owns";
     _KStexture* gone = NewTexture();
     ksDeleteTextures(1, &gone);
     EXPECT_FALSE(ReadTexture(gone, 0, &record));
