@@ -1,5 +1,4 @@
-// Buffer storage, maps and names; texture images, client storage, parameters
-// and mipmaps.
+// Buffer storage and maps; texture images and client storage.
 #include "KestrelFixture.h"
 
 #include <cmath>
@@ -40,32 +39,6 @@ protected:
 
     _KSbuffer* _pBuffer = nullptr;
 };
-
-TEST_F(KestrelBuffers, DataIsCopiedOrZeroedAndMapGivesTheStorageItself)
-{
-    unsigned char source[16];
-    for (int i = 0; i < 16; ++i)
-        source[i] = static_cast<unsigned char>(i * 7 + 1);
-    ksBufferData(KS_ARRAY_BUFFER, sizeof(source), source, KS_STATIC_DRAW);
-    ASSERT_NO_KS_ERROR();
-    const std::vector<unsigned char> expected(source, source + 16);
-    std::memset(source + 4, 0, 4); // the buffer has its own copy
-    EXPECT_EQ(ReadBack(16), expected);
-
-    // New storage replaces the old contents entirely.
-    ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_DYNAMIC_DRAW);
-    EXPECT_EQ(ReadBack(8), std::vector<unsigned char>(8, 0));
-
-    // What is written through a map is seen by a map from another target.
-    auto* written = static_cast<unsigned char*>(ksMapBuffer(KS_ARRAY_BUFFER, KS_WRITE_ONLY));
-    ASSERT_NE(written, nullptr);
-    std::memcpy(written, expected.data(), 8);
-    ksUnmapBuffer(KS_ARRAY_BUFFER);
-    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
-    EXPECT_EQ(ReadBack(8, KS_UNIFORM_BLOCK_BUFFER),
-              std::vector<unsigned char>(expected.begin(), expected.begin() + 8));
-    EXPECT_NO_KS_ERROR();
-}
 
 TEST_F(KestrelBuffers, MapConflictsAreInvalidOperations)
 {
@@ -154,29 +127,6 @@ TEST_F(KestrelBuffers, UsageAndAccessMustBeKnown)
     EXPECT_NO_KS_ERROR();
 }
 
-TEST_F(KestrelBuffers, NameIsEmptyUntilSet)
-{
-    const auto name = []
-    {
-        const char* text = nullptr;
-        ksGetBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, &text);
-        return std::string(text ? text : "<null>");
-    };
-    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, _pBuffer);
-    EXPECT_EQ(name(), "");
-    std::string given = "mesh vertices";
-    ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, given.c_str());
-    given.assign(given.size(), 'x'); // the runtime keeps its own copy
-    EXPECT_EQ(name(), "mesh vertices");
-    // A second buffer has its own (empty) name.
-    ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, NewBuffer());
-    EXPECT_EQ(name(), "");
-    EXPECT_NO_KS_ERROR();
-
-    EXPECT_TRUE(WroteZero(ksGetBufferParameterString, int(KS_UNIFORM_BLOCK_BUFFER), 0x999));
-    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGetBufferParameterString");
-}
-
 // ---------------------------------------------------------------------------
 // Textures
 
@@ -227,11 +177,8 @@ TEST_F(KestrelTextures, ImageArgumentsAreChecked)
         {"unknown format", 0x1234, 0x1234, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
         {"formats differ", KS_RGB, KS_RGBA, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
         {"formats differ", KS_RGBA, KS_RGB, KS_UNSIGNED_BYTE, 0, 2, 2, 0, KS_INVALID_ENUM},
-        {"no internal format", 0, KS_RGBA, KS_FLOAT, 0, 2, 2, 0, KS_INVALID_ENUM},
-        {"no format or type", KS_RGBA, 0, 0, 0, 2, 2, 0, KS_INVALID_ENUM},
         {"level 1", KS_RGBA, KS_RGBA, KS_FLOAT, 1, 2, 2, 0, KS_INVALID_VALUE},
         {"border 1", KS_RGBA, KS_RGBA, KS_FLOAT, 0, 2, 2, 1, KS_INVALID_VALUE},
-        {"negative width", KS_RGBA, KS_RGBA, KS_FLOAT, 0, -1, 2, 0, KS_INVALID_VALUE},
         {"negative height", KS_RGBA, KS_RGBA, KS_FLOAT, 0, 2, -4, 0, KS_INVALID_VALUE},
     };
     for (const Case& c : cases)
@@ -325,73 +272,6 @@ TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
         Attach(0, nullptr);
         ksDeleteTextures(1, &texture);
     }
-}
-
-// Client storage, then an image without it: the old memory is let go.
-TEST_F(KestrelTextures, AnImageWithoutClientStorageLetsTheOldMemoryGo)
-{
-    float kept[4 * 4] = {};
-    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, kept);
-    ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0);
-    ClearThrough(_pTexture, 0.25f, 0.25f, 0.25f, 0.25f);
-    EXPECT_EQ(kept[5], 0.25f);
-    const std::vector<float> source(4 * 4, 0.5f);
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 2, 0, KS_RGBA, KS_FLOAT, source.data());
-    ClearThrough(_pTexture, 0.75f, 0.75f, 0.75f, 0.75f);
-    ASSERT_NO_KS_ERROR();
-    for (float f : kept)
-        EXPECT_EQ(f, 0.25f) << "cleared through a pointer the texture no longer owns";
-    EXPECT_EQ(source, std::vector<float>(4 * 4, 0.5f));
-}
-
-// Every parameter takes each of the six filter and wrap values; a value of
-// the other kind is kept and acts as the parameter's default when rendering.
-TEST_F(KestrelTextures, ParametersTakeTheSixFilterAndWrapValues)
-{
-    const int parameters[] = {KS_TEXTURE_MIN_FILTER, KS_TEXTURE_MAG_FILTER, KS_TEXTURE_WRAP_S,
-                              KS_TEXTURE_WRAP_T};
-    for (int name : parameters)
-    {
-        for (int value : {KS_NEAREST, KS_LINEAR, KS_LINEAR_MIPMAP_LINEAR, KS_REPEAT,
-                          KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT})
-        {
-            ksTexParameteri(KS_TEXTURE_2D, name, value);
-            EXPECT_NO_KS_ERROR() << Hex(name) << " " << Hex(value);
-        }
-        for (int value : {0, 1, -1, KS_TEXTURE_2D})
-        {
-            ksTexParameteri(KS_TEXTURE_2D, name, value);
-            EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri") << Hex(name) << " " << value;
-        }
-    }
-    ksTexParameteri(KS_TEXTURE_2D, 0x2804, KS_LINEAR);
-    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
-    ksTexParameteri(KS_TEXTURE_BINDING_2D, KS_TEXTURE_MIN_FILTER, KS_LINEAR);
-    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
-}
-
-TEST_F(KestrelTextures, MipmapsNeedACopiedImage)
-{
-    ksGenerateMipmap(KS_TEXTURE_2D);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap"); // no image yet
-
-    unsigned char pixels[8 * 4 * 4] = {};
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 8, 4, 0, KS_RGBA, KS_UNSIGNED_BYTE, pixels);
-    ksGenerateMipmap(KS_TEXTURE_2D);
-    EXPECT_NO_KS_ERROR();
-    ksTexImage2D(KS_TEXTURE_2D, 0, KS_LUMINANCE, 1, 1, 0, KS_LUMINANCE, KS_FLOAT, nullptr);
-    ksGenerateMipmap(KS_TEXTURE_2D);
-    EXPECT_NO_KS_ERROR() << "a 1x1 image has a trivial chain";
-
-    NewClientTexture(8, 4, KS_RGBA, KS_UNSIGNED_BYTE, pixels); // bound now
-    ksGenerateMipmap(KS_TEXTURE_2D);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap");
-    for (unsigned char p : pixels)
-        ASSERT_EQ(p, 0) << "the rejected call touched client memory";
-
-    ksGenerateMipmap(KS_TEXTURE_BINDING_2D);
-    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGenerateMipmap");
 }
 
 } // namespace

@@ -1,7 +1,6 @@
-// Contexts, the current context, the error model and context-wide queries.
+// Contexts, the current context and the error model.
 #include "KestrelFixture.h"
 
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -17,31 +16,36 @@ using Kestrel::Testing::CountObjects;
 // ---------------------------------------------------------------------------
 // Creation and attributes
 
-TEST(KestrelContexts, CreatesFromGoodAttributesAndRejectsBadOnesWithoutLeaking)
+// Good attributes make an empty context whose maxima show in the queries and
+// bound the frame's limits, which start within them and keep their value
+// when a set is refused. Bad ones make none, and leak nothing.
+TEST(KestrelContexts, AttributesAreCheckedAndSetTheEnforcedMaxima)
 {
     struct Case
     {
         const char* label;
         std::vector<long long> attributes; // without the terminating 0 key
-        bool accepted;
+        int maxRayDepth;                   // 0: refused
+        int maxFilterTableSize;
     };
     const Case cases[] = {
-        {"empty list", {}, true},
-        {"one thread", {KS_CONTEXT_RENDER_THREADS, 1}, true},
-        {"threads per core", {KS_CONTEXT_RENDER_THREADS, 0}, true},
-        {"ray depth 1", {KS_CONTEXT_MAX_RAY_DEPTH, 1}, true},
+        {"empty list", {}, 16, 64},
+        {"one thread", {KS_CONTEXT_RENDER_THREADS, 1}, 16, 64},
+        {"threads per core", {KS_CONTEXT_RENDER_THREADS, 0}, 16, 64},
+        {"ray depth 1", {KS_CONTEXT_MAX_RAY_DEPTH, 1}, 1, 64},
+        {"filter table 5", {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 5}, 16, 5},
         {"all keys",
          {KS_CONTEXT_RENDER_THREADS, 2, KS_CONTEXT_MAX_RAY_DEPTH, 32,
           KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 8},
-         true},
-        {"unknown key", {0x12345, 1}, false},
-        {"unknown key after a good one", {KS_CONTEXT_RENDER_THREADS, 1, 0x12345, 1}, false},
-        {"negative thread count", {KS_CONTEXT_RENDER_THREADS, -1}, false},
-        {"ray depth 0", {KS_CONTEXT_MAX_RAY_DEPTH, 0}, false},
-        {"negative ray depth", {KS_CONTEXT_MAX_RAY_DEPTH, -5}, false},
-        {"absurd ray depth", {KS_CONTEXT_MAX_RAY_DEPTH, 1LL << 40}, false},
-        {"filter table 0", {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 0}, false},
-        {"absurd filter table", {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 1LL << 40}, false},
+         32,
+         8},
+        {"unknown key", {0x12345, 1}, 0, 0},
+        {"unknown key after a good one", {KS_CONTEXT_RENDER_THREADS, 1, 0x12345, 1}, 0, 0},
+        {"negative thread count", {KS_CONTEXT_RENDER_THREADS, -1}, 0, 0},
+        {"ray depth 0", {KS_CONTEXT_MAX_RAY_DEPTH, 0}, 0, 0},
+        {"absurd ray depth", {KS_CONTEXT_MAX_RAY_DEPTH, 1LL << 40}, 0, 0},
+        {"filter table 0", {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 0}, 0, 0},
+        {"absurd filter table", {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 1LL << 40}, 0, 0},
     };
     const int before = CountContexts();
     void* fromNull = KestrelCreateContext(nullptr, nullptr, nullptr);
@@ -55,62 +59,41 @@ TEST(KestrelContexts, CreatesFromGoodAttributesAndRejectsBadOnesWithoutLeaking)
         std::vector<long long> list = c.attributes;
         list.push_back(0);
         void* context = KestrelCreateContext(list.data(), nullptr, nullptr);
-        EXPECT_EQ(context != nullptr, c.accepted);
-        EXPECT_EQ(CountContexts(), before + (c.accepted ? 1 : 0));
+        EXPECT_EQ(context != nullptr, c.maxRayDepth != 0);
+        EXPECT_EQ(CountContexts(), before + (context ? 1 : 0));
         if (context)
         {
             EXPECT_EQ(CountObjects(context), Kestrel::Testing::ObjectCounts{});
+            ASSERT_EQ(KestrelSetCurrentContext(context), 1);
+            int maxDepth = -1;
+            int maxTable = -1;
+            int limit = -1;
+            ksGetIntegerv(KS_MAX_RAY_DEPTH, &maxDepth);
+            ksGetIntegerv(KS_MAX_FILTER_TABLE_SIZE, &maxTable);
+            ksGetFrameParameteriv(KS_RAY_DEPTH_LIMIT, &limit);
+            EXPECT_EQ(maxDepth, c.maxRayDepth);
+            EXPECT_EQ(maxTable, c.maxFilterTableSize);
+            EXPECT_GE(limit, 0);
+            EXPECT_LE(limit, maxDepth);
+            // Each limit takes 0 (a ray depth) or its maximum, and refuses
+            // one more, keeping its value.
+            ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 0);
+            ksGetFrameParameteriv(KS_RAY_DEPTH_LIMIT, &limit);
+            EXPECT_EQ(limit, 0);
+            EXPECT_EQ(ksGetError(), KS_NO_ERROR);
+            for (const auto& [name, maximum] : {std::pair{KS_RAY_DEPTH_LIMIT, maxDepth},
+                                                std::pair{KS_FILTER_TABLE_SIZE, maxTable}})
+            {
+                ksFrameParameter1i(name, maximum);
+                EXPECT_EQ(ksGetError(), KS_NO_ERROR);
+                ksFrameParameter1i(name, maximum + 1);
+                EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
+                ksGetFrameParameteriv(name, &limit);
+                EXPECT_EQ(limit, maximum) << Hex(name);
+            }
         }
         KestrelDestroyContext(context);
         EXPECT_EQ(CountContexts(), before);
-    }
-}
-
-// The maxima show in queries and bound the frame's limits, which start within
-// them and keep their value when a set is refused.
-TEST(KestrelContexts, AttributesSetTheEnforcedMaxima)
-{
-    struct Case
-    {
-        std::vector<long long> attributes;
-        int maxRayDepth;
-        int maxFilterTableSize;
-    };
-    const Case cases[] = {
-        {{0}, 16, 64},
-        {{KS_CONTEXT_MAX_RAY_DEPTH, 3, 0}, 3, 64},
-        {{KS_CONTEXT_MAX_FILTER_TABLE_SIZE, 5, 0}, 16, 5},
-    };
-    for (const Case& c : cases)
-    {
-        void* context = KestrelCreateContext(c.attributes.data(), nullptr, nullptr);
-        ASSERT_EQ(KestrelSetCurrentContext(context), 1);
-        int maxDepth = -1;
-        int maxTable = -1;
-        int limit = -1;
-        ksGetIntegerv(KS_MAX_RAY_DEPTH, &maxDepth);
-        ksGetIntegerv(KS_MAX_FILTER_TABLE_SIZE, &maxTable);
-        ksGetFrameParameteriv(KS_RAY_DEPTH_LIMIT, &limit);
-        EXPECT_EQ(maxDepth, c.maxRayDepth);
-        EXPECT_EQ(maxTable, c.maxFilterTableSize);
-        EXPECT_GE(limit, 0);
-        EXPECT_LE(limit, maxDepth);
-        ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 0);
-        ksGetFrameParameteriv(KS_RAY_DEPTH_LIMIT, &limit);
-        EXPECT_EQ(limit, 0);
-        EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-        // Each limit takes its maximum and refuses one more, keeping its value.
-        for (const auto& [name, maximum] :
-             {std::pair{KS_RAY_DEPTH_LIMIT, maxDepth}, std::pair{KS_FILTER_TABLE_SIZE, maxTable}})
-        {
-            ksFrameParameter1i(name, maximum);
-            EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-            ksFrameParameter1i(name, maximum + 1);
-            EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
-            ksGetFrameParameteriv(name, &limit);
-            EXPECT_EQ(limit, maximum) << Hex(name);
-        }
-        KestrelDestroyContext(context);
     }
 }
 
@@ -141,32 +124,6 @@ TEST_F(KestrelCurrent, SetCurrentAcceptsOnlyLiveContexts)
     KestrelDestroyContext(destroyed);
     KestrelDestroyContext(ForgedHandle<void>());
     EXPECT_EQ(CountContexts(), _nContextsBefore + 1);
-}
-
-TEST_F(KestrelCurrent, BindingsAndErrorsBelongToTheirContext)
-{
-    _KSbuffer* buffer = NewBuffer();
-    ksBindBuffer(KS_ARRAY_BUFFER, buffer);
-    ksBindBuffer(0x1234, nullptr); // leaves an error pending in this context
-    _recorder.Take();
-
-    NoticeRecorder otherRecorder;
-    void* other = KestrelCreateContext(nullptr, &NoticeRecorder::Callback, &otherRecorder);
-    ASSERT_EQ(KestrelSetCurrentContext(other), 1);
-    _KSbuffer* bound = buffer;
-    ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, nullptr);
-    EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-    ksBindBuffer(KS_ARRAY_BUFFER, buffer); // foreign here
-    EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
-    EXPECT_EQ(otherRecorder.Take().size(), 1u);
-    EXPECT_TRUE(_recorder.Take().empty()) << "an error reached the wrong context's callback";
-
-    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, buffer);
-    EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
-    KestrelDestroyContext(other);
 }
 
 TEST_F(KestrelCurrent, WithoutCurrentContextCallsWriteZeroAndRaiseNothing)
@@ -234,33 +191,6 @@ TEST_F(KestrelCurrent, WithoutCurrentContextCallsWriteZeroAndRaiseNothing)
     EXPECT_EQ(CountObjects(_pContext).buffers, 1);
 }
 
-TEST_F(KestrelCurrent, CurrentContextIsSharedByAllThreads)
-{
-    _KSbuffer* fromThread = nullptr;
-    std::thread(
-        [&]
-        {
-            fromThread = NewBuffer();
-            ksBindBuffer(KS_ELEMENT_ARRAY_BUFFER, fromThread);
-        })
-        .join();
-    ASSERT_NE(fromThread, nullptr);
-    _KSbuffer* bound = nullptr;
-    ksGetBuffer(KS_ELEMENT_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, fromThread);
-
-    void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
-    int switched = 0;
-    std::thread([&] { switched = KestrelSetCurrentContext(other); }).join();
-    EXPECT_EQ(switched, 1);
-    ksGetBuffer(KS_ELEMENT_ARRAY_BUFFER_BINDING, &bound);
-    EXPECT_EQ(bound, nullptr) << "the other thread's switch is not visible here";
-
-    ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    KestrelDestroyContext(other);
-    EXPECT_NO_KS_ERROR();
-}
-
 // ---------------------------------------------------------------------------
 // Errors and notifications
 
@@ -324,36 +254,6 @@ TEST_F(KestrelErrors, CallbackMayCallKestrelAndIsOptional)
     }
     EXPECT_EQ(reentrant.seen, KS_INVALID_ENUM);
     ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-    EXPECT_NO_KS_ERROR();
-}
-
-// ---------------------------------------------------------------------------
-// Context-wide queries
-
-using KestrelQueries = KestrelFixture;
-
-TEST_F(KestrelQueries, VersionProfileAndBooleans)
-{
-    const char* version = ksGetString(KS_VERSION);
-    ASSERT_NE(version, nullptr);
-    EXPECT_EQ(std::string(version).rfind("1.4 Kestrel runtime", 0), 0u) << version;
-    const char* profile = ksGetString(KS_PROFILE);
-    ASSERT_NE(profile, nullptr);
-    EXPECT_GT(std::strlen(profile), 0u);
-    EXPECT_EQ(KestrelGetHardwareAcceleratorCount(), 0);
-
-    // Booleans write all 32 bits.
-    const std::pair<int, int> booleans[] = {
-        {KS_HARDWARE_ACCELERATED, 0},
-        {KS_DIFFERENTIALS_ENABLED, 0},
-        {KS_FILTERED_ACCUMULATES_ENABLED, 1},
-    };
-    for (const auto& [name, expected] : booleans)
-    {
-        int value = 0x7f7f7f7f;
-        ksGetBooleanv(name, &value);
-        EXPECT_EQ(value, expected) << Hex(name);
-    }
     EXPECT_NO_KS_ERROR();
 }
 

@@ -7,6 +7,7 @@
 #include <functional>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace KestrelTest
@@ -51,8 +52,8 @@ protected:
 };
 
 // Without a program in use every setter is taken and stores its type, count
-// and values (the last call at a location wins); under a program only the
-// setters of the declared type are.
+// and values, and nothing of what another kind of setter left at the
+// location; under a program only the setters of the declared type are.
 TEST_F(KestrelUniformValues, EachSetterStoresItsValuesAndMustMatchTheDeclaredType)
 {
     _KStexture* textures[2] = {NewTexture(), nullptr};
@@ -99,12 +100,17 @@ TEST_F(KestrelUniformValues, EachSetterStoresItsValuesAndMustMatchTheDeclaredTyp
         {[&](int l) { ksUniformp(l, others[0]); }, "primitive 1:" + primitive},
         {[&](int l) { ksUniformpv(l, 2, others); }, "primitive 2:" + primitive + " h0"},
     };
+    // What each setter replaces at location + 100: every change of storage
+    // kind comes up once in the rotation.
+    const std::function<void(int)> before[] = {[](int l) { ksUniform1f(l, 9.0f); },
+                                               [](int l) { ksUniform1i(l, 9); },
+                                               [&](int l) { ksUniformp(l, others[0]); }};
     int location = 0;
     for (const auto& c : cases)
     {
         SCOPED_TRACE(c.stored);
         c.set(location);
-        ksUniform1i(location + 100, 1);
+        before[location % 3](location + 100);
         c.set(location + 100);
         ASSERT_NO_KS_ERROR();
         EXPECT_EQ(Stored(_ePrimitive, location), c.stored);
@@ -147,21 +153,12 @@ TEST_F(KestrelUniformValues, EachSetterStoresItsValuesAndMustMatchTheDeclaredTyp
     }
 }
 
-TEST_F(KestrelUniformValues, RejectedAndIgnoredCallsStoreNothing)
+TEST_F(KestrelUniformValues, UnusedLocationsAndOtherPrimitivesStoreNothing)
 {
-    const float values[3] = {1, 2, 3};
-    ksUniform3fv(0, 1, values);
     ksUniform1f(-1, 5.0f);
+    ksUniform1f(0, 5.0f);
     ASSERT_NO_KS_ERROR();
-    ksUniform3fv(0, -1, values);
-    ksUniform3fv(0, 1, nullptr);
-    ksUniformMatrix3fv(0, 1, 2, values);
-    ksUniform1f(-2, 5.0f);
-    ksGetError();
-    _recorder.Take();
-    EXPECT_EQ(Stored(_ePrimitive, 0), "vec3 1: f1 f2 f3");
     EXPECT_EQ(Stored(_ePrimitive, -1), "nothing");
-    EXPECT_EQ(Stored(_ePrimitive, 1), "nothing");
 
     // Values belong to the primitive they were set on.
     const KSprimitive other = NewPrimitive();
@@ -211,6 +208,7 @@ TEST_F(KestrelUniformValues, PrimitiveRecordsNameProgramAndBlocks)
     ksUniformBlockBuffer(3, buffers[0]);
     ksUniformBlockBuffer(1, buffers[1]);
     ksUniformBlockBuffer(3, buffers[1]);
+    ksUniformBlockBuffer(2, nullptr);
     ASSERT_NO_KS_ERROR();
     // Rejected calls change nothing.
     ksUseProgram(ForgedHandle<_KSprogram>());
@@ -223,7 +221,8 @@ TEST_F(KestrelUniformValues, PrimitiveRecordsNameProgramAndBlocks)
     EXPECT_EQ(record.program, program);
     EXPECT_EQ(record.blocks, Blocks({{1, buffers[1]}, {3, buffers[1]}}));
     // Null takes the program away; so does deleting it, from the frame
-    // primitive too, and deleting a buffer takes it out of the blocks.
+    // primitive too, and deleting a buffer takes just it out of the blocks.
+    ksUniformBlockBuffer(2, buffers[0]);
     ksUseProgram(nullptr);
     EXPECT_EQ(read(_ePrimitive).program, nullptr);
     ksUseProgram(program);
@@ -233,7 +232,7 @@ TEST_F(KestrelUniformValues, PrimitiveRecordsNameProgramAndBlocks)
     ksDeleteBuffers(1, &buffers[1]);
     record = read(_ePrimitive);
     EXPECT_EQ(record.program, nullptr);
-    EXPECT_EQ(record.blocks, Blocks());
+    EXPECT_EQ(record.blocks, Blocks({{2, buffers[0]}}));
     EXPECT_EQ(read(KSprimitive(0)).program, nullptr);
     KSprimitive gone = NewPrimitive();
     ksDeletePrimitives(1, &gone);
@@ -304,37 +303,59 @@ TEST_F(KestrelTextureContents, ImagesAreCopiedUnlessClientStorage)
     record = Level(0);
     EXPECT_EQ(record.width, 3);
     EXPECT_TRUE(record.clientStorage);
+
+    // An image made without client storage lets the host's memory go.
+    const std::vector<unsigned char> kept = source;
+    ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 3, 2, 0, KS_RGBA, KS_UNSIGNED_BYTE, original.data());
+    ksClear(KS_COLOR_BUFFER_BIT);
+    EXPECT_FALSE(Level(0).clientStorage);
+    EXPECT_EQ(Level(0).bytes, cleared);
+    EXPECT_EQ(source, kept) << "cleared through a pointer the texture no longer owns";
     _KStexture* gone = NewTexture();
     ksDeleteTextures(1, &gone);
     EXPECT_FALSE(ReadTexture(gone, 0, &record));
     EXPECT_FALSE(ReadTexture(_pTexture, 1, &record)) << "no mip level was built";
 }
 
-TEST_F(KestrelTextureContents, ParametersAreStored)
+// Every parameter takes each of the six filter and wrap values (one of the
+// other kind acts as the parameter's default when rendering); anything else
+// is refused and keeps the value.
+TEST_F(KestrelTextureContents, ParametersTakeTheSixValuesAndKeepThemOnRefusal)
 {
-    const struct
-    {
-        int name;
-        int value;
-        int TextureRecord::*field;
-    } cases[] = {
-        {KS_TEXTURE_MIN_FILTER, KS_LINEAR_MIPMAP_LINEAR, &TextureRecord::minFilter},
-        {KS_TEXTURE_MAG_FILTER, KS_NEAREST, &TextureRecord::magFilter},
-        {KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE, &TextureRecord::wrapS},
-        {KS_TEXTURE_WRAP_T, KS_MIRRORED_REPEAT, &TextureRecord::wrapT},
+    const std::pair<int, int TextureRecord::*> parameters[] = {
+        {KS_TEXTURE_MIN_FILTER, &TextureRecord::minFilter},
+        {KS_TEXTURE_MAG_FILTER, &TextureRecord::magFilter},
+        {KS_TEXTURE_WRAP_S, &TextureRecord::wrapS},
+        {KS_TEXTURE_WRAP_T, &TextureRecord::wrapT},
     };
     ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, 1, 1, 0, KS_RGB, KS_FLOAT, nullptr);
-    for (const auto& c : cases)
+    for (const auto& [name, field] : parameters)
     {
-        ksTexParameteri(KS_TEXTURE_2D, c.name, c.value);
-        ksTexParameteri(KS_TEXTURE_2D, c.name, 0x7777); // rejected: keeps the value
-        EXPECT_KS_ERROR(KS_INVALID_ENUM);
-        EXPECT_EQ(Level(0).*(c.field), c.value) << Hex(c.name);
+        for (int value : {KS_NEAREST, KS_LINEAR, KS_LINEAR_MIPMAP_LINEAR, KS_REPEAT,
+                          KS_CLAMP_TO_EDGE, KS_MIRRORED_REPEAT})
+        {
+            ksTexParameteri(KS_TEXTURE_2D, name, value);
+            EXPECT_NO_KS_ERROR() << Hex(name) << " " << Hex(value);
+            EXPECT_EQ(Level(0).*field, value) << Hex(name);
+        }
+        for (int value : {0, 1, -1, KS_TEXTURE_2D})
+        {
+            ksTexParameteri(KS_TEXTURE_2D, name, value);
+            EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri") << Hex(name) << " " << value;
+        }
+        EXPECT_EQ(Level(0).*field, KS_MIRRORED_REPEAT) << Hex(name);
     }
+    ksTexParameteri(KS_TEXTURE_2D, 0x2804, KS_LINEAR);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
+    ksTexParameteri(KS_TEXTURE_BINDING_2D, KS_TEXTURE_MIN_FILTER, KS_LINEAR);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksTexParameteri");
 }
 
+// Mipmaps need a copied image of the bound texture.
 TEST_F(KestrelTextureContents, MipmapsAreBoxFilteredDownToOnePixel)
 {
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap"); // no image yet
     // 8x4 RGBA, constant in each 2x2 block, chosen so that every average is exact.
     const int blocks[2][4] = {{0, 8, 16, 24}, {40, 48, 56, 64}};
     std::vector<unsigned char> pixels(8 * 4 * 4);
@@ -372,6 +393,14 @@ TEST_F(KestrelTextureContents, MipmapsAreBoxFilteredDownToOnePixel)
     TextureRecord beyond;
     EXPECT_FALSE(ReadTexture(_pTexture, 4, &beyond));
     EXPECT_EQ(Level(0).bytes, pixels) << "mipmapping changed the base level";
+    ksGenerateMipmap(KS_TEXTURE_BINDING_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksGenerateMipmap");
+
+    std::vector<unsigned char> client = pixels;
+    NewClientTexture(8, 4, KS_RGBA, KS_UNSIGNED_BYTE, client.data()); // bound now
+    ksGenerateMipmap(KS_TEXTURE_2D);
+    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksGenerateMipmap");
+    EXPECT_EQ(client, pixels) << "the rejected call touched client memory";
 }
 
 } // namespace

@@ -2,7 +2,6 @@
 #include "KestrelFixture.h"
 
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -68,24 +67,16 @@ protected:
     }
 };
 
-TEST_F(KestrelShaders, CreatesTheFourKindsAndRejectsOthers)
+// Only the four kinds make shaders. 0x10202 sits in the gap between two
+// kinds.
+TEST_F(KestrelShaders, KindsOutsideTheFourMakeNoShader)
 {
-    std::set<_KSshader*> made;
-    for (int kind : {KS_VERTEX_SHADER, KS_LINK_ONCE_SHADER, KS_SHADER_KIND_2, KS_SHADER_KIND_3})
-    {
-        _KSshader* shader = ksCreateShader(kind);
-        EXPECT_NE(shader, nullptr) << Hex(kind);
-        made.insert(shader);
-        EXPECT_NO_KS_ERROR() << Hex(kind);
-    }
-    EXPECT_EQ(made.size(), 4u);
-    // 0x10202 sits in the gap between two kinds.
     for (int kind : {0, -1, KS_VERTEX_SHADER + 1, 0x10202, KS_COMPILE_STATUS})
     {
         EXPECT_EQ(ksCreateShader(kind), nullptr) << Hex(kind);
         EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksCreateShader") << Hex(kind);
     }
-    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).shaders, 4);
+    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).shaders, 0);
 }
 
 TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
@@ -123,64 +114,21 @@ TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
     }
 }
 
-// A failed compile or link is no API error: the status and the log say it, and
-// a later good one clears both.
-TEST_F(KestrelShaders, CompileAndLinkReportStatusAndLog)
-{
-    _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
-    _KSprogram* program = ksCreateProgram();
-    EXPECT_EQ(CompileStatus(shader), 0) << "not compiled yet";
-    EXPECT_EQ(LinkStatus(program), 0) << "not linked yet";
-    ksCompileShader(shader); // never given a source
-    ksLinkProgram(program);  // no shaders
-    EXPECT_EQ(CompileStatus(shader), 0);
-    EXPECT_EQ(LinkStatus(program), 0);
-    EXPECT_NE(ShaderText(shader, KS_SHADER_LOG).find("error"), std::string::npos);
-    EXPECT_NE(ProgramLog(program).find("error"), std::string::npos) << ProgramLog(program);
-    EXPECT_NO_KS_ERROR();
-
-    const char* source = kSphereSource;
-    ksShaderSource(shader, 1, &source, nullptr);
-    ksCompileShader(shader);
-    EXPECT_EQ(CompileStatus(shader), 1);
-    EXPECT_EQ(ShaderText(shader, KS_SHADER_LOG), "");
-    ksAttachShader(program, shader);
-    ksLinkProgram(program);
-    EXPECT_EQ(LinkStatus(program), 1) << ProgramLog(program);
-    EXPECT_EQ(ProgramLog(program), "");
-    EXPECT_NO_KS_ERROR();
-}
-
-TEST_F(KestrelShaders, DeletionToleratesRepeatsAndAttachments)
+// A shader deleted while attached lives until detached; a deleted program,
+// deleted again without a word, leaves its shaders whole.
+TEST_F(KestrelShaders, DeletionLeavesAttachedShadersAndIsSilentTwice)
 {
     _KSshader* shape = Compiled(KS_VERTEX_SHADER, kSphereSource);
     _KSshader* shared = Compiled(KS_LINK_ONCE_SHADER, kDeclarationsSource);
     _KSprogram* program = Linked({shape, shared});
     ASSERT_EQ(LinkStatus(program), 1) << ProgramLog(program);
-
-    // A link-once shader is deleted after each link yet stays attached.
     ksDeleteShader(shared);
-    ksDeleteShader(shared);
-    ASSERT_NO_KS_ERROR();
-    ksLinkProgram(program);
-    EXPECT_EQ(LinkStatus(program), 1) << "the program lost what it needed of a deleted shader";
     ksDeleteShader(shared);
     ksDetachShader(program, shared);
-    ksDetachShader(program, shared);
-    EXPECT_NO_KS_ERROR();
-
-    // Deleting the program takes it off the frame primitive and leaves its
-    // shaders whole.
-    ksUseProgram(program);
     ksDeleteProgram(program);
-    Kestrel::Testing::PrimitiveRecord frame;
-    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(KSprimitive(0), &frame));
-    EXPECT_EQ(frame.program, nullptr);
     ksDeleteProgram(program);
     EXPECT_NO_KS_ERROR();
     EXPECT_EQ(ShaderText(shape, KS_SHADER_SOURCE), kSphereSource);
-    ksCompileShader(shape);
-    EXPECT_EQ(CompileStatus(shape), 1);
     _KSprogram* again = Linked({shape});
     EXPECT_EQ(LinkStatus(again), 1) << ProgramLog(again);
     EXPECT_NO_KS_ERROR();
@@ -191,7 +139,12 @@ TEST_F(KestrelShaders, DeletionToleratesRepeatsAndAttachments)
 TEST_F(KestrelShaders, AttachmentsAreASet)
 {
     _KSprogram* program = ksCreateProgram();
-    _KSshader* shader = Compiled(KS_VERTEX_SHADER, kSphereSource);
+    _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
+    EXPECT_EQ(CompileStatus(shader), 0) << "not compiled yet";
+    EXPECT_EQ(LinkStatus(program), 0) << "not linked yet";
+    const char* source = kSphereSource;
+    ksShaderSource(shader, 1, &source, nullptr);
+    ksCompileShader(shader);
     ksAttachShader(program, shader);
     ASSERT_NO_KS_ERROR();
     ksAttachShader(program, shader);
@@ -221,68 +174,35 @@ TEST_F(KestrelShaders, NamesMatchOnlyWhole)
 }
 
 // ---------------------------------------------------------------------------
-// Primitives and uniforms
+// Uniform arguments
 
-using KestrelPrimitives = KestrelFixture;
+using KestrelUniforms = KestrelFixture;
 
-TEST_F(KestrelPrimitives, GeneratedPrimitivesAreDistinctAndZeroIsTheFrame)
-{
-    KSprimitive primitives[4] = {};
-    ksGenPrimitives(4, primitives);
-    EXPECT_EQ(std::set<unsigned>(primitives, primitives + 4).size(), 4u);
-    for (KSprimitive p : primitives)
-        EXPECT_NE(p, 0u);
-    ksBindPrimitive(KS_PRIMITIVE, primitives[2]);
-    ksBindPrimitive(KS_PRIMITIVE, KSprimitive(0));
-    EXPECT_NO_KS_ERROR();
-    KSprimitive bound = primitives[1];
-    ksGetPrimitive(KS_PRIMITIVE_BINDING, &bound);
-    EXPECT_EQ(bound, 0u);
-    // The frame primitive takes uniforms and a program like any other.
-    ksUniform1f(0, 2.0f);
-    ksUseProgram(ksCreateProgram());
-    ksUseProgram(nullptr);
-    EXPECT_NO_KS_ERROR();
-}
-
-// Each uniform setter called with a location, a count and data or null.
+// One setter of each kind of storage, called with a location, a count and
+// data or null.
 struct UniformSetter
 {
     const char* name;
     std::function<void(int location, long long count, bool withData)> call;
 };
 
-std::vector<UniformSetter> ArraySetters()
-{
-    static float floats[32] = {};
-    static int ints[32] = {};
-    static _KStexture* textures[2] = {};
-    static KSprimitive primitives[2] = {};
-    const auto f = [](bool on) { return on ? floats : nullptr; };
-    const auto i = [](bool on) { return on ? ints : nullptr; };
-    return {
-        {"ksUniform1fv", [=](int l, long long n, bool d) { ksUniform1fv(l, n, f(d)); }},
-        {"ksUniform2fv", [=](int l, long long n, bool d) { ksUniform2fv(l, n, f(d)); }},
-        {"ksUniform3fv", [=](int l, long long n, bool d) { ksUniform3fv(l, n, f(d)); }},
-        {"ksUniform4fv", [=](int l, long long n, bool d) { ksUniform4fv(l, n, f(d)); }},
-        {"ksUniform1iv", [=](int l, long long n, bool d) { ksUniform1iv(l, n, i(d)); }},
-        {"ksUniform2iv", [=](int l, long long n, bool d) { ksUniform2iv(l, n, i(d)); }},
-        {"ksUniform3iv", [=](int l, long long n, bool d) { ksUniform3iv(l, n, i(d)); }},
-        {"ksUniform4iv", [=](int l, long long n, bool d) { ksUniform4iv(l, n, i(d)); }},
-        {"ksUniformMatrix3fv",
-         [=](int l, long long n, bool d) { ksUniformMatrix3fv(l, n, 1, f(d)); }},
-        {"ksUniformMatrix4fv",
-         [=](int l, long long n, bool d) { ksUniformMatrix4fv(l, n, 0, f(d)); }},
-        {"ksUniformtv",
-         [=](int l, long long n, bool d) { ksUniformtv(l, n, d ? textures : nullptr); }},
-        {"ksUniformpv",
-         [=](int l, long long n, bool d) { ksUniformpv(l, n, d ? primitives : nullptr); }},
-    };
-}
-
-TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
+TEST_F(KestrelUniforms, ArraySettersCheckCountDataAndLocation)
 {
     ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
+    static const float floats[8] = {};
+    static const int ints[8] = {};
+    static _KStexture* const textures[2] = {};
+    static const KSprimitive primitives[2] = {};
+    const UniformSetter setters[] = {
+        {"ksUniform3fv",
+         [](int l, long long n, bool d) { ksUniform3fv(l, n, d ? floats : nullptr); }},
+        {"ksUniform2iv",
+         [](int l, long long n, bool d) { ksUniform2iv(l, n, d ? ints : nullptr); }},
+        {"ksUniformtv",
+         [](int l, long long n, bool d) { ksUniformtv(l, n, d ? textures : nullptr); }},
+        {"ksUniformpv",
+         [](int l, long long n, bool d) { ksUniformpv(l, n, d ? primitives : nullptr); }},
+    };
     struct Call
     {
         int location;
@@ -296,7 +216,7 @@ TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
         {-1, 2, true, KS_NO_ERROR},      {0, -1, true, KS_INVALID_VALUE},
         {0, 1, false, KS_INVALID_VALUE}, {-2, 1, true, KS_INVALID_VALUE},
     };
-    for (const UniformSetter& s : ArraySetters())
+    for (const UniformSetter& s : setters)
     {
         for (const Call& c : calls)
         {
@@ -308,59 +228,6 @@ TEST_F(KestrelPrimitives, ArrayUniformsCheckCountAndData)
                 EXPECT_KS_ERROR_IN(c.error, s.name);
         }
     }
-}
-
-TEST_F(KestrelPrimitives, ScalarUniformsAndBlocks)
-{
-    const KSprimitive primitive = NewPrimitive();
-    ksBindPrimitive(KS_PRIMITIVE, primitive);
-    _KStexture* texture = NewTexture();
-    const KSprimitive other = NewPrimitive();
-    _KSbuffer* buffer = NewBuffer();
-    const std::function<void(int)> setters[] = {
-        [](int l) { ksUniform1f(l, 1.0f); },    [](int l) { ksUniform1i(l, 4); },
-        [=](int l) { ksUniformt(l, texture); }, [](int l) { ksUniformt(l, nullptr); },
-        [=](int l) { ksUniformp(l, other); },   [](int l) { ksUniformp(l, KSprimitive(0)); },
-    };
-    for (const auto& set : setters)
-    {
-        set(3);
-        set(-1);
-        EXPECT_NO_KS_ERROR();
-        set(-7);
-        EXPECT_KS_ERROR(KS_INVALID_VALUE);
-    }
-
-    // Deleting a buffer drops just its own blocks.
-    _KSbuffer* kept = NewBuffer();
-    ksUniformBlockBuffer(0, buffer);
-    ksUniformBlockBuffer(1, kept);
-    ksUniformBlockBuffer(2, buffer);
-    ksUniformBlockBuffer(5, nullptr);
-    ksDeleteBuffers(1, &buffer);
-    EXPECT_NO_KS_ERROR();
-    Kestrel::Testing::PrimitiveRecord record;
-    ASSERT_TRUE(Kestrel::Testing::ReadPrimitive(primitive, &record));
-    EXPECT_EQ(record.blocks, (std::vector<std::pair<int, _KSbuffer*>>{{1, kept}}));
-
-    // Without a program a slot may change type, and keeps nothing of the old.
-    const float floats[3] = {1, 2, 3};
-    const int ints[2] = {4, 5};
-    const std::function<void()> asFloats = [&] { ksUniform3fv(5, 1, floats); };
-    const std::function<void()> asInts = [&] { ksUniform2iv(5, 1, ints); };
-    const std::function<void()> asTexture = [&] { ksUniformt(5, texture); };
-    // Every change of kind once.
-    const std::function<void()> retypes[] = {asFloats, asTexture, asInts,  asTexture,
-                                             asFloats, asInts,    asFloats};
-    for (const auto& set : retypes)
-    {
-        set();
-        Kestrel::Testing::UniformRecord stored;
-        ASSERT_TRUE(Kestrel::Testing::ReadUniform(primitive, 5, &stored));
-        EXPECT_EQ(!stored.floats.empty() + !stored.ints.empty() + !stored.handles.empty(), 1)
-            << stored.type;
-    }
-    EXPECT_NO_KS_ERROR();
 }
 
 } // namespace

@@ -19,47 +19,36 @@ using namespace Kestrel::Testing;
 
 using KestrelFaults = KestrelFixture;
 
-TEST_F(KestrelFaults, EachFunctionFailsItsOwnWay)
+// A fault fails one call with the error asked for: the function's own by
+// default, none, or another. What each failure does to the wrapper's calls is
+// the wrapper's fault sweep's to check; these are one function of each kind.
+TEST_F(KestrelFaults, AFaultFailsOneCallWithTheErrorAskedFor)
 {
     _KSbuffer* buffer = NewBuffer();
     ksBindBuffer(KS_ARRAY_BUFFER, buffer);
-    ksBufferData(KS_ARRAY_BUFFER, 8, nullptr, KS_STATIC_DRAW);
     _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
     const char* source = "uniform vec3 c;\nsphere(c, 1.0);\n";
     ksShaderSource(shader, 1, &source, nullptr);
+    ksCompileShader(shader);
     _KSprogram* program = ksCreateProgram();
     ksAttachShader(program, shader);
+    ksLinkProgram(program);
+    ASSERT_EQ(ksGetUniformLocation(program, "c"), 0);
     ASSERT_NO_KS_ERROR();
-    const int contexts = CountContexts();
 
-    // A failed compile or link is no API error: its status and log say it.
-    const auto injectedLog = [](int status, const char* log)
-    { return status == 0 && log && std::string(log) == "0:0: error: injected fault"; };
-    const auto shaderFailed = [&]
-    {
-        ksCompileShader(shader);
-        int status = 1;
-        const char* log = nullptr;
-        ksGetShaderiv(shader, KS_COMPILE_STATUS, &status);
-        ksGetShaderString(shader, KS_SHADER_LOG, &log);
-        return injectedLog(status, log);
-    };
-    const auto programFailed = [&]
+    // A failed link is no API error: its status and log say it, and it
+    // leaves nothing of the last good one.
+    const auto linkFailed = [&]
     {
         ksLinkProgram(program);
         int status = 1;
         const char* log = nullptr;
         ksGetProgramiv(program, KS_LINK_STATUS, &status);
         ksGetProgramString(program, KS_PROGRAM_LOG, &log);
-        return injectedLog(status, log);
+        return status == 0 && log && std::string(log) == "0:0: error: injected fault" &&
+               ksGetUniformLocation(program, "c") == -1;
     };
-    const auto contextFailed = [&]
-    {
-        void* made = KestrelCreateContext(nullptr, nullptr, nullptr);
-        const bool counted = CountContexts() == contexts + (made ? 1 : 0);
-        KestrelDestroyContext(made);
-        return made == nullptr && counted;
-    };
+    // A refused switch leaves this context current.
     const auto switchFailed = [&]
     {
         void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
@@ -69,37 +58,16 @@ TEST_F(KestrelFaults, EachFunctionFailsItsOwnWay)
         KestrelDestroyContext(other);
         return refused && ours;
     };
-    const auto mapFailed = []
-    {
-        const void* mapped = ksMapBuffer(KS_ARRAY_BUFFER, KS_READ_ONLY);
-        ksUnmapBuffer(KS_ARRAY_BUFFER);
-        return mapped == nullptr;
-    };
     const auto bindFailed = [&]
     {
         ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
         return ReadBindingState(_pContext).buffers[0] == buffer;
     };
-    const auto deleteFailed = [&]
-    {
-        const int before = CountObjects(_pContext).buffers;
-        ksDeleteBuffers(1, std::vector{buffer}.data());
-        return CountObjects(_pContext).buffers == before;
-    };
     const std::tuple<const char*, std::function<bool()>, int> cases[] = {
-        {"KestrelCreateContext", contextFailed, KS_OUT_OF_MEMORY},
-        {"ksCreateShader", [] { return !ksCreateShader(KS_VERTEX_SHADER); }, KS_OUT_OF_MEMORY},
-        {"ksCreateProgram", [] { return !ksCreateProgram(); }, KS_OUT_OF_MEMORY},
-        {"ksGenBuffers", [] { return !NewBuffer(); }, KS_OUT_OF_MEMORY},
         {"ksGenTextures", [] { return !NewTexture(); }, KS_OUT_OF_MEMORY},
-        {"ksGenFramebuffers", [] { return !NewFramebuffer(); }, KS_OUT_OF_MEMORY},
-        {"ksGenPrimitives", [] { return NewPrimitive() == 0; }, KS_OUT_OF_MEMORY},
-        {"ksMapBuffer", mapFailed, KS_OUT_OF_MEMORY},
-        {"ksCompileShader", shaderFailed, KS_NO_ERROR},
-        {"ksLinkProgram", programFailed, KS_NO_ERROR},
+        {"ksLinkProgram", linkFailed, KS_NO_ERROR},
         {"KestrelSetCurrentContext", switchFailed, KS_NO_ERROR},
         {"ksBindBuffer", bindFailed, KS_INVALID_OPERATION},
-        {"ksDeleteBuffers", deleteFailed, KS_INVALID_OPERATION},
     };
     for (const auto& [function, failed, naturalError] : cases)
     {
@@ -218,7 +186,6 @@ TEST_F(KestrelCallLog, ArgumentsHaveTheirTextForm)
     _KSframebuffer* framebuffer = NewFramebuffer();
     const KSprimitive primitive = NewPrimitive();
     _KSbuffer* buffer = NewBuffer();
-    const float values[3] = {};
     const std::pair<std::function<void()>, std::string> cases[] = {
         {[&] { ksAttachShader(program, shader); }, "ksAttachShader(prog#1, shader#1)"},
         {[&] { ksShaderString(shader, KS_SHADER_NAME, "rock one"); },
@@ -228,31 +195,16 @@ TEST_F(KestrelCallLog, ArgumentsHaveTheirTextForm)
         {[] { ksBindBuffer(KS_ARRAY_BUFFER, nullptr); }, "ksBindBuffer(KS_ARRAY_BUFFER, null)"},
         {[&] { ksBindBuffer(KS_ARRAY_BUFFER, stale); },
          "ksBindBuffer(KS_ARRAY_BUFFER, " + staleText + ")"},
-        {[] { ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 16, nullptr, KS_STATIC_DRAW); },
-         "ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 16, null, KS_STATIC_DRAW)"},
         {[] { ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE); },
          "ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_READ_WRITE)"},
         {[] { ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER); }, "ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER)"},
         {[&] { ksBindTexture(KS_TEXTURE_2D, texture); }, "ksBindTexture(KS_TEXTURE_2D, tex#1)"},
-        {[] { ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0); },
-         "ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0)"},
-        {[] { ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 3, 0, KS_RGBA, KS_FLOAT, nullptr); },
-         "ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGBA, 2, 3, 0, KS_RGBA, KS_FLOAT, null)"},
         {[&] { ksBindFramebuffer(KS_FRAMEBUFFER, framebuffer); },
          "ksBindFramebuffer(KS_FRAMEBUFFER, fb#1)"},
         {[&] { Attach(0, texture); },
          "ksFramebufferTexture2D(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_TEXTURE_2D, tex#1, 0)"},
-        {[] { ksClearColor(0.5f, 1.0f, 0.0f, 0.25f); }, "ksClearColor(0.5, 1, 0, 0.25)"},
-        {[] { ksClear(KS_COLOR_BUFFER_BIT); }, "ksClear(KS_COLOR_BUFFER_BIT)"},
-        {[] { ksClear(KS_COLOR_ATTACHMENT0_BIT << 2); }, "ksClear(131072)"},
         {[&] { ksBindPrimitive(KS_PRIMITIVE, primitive); },
          "ksBindPrimitive(KS_PRIMITIVE, " + std::to_string(primitive) + ")"},
-        {[&] { ksUniform3fv(2, 1, values); }, "ksUniform3fv(2, 1, ptr)"},
-        {[] { ksUniform1f(-1, 2.5f); }, "ksUniform1f(-1, 2.5)"},
-        {[] { ksCreateShader(12345); }, "ksCreateShader(12345)"},
-        {[] { WroteZero(ksGetIntegerv, KS_MAX_RAY_DEPTH); },
-         "ksGetIntegerv(KS_MAX_RAY_DEPTH, ptr)"},
-        {[] { ksGetError(); }, "ksGetError()"},
     };
     for (const auto& [call, expected] : cases)
     {
@@ -267,15 +219,6 @@ TEST_F(KestrelCallLog, ArgumentsHaveTheirTextForm)
 TEST_F(KestrelCallLog, SerialsCountPerContextAndKind)
 {
     _KSbuffer* ours[2] = {NewBuffer(), NewBuffer()};
-    _KStexture* texture = NewTexture();
-    EXPECT_EQ(Describe(ours[0]), "buf#1");
-    EXPECT_EQ(Describe(ours[1]), "buf#2");
-    EXPECT_EQ(Describe(texture), "tex#1");
-    EXPECT_EQ(Describe(ksCreateShader(KS_VERTEX_SHADER)), "shader#1");
-    EXPECT_EQ(Describe(ksCreateProgram()), "prog#1");
-    EXPECT_EQ(Describe(NewFramebuffer()), "fb#1");
-    EXPECT_EQ(Describe(static_cast<_KSbuffer*>(nullptr)), "null");
-
     void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
     ASSERT_EQ(KestrelSetCurrentContext(other), 1);
     EXPECT_EQ(Describe(NewBuffer()), "buf#1");
