@@ -1,7 +1,6 @@
 // Frame buffer attachments: client memory as the storage Kestrel renders
-// into, the running sum of kBM_Accumulated, and resizes that never leave
-// Kestrel naming freed memory. The lock is the frame buffer tests' and the
-// mutex's own.
+// into, and the running sum of kBM_Accumulated. Storage given up at a bad
+// size is the bad-input sweep's; the lock is the frame buffer tests'.
 #include "WrapperFixture.h"
 
 #include <cstdint>
@@ -10,7 +9,6 @@
 using namespace WrapperTest;
 using namespace Vireo;
 using Kestrel::Testing::CallLog;
-using Kestrel::Testing::Describe;
 using Att = IKSFrameBufferAttachment;
 
 namespace
@@ -83,25 +81,6 @@ protected:
 };
 
 } // namespace
-
-// Client storage is switched on for this one image only; the texture slot it
-// borrows is the fault sweep's to check.
-TEST_F(WrapperFixture, AttachmentInitSpecifiesClientStorageForItsImageOnly)
-{
-    KSFrameBufferAttachment attachment(_pContext);
-    CallLog log;
-    ASSERT_TRUE(attachment.Init(4, 2, 0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Accumulated,
-                                Color4f{}));
-    EXPECT_EQ(log.CallsOf("ksPixelStorei"), (Calls{"ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 1)",
-                                                   "ksPixelStorei(KS_UNPACK_CLIENT_STORAGE, 0)"}));
-    Kestrel::Testing::TextureRecord record;
-    ASSERT_TRUE(Kestrel::Testing::ReadTexture(attachment.GetKSTexture(), 0, &record));
-    EXPECT_TRUE(record.clientStorage);
-    EXPECT_EQ(record.width, 4);
-    EXPECT_EQ(record.height, 2);
-    EXPECT_TRUE(IsAligned(attachment.GetClientBuffer()));
-    EXPECT_NO_KS_ERROR();
-}
 
 TEST_F(AttachmentTest, KestrelClearsLandInClientMemoryOutsideAccumulation)
 {
@@ -225,32 +204,4 @@ TEST_F(AttachmentTest, TopIndexWorksEndToEndAndTheNextIsRefused)
     EXPECT_EQ(ksGetError(), KS_INVALID_ENUM) << "no point 17";
     ksDeleteProgram(program);
     ksDeleteShader(shader);
-}
-
-// Refused sizes are the bad-input sweep's. Here the old storage is let go and
-// the new one refused: Kestrel keeps no storage of ours and says why.
-TEST_F(AttachmentTest, RefusedNewStorageLeavesKestrelNoneOfOurs)
-{
-    IKSFrameBufferAttachment* attachment = Create(0, Att::kBM_Accumulated, Color4f{});
-    ASSERT_NE(attachment, nullptr);
-    {
-        Kestrel::Testing::AutoFaults faults;
-        // The first ksTexImage2D (letting go of the old memory) works, the
-        // second (taking the new one) fails.
-        Kestrel::Testing::InjectErrorAfter("ksTexImage2D", 0);
-        Kestrel::Testing::InjectFault("ksTexImage2D");
-        EXPECT_TRUE(_pFrameBuffer->Resize(kWidth + 1, kHeight));
-        EXPECT_EQ(ksGetError(), KS_INVALID_OPERATION);
-    }
-    Kestrel::Testing::TextureRecord record;
-    ASSERT_TRUE(Kestrel::Testing::ReadTexture(attachment->GetKSTexture(), 0, &record));
-    EXPECT_FALSE(record.clientStorage);
-    EXPECT_EQ(record.width + record.height, 0);
-    EXPECT_TRUE(record.bytes.empty());
-
-    // Kestrel's clears have nothing of ours to write into now.
-    _pFrameBuffer->Bind();
-    ksClearColor(1, 1, 1, 1);
-    ksClear(KS_COLOR_BUFFER_BIT);
-    EXPECT_NO_KS_ERROR();
 }
