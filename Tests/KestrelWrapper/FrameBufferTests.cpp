@@ -243,7 +243,7 @@ TEST_F(WrapperFixture, FilterTableSamplesRowAfterRowUpToKestrelsLimit)
 }
 
 // Refused sizes and removal are the bad-input sweep's; here the neutral
-// filter's calls, the last Bind deciding, and a table of no entries.
+// filter's calls and a table of no entries.
 TEST_F(WrapperFixture, NoFilterOrAnEmptyTableSendsTheNeutralOne)
 {
     KSFrameBuffer frameBuffer(_pContext);
@@ -255,27 +255,13 @@ TEST_F(WrapperFixture, NoFilterOrAnEmptyTableSendsTheNeutralOne)
                            "ksFrameParameterfv(KS_FILTER_TABLE, ptr)"};
     EXPECT_EQ(log.Calls(), neutral);
 
-    RecordingFilter wide(1.0f);
-    // The filter is Kestrel's frame state: the last Bind decides.
-    KSFrameBuffer narrow(_pContext);
-    ASSERT_TRUE(narrow.Init(2, 2));
-    RecordingFilter half(0.5f);
-    ASSERT_TRUE(narrow.SetFilter(&half));
-    ASSERT_TRUE(frameBuffer.SetFilter(&wide));
-    for (KSFrameBuffer* bound : {&narrow, &frameBuffer, &narrow})
-    {
-        bound->Bind();
-        int sent = 0;
-        ksGetIntegerv(KS_FILTER_TABLE_SIZE, &sent);
-        EXPECT_EQ(sent, bound == &narrow ? 4 : 8);
-    }
-
     // Kestrel's limit read as 0 leaves a table of no entries: no filter, and
     // an attachment that asks for one stays unfiltered.
     ASSERT_NE(Create(frameBuffer, 0, Att::kBM_Mode0, true), nullptr);
     Kestrel::Testing::AutoFaults faults;
     Kestrel::Testing::InjectFault("ksGetIntegerv", 1, 0);
     log.Clear();
+    RecordingFilter wide(1.0f);
     EXPECT_TRUE(frameBuffer.SetFilter(&wide));
     EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr);
     EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
