@@ -30,30 +30,9 @@ Bytes Sequence(std::size_t size)
     return bytes;
 }
 
-class BufferTest : public WrapperFixture
+class BufferTest : public BufferFixture
 {
 protected:
-    void TearDown() override
-    {
-        for (IKSBuffer* buffer : _buffers)
-            _pContext->DestroyIKSBuffer(buffer);
-        WrapperFixture::TearDown();
-    }
-
-    IKSBuffer* Create()
-    {
-        _buffers.push_back(_pContext->CreateIKSBuffer());
-        return _buffers.back();
-    }
-
-    IKSBuffer* Filled(const Bytes& contents)
-    {
-        IKSBuffer* buffer = Create();
-        EXPECT_TRUE(buffer->Init(IKSBuffer::kUsage_DynamicDraw, contents.size()));
-        WriteBytes(buffer->GetKSBuffer(), contents);
-        return buffer;
-    }
-
     // A raw buffer for other bindings to be seen against.
     _KSbuffer* Raw()
     {
@@ -71,8 +50,6 @@ protected:
                 texts.push_back(text);
         return texts;
     }
-
-    std::vector<IKSBuffer*> _buffers;
 };
 
 } // namespace
