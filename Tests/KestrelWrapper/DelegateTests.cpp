@@ -61,7 +61,7 @@ struct Trio
 } // namespace
 
 // The listener tests call members through delegates all along; here a const
-// member, a copy, and an empty delegate.
+// member, a copy, an empty delegate, and equality.
 TEST(DelegateTest, CallsTheBoundMemberAndGivesItsAnswer)
 {
     Trio trio;
@@ -74,6 +74,12 @@ TEST(DelegateTest, CallsTheBoundMemberAndGivesItsAnswer)
     FastDelegate0<bool> empty;
     EXPECT_TRUE(empty.empty());
     EXPECT_FALSE(empty()) << "an empty delegate answers false";
+
+    // Equal only with the same target and the same member.
+    EXPECT_TRUE(trio.Of(1) == trio.Of(1));
+    EXPECT_FALSE(trio.Of(0) == trio.Of(1));
+    EXPECT_TRUE(trio.Of(0) != trio.Of(1));
+    EXPECT_FALSE(trio.Of(1) == MakeDelegate(&trio.at[1], &Listener::Second));
 }
 
 // Added out of order and twice: one entry each, called by address, and a
