@@ -28,7 +28,7 @@ std::vector<_KSbuffer*> AllBindings()
     return bound;
 }
 
-class MappingTest : public WrapperFixture
+class MappingTest : public BufferFixture
 {
 protected:
     void SetUp() override
@@ -41,30 +41,9 @@ protected:
                          _others[i]);
     }
 
-    void TearDown() override
-    {
-        for (IKSBuffer* buffer : _buffers)
-            _pContext->DestroyIKSBuffer(buffer);
-        WrapperFixture::TearDown();
-    }
-
-    IKSBuffer* Filled(const Bytes& contents)
-    {
-        _buffers.push_back(_pContext->CreateIKSBuffer());
-        EXPECT_TRUE(_buffers.back()->Init(IKSBuffer::kUsage_DynamicDraw, contents.size()));
-        WriteBytes(_buffers.back()->GetKSBuffer(), contents);
-        return _buffers.back();
-    }
-
-    Bytes Contents(IKSBuffer* buffer)
-    {
-        return ReadBytes(buffer->GetKSBuffer(), static_cast<std::size_t>(buffer->GetSize()));
-    }
-
     std::vector<_KSbuffer*> Others() const { return {_others, _others + 5}; }
 
     _KSbuffer* _others[5] = {};
-    std::vector<IKSBuffer*> _buffers;
 };
 
 } // namespace

@@ -353,23 +353,18 @@ TEST_F(WrapperFixture, TraceLinesMatchTheirFormat)
     _pContext->DestroyIKSPrimitive(ball);
 }
 
-// A block binds the primitive like any setter, but is never traced.
-TEST_F(WrapperFixture, UniformBlockBindsThePrimitiveAndIsNeverTraced)
+TEST_F(WrapperFixture, UniformBlockBindsThePrimitiveAndSetsItsBlock)
 {
     IKSPrimitive* primitive = _pContext->CreateIKSPrimitive();
     IKSBuffer* buffer = _pContext->CreateIKSBuffer();
     ASSERT_TRUE(buffer->Init(IKSBuffer::kUsage_StaticDraw, 64));
-    TraceFlagsTestPeer::SetPrimitiveTrace(true);
-    primitive->SetTrace(true);
     CallLog log;
-    EXPECT_TRUE(primitive->SetUniformBlock("block", 0, buffer));
-    TraceFlagsTestPeer::SetPrimitiveTrace(false);
+    EXPECT_TRUE(primitive->SetUniformBlock("block", 2, buffer));
     EXPECT_EQ(
         log.Calls(),
         (Calls{"ksBindPrimitive(KS_PRIMITIVE, " + Text(primitive->GetHandle()) + ")",
-               "ksUniformBlockBuffer(0, " + Kestrel::Testing::Describe(buffer->GetKSBuffer()) + ")",
+               "ksUniformBlockBuffer(2, " + Kestrel::Testing::Describe(buffer->GetKSBuffer()) + ")",
                "ksGetError()"}));
-    EXPECT_EQ(_console.CountOf(kCCK_PrintTrace), 0u);
     _pContext->DestroyIKSBuffer(buffer);
     _pContext->DestroyIKSPrimitive(primitive);
 }

@@ -1,5 +1,6 @@
 // The context's short path from source to Kestrel shader and program: calls,
-// console texts, and what happens to handles on failure.
+// and what happens to handles on failure. Its failure texts are the fault
+// sweep's.
 #include "WrapperFixture.h"
 
 using namespace WrapperTest;
@@ -8,8 +9,6 @@ using Kestrel::Testing::AutoFaults;
 using Kestrel::Testing::CallLog;
 using Kestrel::Testing::Describe;
 using Kestrel::Testing::InjectFault;
-using Vireo::Testing::kCCK_PrintError;
-using Vireo::Testing::kCCK_PrintWarning;
 
 namespace
 {
@@ -50,23 +49,6 @@ TEST_F(RawFixture, CreateShaderCompilesTheJoinedSourcesQuietly)
     EXPECT_TRUE(Raw()->DestroyShader(nullptr));
     EXPECT_EQ(log.Calls(), Calls{"ksDeleteShader(" + handle + ")"}) << "null reaches no Kestrel";
     EXPECT_NO_KS_ERROR();
-}
-
-// Kestrel gives neither log nor source: the texts go out all the same.
-TEST_F(RawFixture, FailedShaderIsReportedAndDeletedWithoutLogOrSource)
-{
-    AutoFaults faults;
-    InjectFault("ksCompileShader");
-    InjectFault("ksGetShaderString", 2, 0);
-    CallLog log;
-    EXPECT_EQ(Shape(), nullptr);
-    EXPECT_EQ(_console.Calls(),
-              (std::vector<ConsoleCall>{
-                  {kCCK_PrintError, "KS: shader compilation failed...\n"},
-                  {kCCK_PrintError, "KS: error log: \n"},
-                  {kCCK_PrintWarning,
-                   "KS: ksGetShaderString(KS_SHADER_SOURCE) failure. Returned empty string\n"}}));
-    EXPECT_EQ(log.CallsOf("ksDeleteShader").size(), 1u);
 }
 
 TEST_F(RawFixture, ProgramsLinkInOrderAndLeaveShadersToTheCaller)

