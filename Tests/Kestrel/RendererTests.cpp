@@ -1280,7 +1280,7 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     SetTexture("map", texture);
     _KStexture* packed = Texture(1, 1, KS_RGB, nullptr);
     Shape(kSphere, kMetallicRoughness, {{"centre", {3, -3, -9}}});
-    SetTexture("mr_map", packed);
+    SetTexture("base_map", packed);
     _KSbuffer* stranger = NewBuffer();
     Render();
     ASSERT_EQ(SceneBuilds(), 1);
