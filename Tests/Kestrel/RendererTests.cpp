@@ -232,23 +232,9 @@ public:
         return texture;
     }
 
-    // A bound frame buffer with `count` RGBA float attachments of one size,
-    // cleared to 0.
-    void Targets(int count, int width, int height)
-    {
-        _nWidth = width;
-        ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
-        for (int i = 0; i < count; ++i)
-        {
-            _images.emplace_back(static_cast<std::size_t>(width * height * 4), 0.0f);
-            Attach(i, NewClientTexture(width, height, KS_RGBA, KS_FLOAT, _images.back().data()));
-        }
-        ASSERT_NO_KS_ERROR();
-    }
-
-    // Starts a case of a table over: a new context (with that many render
-    // threads when given) with fresh targets, each blended by `mode` when one
-    // is given.
+    // A new context (with that many render threads when given) and a bound
+    // frame buffer of `count` RGBA float attachments of one size, cleared to
+    // 0, each blended by `mode` when one is given.
     void Start(int count, int width, int height, int mode = 0, long long threads = -1)
     {
         KestrelDestroyContext(_pContext);
@@ -257,9 +243,16 @@ public:
         _pContext = KestrelCreateContext(threads < 0 ? nullptr : attributes,
                                          &NoticeRecorder::Callback, &_recorder);
         ASSERT_EQ(KestrelSetCurrentContext(_pContext), 1);
-        Targets(count, width, height);
-        for (int i = 0; mode && i < count; ++i)
-            SetAttachment(i, KS_ATTACHMENT_BLEND_MODE, mode);
+        _nWidth = width;
+        ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
+        for (int i = 0; i < count; ++i)
+        {
+            _images.emplace_back(static_cast<std::size_t>(width * height * 4), 0.0f);
+            Attach(i, NewClientTexture(width, height, KS_RGBA, KS_FLOAT, _images.back().data()));
+            if (mode)
+                SetAttachment(i, KS_ATTACHMENT_BLEND_MODE, mode);
+        }
+        ASSERT_NO_KS_ERROR();
     }
 
     static void SetAttachment(int index, int name, int value)
@@ -461,7 +454,7 @@ TEST_F(Renderer, FurnaceGivesWhatEachMaterialPromises)
 // rescaled). A limit of 4 thus gives 2 + (1 + 1/2) / 8 secondary rays a path.
 TEST_F(Renderer, RouletteStartsAtTheThirdBounce)
 {
-    Targets(1, 32, 32);
+    Start(1, 32, 32);
     ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 4);
     Frame("output(0, radiance);\n");
     for (const char* plane : {kFloor, "plane(vec3(0, 1, 0), vec3(0, -1, 0));\n"})
@@ -540,7 +533,7 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
 TEST_F(Renderer, FrameIndexChoosesTheSamples)
 {
     // A diffuse floor lit by a small light over its left half: noisy everywhere.
-    Targets(1, 16, 16);
+    Start(1, 16, 16);
     Shape(kFloor, kDiffuse);
     Shape(kSphere, kEmissive,
           {{"centre", {-1.5f, -0.5f, -4}}, {"radius", {0.3f}}, {"radiance", {20, 20, 20}}});
@@ -1267,7 +1260,7 @@ TEST_F(Renderer, AStoppedFrameLeavesItsTargetsAlone)
 
 TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
 {
-    Targets(1, 16, 16);
+    Start(1, 16, 16);
     Frame("output(0, radiance);\n");
     _KSprogram* frame = _pProgram;
     const KSprimitive sphere = Shape(kSphere, kDiffuse, {{"centre", {0, 0, -5}}});
