@@ -1150,16 +1150,6 @@ TEST_F(Renderer, AStoppedFrameLeavesItsTargetsAlone)
         SCOPED_TRACE(how);
         Start(1, 64, 64);
         BuildRichScene(*this);
-        // Thousands of small triangles, far off, for a build that takes a while.
-        std::vector<float> floats;
-        for (int i = 0; i < 20000; ++i)
-        {
-            const float x = static_cast<float>(i % 200) * 0.1f,
-                        y = static_cast<float>(i / 200) * 0.1f;
-            floats.insert(floats.end(), {x, y, -50, x + 0.05f, y, -50, x, y + 0.05f, -50});
-        }
-        Shape(kMesh, kDiffuse);
-        Mesh(floats);
         ksClearColor(0.5f, 0.5f, 0.5f, 0.5f);
         ksClear(KS_COLOR_BUFFER_BIT);
         ASSERT_NO_KS_ERROR();
