@@ -498,6 +498,7 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
         std::vector<float> mesh;
         double expected;
         double tolerance; // relative
+        const char* light = kEmissive;
     };
     const Case cases[] = {
         // Sampled by its cone.
@@ -519,6 +520,9 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
          triangleLight,
          0.03},
         {kBox, {{"lo", {1, 1, -0.5f}}, {"hi", {2, 2, 0.5f}}}, {}, box, 0.03},
+        // A surface's emission lights only what lies in front of it: not
+        // the floor below this plane's back.
+        {kPlane, {{"point", {0, 6, 0}}, {"normal", {0, 1, 0}}}, {}, 0, 0, kMetallicRoughness},
     };
     constexpr int kFrames = 16;
     for (const Case& c : cases)
@@ -529,7 +533,8 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
         LookStraightDown("output(0, radiance);\n");
         Shape(kPlane, kDiffuse,
               {{"point", {0, 0, 0}}, {"normal", {0, 1, 0}}, {"albedo", {albedo, albedo, albedo}}});
-        Shape(c.shape, kEmissive, {{"radiance", {radiance, radiance, radiance}}});
+        Shape(c.shape, c.light,
+              {{c.light == kEmissive ? "radiance" : "emission", {radiance, radiance, radiance}}});
         Set(c.uniforms);
         if (!c.mesh.empty())
             Mesh(c.mesh);
