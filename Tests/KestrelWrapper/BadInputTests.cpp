@@ -356,17 +356,10 @@ TEST_F(BadInput, FiltersBelowHalfOrNotANumberAreRefusedAndHugeOnesCapped)
         }
 
         // The next Bind sends what the frame buffer holds now.
-        CallLog log;
         EXPECT_TRUE(frameBuffer->Bind());
         int sent = 0;
         ksGetIntegerv(KS_FILTER_TABLE_SIZE, &sent);
         EXPECT_EQ(sent, c.taken ? static_cast<int>(c.n) : 1);
-        const Calls parameters = log.CallsOf("ksFramebufferAttachmentParameter1i");
-        ASSERT_FALSE(parameters.empty());
-        EXPECT_EQ(parameters.front(),
-                  std::string("ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, "
-                              "KS_COLOR_ATTACHMENT0, KS_ATTACHMENT_FILTER, ") +
-                      (c.taken ? "1)" : "0)"));
         ksGetError(); // Kestrel's own view of an infinite size is its affair
     }
     ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
