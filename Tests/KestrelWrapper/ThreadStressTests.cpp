@@ -84,17 +84,19 @@ TEST_F(ThreadStress, StopFromAnotherThreadEndsTheFrameOrFindsItDone)
                 if (held)
                     stopDone.wait();
             });
+        bool began = false;
         std::thread stopper(
-            [this, &frameBegun, &stopSent]
+            [this, &frameBegun, &stopSent, &began]
             {
                 // Bounded, so that a frame that never begins fails the test
                 // instead of hanging it.
-                frameBegun.wait_for(std::chrono::seconds(5));
+                began = frameBegun.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
                 _pContext->Stop();
                 stopSent.set_value();
             });
         const IKestrelContext::KSRenderFrameStatus status = _pContext->RenderFrame();
         stopper.join();
+        ASSERT_TRUE(began) << "the frame never began";
         if (held)
             EXPECT_EQ(status, IKestrelContext::kRFS_Stopped);
         else
