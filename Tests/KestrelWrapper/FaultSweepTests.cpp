@@ -211,17 +211,12 @@ struct Bench
     }
     IKSFrameBuffer* BoundFrameBuffer()
     {
-        IKSFrameBuffer* frameBuffer = FrameBuffer();
-        frameBuffer->Bind();
-        return frameBuffer;
-    }
-    IKSFrameBuffer* FrameBuffer()
-    {
         IKSFrameBuffer* frameBuffer = pContext->CreateIKSFrameBuffer();
         frameBuffers.push_back(frameBuffer);
         frameBuffer->Init(kSize, kSize);
-        pAttachment = frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, true,
-                                                    Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
+        frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, true, Att::kBM_Accumulated,
+                                      Color4f{0, 0, 0, 1});
+        frameBuffer->Bind();
         return frameBuffer;
     }
     // The raw program helpers live on the implementation alone.
@@ -242,7 +237,6 @@ struct Bench
             pContext->DestroyIKSTexImage2D(Take(textures));
         while (!frameBuffers.empty())
             pContext->DestroyIKSFrameBuffer(Take(frameBuffers));
-        pAttachment = nullptr;
         Imp()->DestroyProgram(pRawProgram);
         pContext->DestroyShader(pRawShader);
         pRawProgram = nullptr;
@@ -259,7 +253,6 @@ struct Bench
     std::vector<IKSBuffer*> buffers;
     std::vector<IKSTexImage2D*> textures;
     std::vector<IKSFrameBuffer*> frameBuffers;
-    IKSFrameBufferAttachment* pAttachment = nullptr;
     _KSshader* pRawShader = nullptr;
     _KSprogram* pRawProgram = nullptr;
     IKestrelContext* pMadeContext = nullptr;
@@ -742,8 +735,8 @@ protected:
 } // namespace
 
 // Each call an operation makes fails in turn. The first call of each
-// function is checked in full: result, messages, bindings, objects. A later
-// call (a restoring bind, the copy back, the second of two deletions) leaves
+// function is checked in full: result, messages, objects. A later
+// call (a restoring bind, the copy back) leaves
 // an answer that depends on which call it was, so there only what must hold
 // after any failure is checked: no crash, nothing leaked (under the address
 // sanitizer), Kestrel's objects back to what they were.
