@@ -22,39 +22,31 @@ using Att = IKSFrameBufferAttachment;
 namespace
 {
 
-// A frame buffer with one attachment, bound, for frames to render into.
-class BoundFrame
+class ThreadStress : public WrapperFixture
 {
-public:
-    BoundFrame(IKestrelContext* context, int size, Att::eBlendMode mode,
-               const Color4f& clearColor = Color4f{})
-        : _pContext(context), _pFrameBuffer(context->CreateIKSFrameBuffer())
+protected:
+    // One attachment on the test's frame buffer, bound and cleared for frames
+    // to render into.
+    IKSFrameBufferAttachment* Attach(int size, Att::eBlendMode mode,
+                                     const Color4f& clearColor = Color4f{})
     {
+        _pFrameBuffer = _pContext->CreateIKSFrameBuffer();
         _pFrameBuffer->Init(size, size);
-        pAttachment = _pFrameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false, mode,
-                                                      clearColor);
+        IKSFrameBufferAttachment* attachment = _pFrameBuffer->CreateAttachment(
+            0, Att::kF_RGBA, Att::kDT_Float, false, mode, clearColor);
         _pFrameBuffer->Bind();
         _pFrameBuffer->Clear();
+        return attachment;
     }
-    ~BoundFrame()
+
+    void TearDown() override
     {
         ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
         _pContext->DestroyIKSFrameBuffer(_pFrameBuffer);
+        WrapperFixture::TearDown();
     }
-    BoundFrame(const BoundFrame&) = delete;
-    BoundFrame& operator=(const BoundFrame&) = delete;
 
-    IKSFrameBuffer* FrameBuffer() const { return _pFrameBuffer; }
-
-    IKSFrameBufferAttachment* pAttachment = nullptr;
-
-private:
-    IKestrelContext* _pContext;
-    IKSFrameBuffer* _pFrameBuffer;
-};
-
-class ThreadStress : public WrapperFixture
-{
+    IKSFrameBuffer* _pFrameBuffer = nullptr;
 };
 
 } // namespace
@@ -65,8 +57,7 @@ class ThreadStress : public WrapperFixture
 // carry over to the next one.
 TEST_F(ThreadStress, StopFromAnotherThreadEndsTheFrameOrFindsItDone)
 {
-    BoundFrame frame(_pContext, 32, Att::kBM_Mode0);
-    ASSERT_NE(frame.pAttachment, nullptr);
+    ASSERT_NE(Attach(32, Att::kBM_Mode0), nullptr);
     int stopped = 0;
     for (int i = 0; i < 50; ++i)
     {
@@ -120,10 +111,7 @@ TEST_F(ThreadStress, TexturePairKeepsThreeThreadsApart)
     constexpr int kRounds = 200;
     IKSTexImage2D* client = _pContext->CreateIKSTexImage2D();
     IKSTexImage2D* copied = _pContext->CreateIKSTexImage2D();
-    IKSFrameBuffer* frameBuffer = _pContext->CreateIKSFrameBuffer();
-    ASSERT_TRUE(frameBuffer->Init(2, 2));
-    IKSFrameBufferAttachment* attachment = frameBuffer->CreateAttachment(
-        0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode2, Color4f{});
+    IKSFrameBufferAttachment* attachment = Attach(2, Att::kBM_Mode2);
     ASSERT_NE(attachment, nullptr);
     float pixels[6 * 2 * 4] = {};
     auto image = [&](IKSTexImage2D* texture, int width, bool clientStorage)
@@ -141,7 +129,7 @@ TEST_F(ThreadStress, TexturePairKeepsThreeThreadsApart)
         {[&](int width) { return image(copied, width, false); }, false},
         {[&](int width)
          {
-             frameBuffer->Resize(width, 2);
+             _pFrameBuffer->Resize(width, 2);
              return attachment->GetKSTexture();
          },
          true},
@@ -178,7 +166,6 @@ TEST_F(ThreadStress, TexturePairKeepsThreeThreadsApart)
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_NO_KS_ERROR();
 
-    _pContext->DestroyIKSFrameBuffer(frameBuffer);
     _pContext->DestroyIKSTexImage2D(client);
     _pContext->DestroyIKSTexImage2D(copied);
 }
@@ -228,8 +215,7 @@ TEST_F(ThreadStress, LockedReadsSeeOnlyWholePassesWhilePassesComplete)
     constexpr int kSize = 16;
     constexpr int kPasses = 40;
     constexpr float kLeft = 0.75f; // 1 - 0.25 per pass
-    BoundFrame frame(_pContext, kSize, Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
-    IKSFrameBufferAttachment* attachment = frame.pAttachment;
+    IKSFrameBufferAttachment* attachment = Attach(kSize, Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
     ASSERT_NE(attachment, nullptr);
     AutoRenderHook hook(
         [](void* context)
@@ -260,7 +246,7 @@ TEST_F(ThreadStress, LockedReadsSeeOnlyWholePassesWhilePassesComplete)
                 if (!completePass())
                     ++failedPasses;
                 if (pass % 4 == 0)
-                    frame.FrameBuffer()->Bind();
+                    _pFrameBuffer->Bind();
             }
             done = true;
         });
