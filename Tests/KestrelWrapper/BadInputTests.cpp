@@ -22,7 +22,6 @@ using Kestrel::Testing::ObjectCounts;
 using Kestrel::Testing::TextureRecord;
 using Vireo::Testing::AutoInstallAssertHandler;
 using Vireo::Testing::AutoInstallConsole;
-using Vireo::Testing::kCCK_Print;
 using Vireo::Testing::kCCK_PrintWarning;
 using Vireo::Testing::RecordingAssertHandler;
 using Att = IKSFrameBufferAttachment;
@@ -182,7 +181,6 @@ TEST_F(BadInput, AttachmentEnumsOutsideTheirTablesMakeNothing)
     for (const Case& c : cases)
     {
         SCOPED_TRACE(c.why);
-        _process.Clear();
         CallLog log;
         EXPECT_EQ(frameBuffer->CreateAttachment(2, static_cast<Att::eFormat>(c.format),
                                                 static_cast<Att::eDataType>(c.dataType), true,
@@ -190,8 +188,6 @@ TEST_F(BadInput, AttachmentEnumsOutsideTheirTablesMakeNothing)
                                                 Color4f{1, 1, 1, 1}),
                   nullptr);
         EXPECT_EQ(log.Calls(), Calls{}) << "refused before any Kestrel call";
-        EXPECT_EQ(_process.TextsOf(kCCK_Print),
-                  std::vector<std::string>{"KSFramebuffer attachment failed to initialize"});
     }
     CallLog log;
     EXPECT_TRUE(frameBuffer->Bind());
@@ -283,7 +279,6 @@ TEST_F(BadInput, SizesOfZeroNegativeOrBeyond32BitsLeaveNoAttachmentStorage)
         SCOPED_TRACE(::testing::Message() << size);
         IKSFrameBuffer* unmade = _pContext->CreateIKSFrameBuffer();
         EXPECT_TRUE(unmade->Init(size.width, size.height)) << "the size is not tested";
-        _process.Clear();
         {
             CallLog log;
             EXPECT_EQ(unmade->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false,
