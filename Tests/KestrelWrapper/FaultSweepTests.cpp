@@ -1,13 +1,12 @@
 // One sweep over the failures of Kestrel. Each row is a wrapper operation;
 // the call log of a clean run names the Kestrel functions it reaches, and
 // each of those is then made to fail in turn. Every case checks the
-// operation's result and its own messages, the binding slots it borrowed,
-// and that giving its objects back leaves no Kestrel object behind.
+// operation's result and its own messages, and that giving its objects back
+// leaves no Kestrel object behind.
 #include "SlotProbes.h"
 #include "WrapperFixture.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -24,7 +23,6 @@ using namespace Vireo;
 using Kestrel::Testing::CallLog;
 using Kestrel::Testing::CountContexts;
 using Kestrel::Testing::CountObjects;
-using Kestrel::Testing::Describe;
 using Kestrel::Testing::ObjectCounts;
 using Vireo::Testing::AutoInstallConsole;
 using Vireo::Testing::kCCK_PrintError;
@@ -66,78 +64,18 @@ std::string FunctionOf(const std::string& call)
     return call.substr(0, call.find('('));
 }
 
-std::string FirstArgumentOf(const std::string& call)
-{
-    const std::size_t open = call.find('(') + 1;
-    return call.substr(open, call.find_first_of(",)", open) - open);
-}
+// --- What the test holds bound -------------------------------------------------
 
-// A delete that fails leaves its object with Kestrel: the wrapper cannot
-// know, and forgets its handle all the same.
-int ObjectCounts::*KindDeletedBy(const std::string& function)
-{
-    static const std::map<std::string, int ObjectCounts::*> kKinds = {
-        {"ksDeleteShader", &ObjectCounts::shaders},
-        {"ksDeleteProgram", &ObjectCounts::programs},
-        {"ksDeletePrimitives", &ObjectCounts::primitives},
-        {"ksDeleteBuffers", &ObjectCounts::buffers},
-        {"ksDeleteTextures", &ObjectCounts::textures},
-        {"ksDeleteFramebuffers", &ObjectCounts::framebuffers},
-    };
-    const auto found = kKinds.find(function);
-    return found != kKinds.end() ? found->second : nullptr;
-}
-
-// --- Binding slots ------------------------------------------------------------
-// Named by their binding query, as the call log writes the query's argument.
-
-struct BufferSlot
-{
-    const char* sQuery;
-    int nQuery;
-    int nTarget;
-};
-
-const BufferSlot kBufferSlots[] = {
-    {"KS_ARRAY_BUFFER_BINDING", KS_ARRAY_BUFFER_BINDING, KS_ARRAY_BUFFER},
-    {"KS_ELEMENT_ARRAY_BUFFER_BINDING", KS_ELEMENT_ARRAY_BUFFER_BINDING, KS_ELEMENT_ARRAY_BUFFER},
-    {"KS_PIXEL_PACK_BUFFER_BINDING", KS_PIXEL_PACK_BUFFER_BINDING, KS_PIXEL_PACK_BUFFER},
-    {"KS_PIXEL_UNPACK_BUFFER_BINDING", KS_PIXEL_UNPACK_BUFFER_BINDING, KS_PIXEL_UNPACK_BUFFER},
-    {"KS_UNIFORM_BLOCK_BUFFER_BINDING", KS_UNIFORM_BLOCK_BUFFER_BINDING, KS_UNIFORM_BLOCK_BUFFER},
-};
-
-const std::set<std::string> kBindingQueries = {"ksGetBuffer", "ksGetTexture", "ksGetFramebuffer",
-                                               "ksGetPrimitive"};
-
-using Bindings = std::map<std::string, std::string>;
-
-Bindings ReadBindings()
-{
-    Bindings bindings;
-    for (const BufferSlot& slot : kBufferSlots)
-        bindings[slot.sQuery] = Describe(BoundBuffer(slot.nQuery));
-    bindings["KS_TEXTURE_BINDING_2D"] = Describe(BoundTexture());
-    _KSframebuffer* frameBuffer = nullptr;
-    ksGetFramebuffer(KS_FRAMEBUFFER_BINDING, &frameBuffer);
-    bindings["KS_FRAMEBUFFER_BINDING"] = Describe(frameBuffer);
-    KSprimitive primitive = KSprimitive(0);
-    ksGetPrimitive(KS_PRIMITIVE_BINDING, &primitive);
-    bindings["KS_PRIMITIVE_BINDING"] = Text(primitive);
-    return bindings;
-}
-
-std::string Unbound(const std::string& slot)
-{
-    return slot == "KS_PRIMITIVE_BINDING" ? "0" : "null";
-}
+const int kBufferTargets[] = {KS_ARRAY_BUFFER, KS_ELEMENT_ARRAY_BUFFER, KS_PIXEL_PACK_BUFFER,
+                              KS_PIXEL_UNPACK_BUFFER, KS_UNIFORM_BLOCK_BUFFER};
 
 constexpr std::uint64_t kSentinelBytes = 1024;
 const char* const kUniformBlockSentinel = "uniform block sentinel";
 
-// Something of the test's own bound in every slot, so that a slot left empty,
-// or left holding the operation's object, shows. The buffers are larger than
-// any of the sweep's: an operation whose own bind failed maps what is bound
-// instead, and must stay inside its storage. Made afresh for every case, so
+// Something of the test's own bound in every slot, as a host would have: an
+// operation whose own bind failed works on what is bound instead. The
+// buffers are larger than any of the sweep's, so that a mapping of the wrong
+// one must still stay inside its storage. Made afresh for every case, so
 // that what one failure did to them cannot reach the next.
 class Sentinels
 {
@@ -147,8 +85,8 @@ public:
         ksGenBuffers(5, _buffers);
         for (int i = 0; i < 5; ++i)
         {
-            ksBindBuffer(kBufferSlots[i].nTarget, _buffers[i]);
-            ksBufferData(kBufferSlots[i].nTarget, kSentinelBytes, nullptr, KS_STATIC_DRAW);
+            ksBindBuffer(kBufferTargets[i], _buffers[i]);
+            ksBufferData(kBufferTargets[i], kSentinelBytes, nullptr, KS_STATIC_DRAW);
         }
         ksBufferParameterString(KS_UNIFORM_BLOCK_BUFFER, KS_BUFFER_NAME, kUniformBlockSentinel);
         ksGenTextures(1, &_texture);
@@ -184,16 +122,7 @@ const char* const kMaterialSource = "uniform vec3 albedo;\ndiffuse(albedo);\n";
 const char* const kInjectedLog = "0:0: error: injected fault";
 constexpr int kSize = 4;
 constexpr std::uint64_t kBufferBytes = 64;
-const float kMatrix[16] = {1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1};
 const int kInts[6] = {1, 2, 3, 4, 5, 6};
-
-class UnitFilter : public IKSFrameBufferFilter
-{
-public:
-    ~UnitFilter() override = default;
-    float GetFilterSize() override { return 1.0f; }
-    float Sample(float, float) override { return 1.0f; }
-};
 
 std::string Flag(bool value)
 {
@@ -282,17 +211,12 @@ struct Bench
     }
     IKSFrameBuffer* BoundFrameBuffer()
     {
-        IKSFrameBuffer* frameBuffer = FrameBuffer();
-        frameBuffer->Bind();
-        return frameBuffer;
-    }
-    IKSFrameBuffer* FrameBuffer()
-    {
         IKSFrameBuffer* frameBuffer = pContext->CreateIKSFrameBuffer();
         frameBuffers.push_back(frameBuffer);
         frameBuffer->Init(kSize, kSize);
-        pAttachment = frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, true,
-                                                    Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
+        frameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, true, Att::kBM_Accumulated,
+                                      Color4f{0, 0, 0, 1});
+        frameBuffer->Bind();
         return frameBuffer;
     }
     // The raw program helpers live on the implementation alone.
@@ -313,7 +237,6 @@ struct Bench
             pContext->DestroyIKSTexImage2D(Take(textures));
         while (!frameBuffers.empty())
             pContext->DestroyIKSFrameBuffer(Take(frameBuffers));
-        pAttachment = nullptr;
         Imp()->DestroyProgram(pRawProgram);
         pContext->DestroyShader(pRawShader);
         pRawProgram = nullptr;
@@ -330,13 +253,11 @@ struct Bench
     std::vector<IKSBuffer*> buffers;
     std::vector<IKSTexImage2D*> textures;
     std::vector<IKSFrameBuffer*> frameBuffers;
-    IKSFrameBufferAttachment* pAttachment = nullptr;
     _KSshader* pRawShader = nullptr;
     _KSprogram* pRawProgram = nullptr;
     IKestrelContext* pMadeContext = nullptr;
     RecordingConsole madeConsole;
     Result result;
-    float pixels[kSize * kSize * 4] = {};
 };
 
 // --- Messages -------------------------------------------------------------------
@@ -419,9 +340,8 @@ struct Row
     // handle, a status of 0) or that make it fail further on. A failure
     // raised before a ksGetError of the operation is seen as well.
     const char* sFailsOn = "";
-    SaidWhen said = nullptr; // the operation's own messages when it sees the failure
-    // Slots that the operation leaves holding its own object on purpose.
-    const char* sRebinds = "";
+    SaidWhen said = nullptr;      // the operation's own messages when it sees the failure
+    bool bBindsPrimitive = false; // leaves its primitive bound on purpose
 };
 
 // The words of a list such as "ksMapBuffer ksBindBuffer".
@@ -451,9 +371,6 @@ const std::map<std::pair<std::string, std::string>, std::string> kFollowOns = {
     // cannot map it again.
     {{"buffer Resize keeping contents", "ksUnmapBuffer"}, "Kestrel Error 1282: ksBufferData: *"},
     {{"KSBufferMappingMultiple scope", "ksUnmapBuffer"}, "Kestrel Error 1282: ksMapBuffer: *"},
-    // A table that follows a refused size is refused too: the earlier stays.
-    {{"frame buffer Bind", "ksFrameParameter1i"}, "Kestrel Error 1282: ksFrameParameterfv: *"},
-    {{"frame buffer SetFilter", "ksFrameParameter1i"}, "Kestrel Error 1282: ksFrameParameterfv: *"},
     // Mipmaps are asked of the texture that stayed bound, which has no image.
     {{"texture GenerateMipMaps", "ksBindTexture"}, "Kestrel Error 1282: ksGenerateMipmap: *"},
 };
@@ -521,41 +438,16 @@ std::vector<Row> ContextRows()
         {"manager SetCurrentKestrelContext", nullptr,
          [](Bench& b) { return Flag(GetMgrKestrel()->SetCurrentKestrelContext(b.pContext)); },
          "true", "false", "KestrelSetCurrentContext"},
-        {"CreateIKSPrimitive", nullptr,
-         [](Bench& b) { return b.Keep(b.primitives, b.pContext->CreateIKSPrimitive()); }, "object",
-         "object"},
-        {"DestroyIKSPrimitive", &Bench::Primitive,
-         [](Bench& b) { return Flag(b.pContext->DestroyIKSPrimitive(Take(b.primitives))); }, "true",
-         "true"},
         {"CreateIKSShader", nullptr,
          [](Bench& b)
          { return b.Keep(b.shaders, b.pContext->CreateIKSShader(IKSShader::kST_Vertex)); },
          "object", "null", "ksCreateShader"},
-        {"DestroyIKSShader of an attached shader", &Bench::Program,
-         [](Bench& b) { return Flag(b.pContext->DestroyIKSShader(Take(b.shaders))); }, "true",
-         "true"},
         {"CreateIKSProgram", nullptr,
          [](Bench& b) { return b.Keep(b.programs, b.pContext->CreateIKSProgram()); }, "object",
          "null", "ksCreateProgram"},
-        {"DestroyIKSProgram with shaders", &Bench::LinkedProgram,
-         [](Bench& b) { return Flag(b.pContext->DestroyIKSProgram(Take(b.programs))); }, "true",
-         "true"},
         {"CreateIKSTexImage2D", nullptr,
          [](Bench& b) { return b.Keep(b.textures, b.pContext->CreateIKSTexImage2D()); }, "object",
          "null", "ksGenTextures"},
-        {"DestroyIKSTexImage2D", &Bench::Texture,
-         [](Bench& b) { return Flag(b.pContext->DestroyIKSTexImage2D(Take(b.textures))); }, "true",
-         "true"},
-        {"DestroyIKSFrameBuffer with an attachment", &Bench::FrameBuffer,
-         [](Bench& b)
-         {
-             b.pAttachment = nullptr;
-             return Flag(b.pContext->DestroyIKSFrameBuffer(Take(b.frameBuffers)));
-         },
-         "true", "true"},
-        {"DestroyIKSBuffer", &Bench::Buffer,
-         [](Bench& b) { return Flag(b.pContext->DestroyIKSBuffer(Take(b.buffers))); }, "true",
-         "true"},
         {"RenderFrame", &Bench::BoundFrameBuffer,
          [](Bench& b) { return Status(b.pContext->RenderFrame()); }, "finished", "failed", "",
          renderFailed},
@@ -564,13 +456,6 @@ std::vector<Row> ContextRows()
              return Flag(b.pContext->RenderRegion(whole, true, Color3f{0.5f, 0.5f, 0.5f}));
          },
          "true", "false", "", renderFailed},
-        {"SetViewport", nullptr,
-         [](Bench& b) { return Flag(b.pContext->SetViewport(0, 0, kSize, kSize)); }, "true",
-         "true"},
-        {"ClearFrameBuffers", &Bench::BoundFrameBuffer,
-         [](Bench& b)
-         { return Flag(b.pContext->ClearFrameBuffers(Color3f{}, 1.0f, KS_COLOR_BUFFER_BIT)); },
-         "true", "true"},
         // Without its maximum the limit has nothing to stay below.
         {"SetRayDepthLimit", nullptr,
          [](Bench& b) { return Flag(b.pContext->SetRayDepthLimit(4)); }, "true", "false",
@@ -583,7 +468,6 @@ std::vector<Row> ContextRows()
              return Flag(b.pContext->GetKSVersionIsCompatible(major, minor));
          },
          "true", "false", "ksGetString"},
-        {"Stop", nullptr, Does([](Bench& b) { b.pContext->Stop(); }), "void", "void"},
         {"CreateShader", nullptr,
          [](Bench& b)
          {
@@ -635,8 +519,6 @@ std::vector<Row> ContextRows()
 std::vector<Row> ShaderProgramPrimitiveRows()
 {
     return {
-        {"shader SetName", [](Bench& b) { b.Shader(IKSShader::kST_Vertex, kShapeSource); },
-         [](Bench& b) { return Flag(b.shaders.back()->SetName("sweep")); }, "true", "true"},
         // The log goes to the caller's Result alone, never to the console.
         {"shader SetString", [](Bench& b) { b.Shader(IKSShader::kST_Vertex, kShapeSource); },
          [](Bench& b)
@@ -650,17 +532,6 @@ std::vector<Row> ShaderProgramPrimitiveRows()
              const std::string log = LogAfter(function, "ksCompileShader");
              return log.empty() ? Lines{} : Lines{InResult(log)};
          }},
-        {"program AddShader",
-         [](Bench& b)
-         {
-             b.Program();
-             b.Shader(IKSShader::kST_Vertex, kOtherShapeSource);
-         },
-         [](Bench& b) { return Flag(b.programs.back()->AddShader(b.shaders.back())); }, "true",
-         "true"},
-        {"program RemoveShader", &Bench::Program,
-         [](Bench& b) { return Flag(b.programs.back()->RemoveShader(b.shaders.back())); }, "true",
-         "true"},
         {"program Link", &Bench::Program, [](Bench& b) { return Flag(b.programs.back()->Link()); },
          "true", "false", "ksLinkProgram ksGetProgramiv",
          [](Bench&, const std::string& function)
@@ -668,32 +539,20 @@ std::vector<Row> ShaderProgramPrimitiveRows()
              return Lines{Error("KS: program 'sweep' link failed:\n"),
                           Error("KS: " + LogAfter(function, "ksLinkProgram") + "\n")};
          }},
-        {"program SetName", &Bench::Program,
-         [](Bench& b) { return Flag(b.programs.back()->SetName("renamed")); }, "true", "true"},
         // Locations count from 0 in order of declaration.
         {"program GetLocationUniform", &Bench::LinkedProgram,
          [](Bench& b) { return std::to_string(b.programs.back()->GetLocationUniform("radius")); },
          "1", "-1", "ksGetUniformLocation"},
         {"primitive Bind", &Bench::Primitive,
          [](Bench& b) { return Flag(b.primitives.back()->Bind()); }, "true", "false", "",
-         PrimitiveBindFailed, "KS_PRIMITIVE_BINDING"},
+         PrimitiveBindFailed, true},
         {"primitive SetName", &Bench::Primitive,
          Does([](Bench& b) { b.primitives.back()->SetName("sweep"); }), "void", "void", "",
-         PrimitiveBindFailed, "KS_PRIMITIVE_BINDING"},
-        {"primitive SetUniform float", &Bench::Primitive,
-         [](Bench& b) { return Flag(b.primitives.back()->SetUniform("u", 2, 0.5f)); }, "true",
-         "false", "", SetterFailed("float"), "KS_PRIMITIVE_BINDING"},
+         PrimitiveBindFailed, true},
         {"primitive SetUniform int tuples", &Bench::Primitive,
          [](Bench& b)
          { return Flag(b.primitives.back()->SetUniform("u", 2, 3, std::uint64_t(2), kInts)); },
-         "true", "false", "", SetterFailed("int[][]"), "KS_PRIMITIVE_BINDING"},
-        {"primitive SetUniform mat4[]", &Bench::Primitive,
-         [](Bench& b)
-         {
-             const auto* matrix = reinterpret_cast<const Matrix44f*>(kMatrix);
-             return Flag(b.primitives.back()->SetUniform("u", 2, std::uint64_t(1), matrix));
-         },
-         "true", "false", "", SetterFailed("mat4[]"), "KS_PRIMITIVE_BINDING"},
+         "true", "false", "", SetterFailed("int[][]"), true},
         {"primitive SetUniformBlock",
          [](Bench& b)
          {
@@ -702,7 +561,7 @@ std::vector<Row> ShaderProgramPrimitiveRows()
          },
          [](Bench& b)
          { return Flag(b.primitives.back()->SetUniformBlock("u", 0, b.buffers.back())); },
-         "true", "false", "", Says({Error("SetUniformBlock u\n")}), "KS_PRIMITIVE_BINDING"},
+         "true", "false", "", Says({Error("SetUniformBlock u\n")}), true},
         {"AutoBindKSPrimitive scope", &Bench::Primitive,
          Does([](Bench& b) { AutoBindKSPrimitive bound(b.primitives.back()); }), "void", "void", "",
          PrimitiveBindFailed},
@@ -716,17 +575,13 @@ std::vector<Row> BufferTextureRows()
          [](Bench& b)
          { return Flag(b.buffers.back()->Init(IKSBuffer::kUsage_DynamicDraw, kBufferBytes)); },
          "true", "false", "ksGenBuffers"},
-        {"buffer Resize", &Bench::Buffer,
-         [](Bench& b)
-         { return Flag(b.buffers.back()->Resize(IKSBuffer::kUsage_StreamRead, 96, false)); },
-         "true", "true"},
         {"buffer Resize keeping contents", &Bench::Buffer,
          [](Bench& b)
          { return Flag(b.buffers.back()->Resize(IKSBuffer::kUsage_StreamRead, 96, true)); },
          "true", "false", "ksMapBuffer"},
         {"buffer Bind", &Bench::Buffer,
          [](Bench& b) { return Flag(b.buffers.back()->Bind(KS_UNIFORM_BLOCK_BUFFER)); }, "true",
-         "false", "", BufferBindFailed, "KS_UNIFORM_BLOCK_BUFFER_BINDING"},
+         "false", "", BufferBindFailed},
         {"AutoBindKSBuffer scope", &Bench::Buffer,
          Does([](Bench& b) { AutoBindKSBuffer bound(b.buffers.back(), KS_ARRAY_BUFFER); }), "void",
          "void", "", BufferBindFailed},
@@ -750,27 +605,8 @@ std::vector<Row> BufferTextureRows()
              return Made(mapping.GetMap(0)) + " " + Made(mapping.GetMap(1));
          },
          "object object", "null object", "ksMapBuffer ksBindBuffer"},
-        {"texture SetImage on client storage", &Bench::Texture,
-         [](Bench& b)
-         {
-             return Flag(b.textures.back()->SetImage(kSize, kSize, IKSTexImage::kTF_RGBA32F,
-                                                     KS_CLAMP_TO_EDGE, KS_NEAREST, KS_NEAREST,
-                                                     b.pixels, true));
-         },
-         "true", "true"},
-        // The setters share one way through the texture pair.
-        {"texture setters", &Bench::Texture,
-         Does(
-             [](Bench& b)
-             {
-                 b.textures.back()->SetWrapMode(KS_REPEAT, KS_MIRRORED_REPEAT);
-                 b.textures.back()->SetMinFilter(KS_LINEAR_MIPMAP_LINEAR);
-                 b.textures.back()->SetMagFilter(KS_NEAREST);
-             }),
-         "void", "void"},
         {"texture GenerateMipMaps", &Bench::Texture,
-         [](Bench& b) { return Flag(b.textures.back()->GenerateMipMaps()); }, "true", "false", "",
-         nullptr, "KS_TEXTURE_BINDING_2D"},
+         [](Bench& b) { return Flag(b.textures.back()->GenerateMipMaps()); }, "true", "false"},
     };
 }
 
@@ -796,31 +632,6 @@ std::vector<Row> FrameBufferRows()
          },
          "object", "null", "ksGenTextures",
          Says({OnProcessConsole("KSFramebuffer attachment failed to initialize")})},
-        {"frame buffer Bind", &Bench::FrameBuffer,
-         [](Bench& b) { return Flag(b.frameBuffers.back()->Bind()); }, "true", "true", "", nullptr,
-         "KS_FRAMEBUFFER_BINDING"},
-        {"frame buffer SetFilter", &Bench::FrameBuffer,
-         [](Bench& b)
-         {
-             UnitFilter filter;
-             return Flag(b.frameBuffers.back()->SetFilter(&filter));
-         },
-         "true", "true"},
-        {"frame buffer Clear", &Bench::FrameBuffer,
-         Does([](Bench& b) { b.frameBuffers.back()->Clear(); }), "void", "void"},
-        {"frame buffer Resize", &Bench::FrameBuffer,
-         [](Bench& b) { return Flag(b.frameBuffers.back()->Resize(2 * kSize, kSize)); }, "true",
-         "true"},
-        {"frame buffer DestroyAttachment", &Bench::FrameBuffer,
-         [](Bench& b)
-         {
-             IKSFrameBufferAttachment* attachment = b.pAttachment;
-             b.pAttachment = nullptr;
-             return Flag(b.frameBuffers.back()->DestroyAttachment(attachment));
-         },
-         "true", "true"},
-        {"attachment NotifyPassCompleted", &Bench::BoundFrameBuffer,
-         [](Bench& b) { return Flag(b.pAttachment->NotifyPassCompleted()); }, "true", "true"},
     };
 }
 
@@ -858,7 +669,7 @@ protected:
         if (row.setup)
             row.setup(bench);
         EXPECT_NO_KS_ERROR() << "in the setup";
-        const Bindings before = ReadBindings();
+        const KSprimitive primitive = BoundPrimitive();
         _console.Clear();
         _process.Clear();
         bench.result.Clear();
@@ -879,23 +690,26 @@ protected:
         Kestrel::Testing::ClearFaults();
 
         if (nth == 0)
-            CheckAnswer(row, clean, function, bench, result, before);
+            CheckAnswer(row, clean, function, bench, result);
+        // The other slots are watched by the tests of their objects; a scoped
+        // primitive binding is not, and must give its slot back.
+        if (!faulted && !row.bBindsPrimitive)
+        {
+            EXPECT_EQ(BoundPrimitive(), primitive) << "the primitive slot";
+        }
         ksGetError(); // what the failure left pending is the host's to read
 
         bench.GiveBack();
-        ObjectCounts left = baseline;
-        if (int ObjectCounts::*kind = faulted ? KindDeletedBy(function) : nullptr)
-            ++(left.*kind);
         const ObjectCounts now = CountObjects(_pKestrel);
-        EXPECT_EQ(now, left) << "Kestrel objects after the case";
+        EXPECT_EQ(now, baseline) << "Kestrel objects after the case";
         EXPECT_EQ(CountContexts(), contexts);
         EXPECT_NO_KS_ERROR() << "giving the objects back";
         return calls;
     }
 
-    // What the operation answered, said and left bound, against the row.
+    // What the operation answered and said, against the row.
     void CheckAnswer(const Row& row, const Calls& clean, const std::string& function, Bench& bench,
-                     const std::string& result, const Bindings& before)
+                     const std::string& result)
     {
         const bool faulted = !function.empty();
         const bool seen = faulted && Sees(row, clean, function);
@@ -912,24 +726,6 @@ protected:
             notified.push_back(followOn->second);
         EXPECT_TRUE(LinesMatch(heard.notifications, notified)) << "notified";
         EXPECT_TRUE(LinesMatch(heard.said, seen && row.said ? row.said(bench, function) : Lines{}));
-
-        // Whatever an operation borrows it gives back; what a failed binding
-        // query did not report, it cannot give back, and it puts back none.
-        const Bindings after = ReadBindings();
-        Bindings expected = before;
-        const std::set<std::string> rebinds = Words(row.sRebinds);
-        for (const std::string& slot : rebinds)
-            expected[slot] = after.at(slot);
-        if (faulted && kBindingQueries.count(function) != 0)
-        {
-            const auto query =
-                std::find_if(clean.begin(), clean.end(),
-                             [&](const std::string& call) { return FunctionOf(call) == function; });
-            const std::string slot = FirstArgumentOf(*query);
-            if (rebinds.count(slot) == 0)
-                expected[slot] = Unbound(slot);
-        }
-        EXPECT_EQ(after, expected);
     }
 
     void* _pKestrel = nullptr;
@@ -939,8 +735,8 @@ protected:
 } // namespace
 
 // Each call an operation makes fails in turn. The first call of each
-// function is checked in full: result, messages, bindings, objects. A later
-// call (a restoring bind, the copy back, the second of two deletions) leaves
+// function is checked in full: result, messages, objects. A later
+// call (a restoring bind, the copy back) leaves
 // an answer that depends on which call it was, so there only what must hold
 // after any failure is checked: no crash, nothing leaked (under the address
 // sanitizer), Kestrel's objects back to what they were.
@@ -948,7 +744,6 @@ TEST_F(FaultSweep, EveryCallAnOperationMakesFailsInTurn)
 {
     AutoInstallConsole installed(&_process);
     Kestrel::Testing::AutoFaults faults;
-    std::size_t laterCalls = 0;
     for (const Row& row : AllRows())
     {
         SCOPED_TRACE(row.sName);
@@ -965,11 +760,9 @@ TEST_F(FaultSweep, EveryCallAnOperationMakesFailsInTurn)
             const int nth = seen[function]++;
             SCOPED_TRACE("failing call " + std::to_string(nth + 1) + " of " + function);
             RunCase(row, clean, function, nth);
-            laterCalls += nth > 0 ? 1 : 0;
         }
         ASSERT_FALSE(seen.empty()) << "the operation reaches no Kestrel function";
     }
-    EXPECT_GT(laterCalls, 0u) << "no operation calls a function twice";
 
     // Everything was given back all along: the report has nothing to say.
     _console.Clear();

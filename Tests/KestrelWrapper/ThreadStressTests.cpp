@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <thread>
 #include <vector>
@@ -21,39 +22,31 @@ using Att = IKSFrameBufferAttachment;
 namespace
 {
 
-// A frame buffer with one attachment, bound, for frames to render into.
-class BoundFrame
+class ThreadStress : public WrapperFixture
 {
-public:
-    BoundFrame(IKestrelContext* context, int size, Att::eBlendMode mode,
-               const Color4f& clearColor = Color4f{})
-        : _pContext(context), _pFrameBuffer(context->CreateIKSFrameBuffer())
+protected:
+    // One attachment on the test's frame buffer, bound and cleared for frames
+    // to render into.
+    IKSFrameBufferAttachment* Attach(int size, Att::eBlendMode mode,
+                                     const Color4f& clearColor = Color4f{})
     {
+        _pFrameBuffer = _pContext->CreateIKSFrameBuffer();
         _pFrameBuffer->Init(size, size);
-        pAttachment = _pFrameBuffer->CreateAttachment(0, Att::kF_RGBA, Att::kDT_Float, false, mode,
-                                                      clearColor);
+        IKSFrameBufferAttachment* attachment = _pFrameBuffer->CreateAttachment(
+            0, Att::kF_RGBA, Att::kDT_Float, false, mode, clearColor);
         _pFrameBuffer->Bind();
         _pFrameBuffer->Clear();
+        return attachment;
     }
-    ~BoundFrame()
+
+    void TearDown() override
     {
         ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
         _pContext->DestroyIKSFrameBuffer(_pFrameBuffer);
+        WrapperFixture::TearDown();
     }
-    BoundFrame(const BoundFrame&) = delete;
-    BoundFrame& operator=(const BoundFrame&) = delete;
 
-    IKSFrameBuffer* FrameBuffer() const { return _pFrameBuffer; }
-
-    IKSFrameBufferAttachment* pAttachment = nullptr;
-
-private:
-    IKestrelContext* _pContext;
-    IKSFrameBuffer* _pFrameBuffer;
-};
-
-class ThreadStress : public WrapperFixture
-{
+    IKSFrameBuffer* _pFrameBuffer = nullptr;
 };
 
 } // namespace
@@ -64,8 +57,7 @@ class ThreadStress : public WrapperFixture
 // carry over to the next one.
 TEST_F(ThreadStress, StopFromAnotherThreadEndsTheFrameOrFindsItDone)
 {
-    BoundFrame frame(_pContext, 32, Att::kBM_Mode0);
-    ASSERT_NE(frame.pAttachment, nullptr);
+    ASSERT_NE(Attach(32, Att::kBM_Mode0), nullptr);
     int stopped = 0;
     for (int i = 0; i < 50; ++i)
     {
@@ -83,17 +75,19 @@ TEST_F(ThreadStress, StopFromAnotherThreadEndsTheFrameOrFindsItDone)
                 if (held)
                     stopDone.wait();
             });
+        bool began = false;
         std::thread stopper(
-            [this, &frameBegun, &stopSent]
+            [this, &frameBegun, &stopSent, &began]
             {
                 // Bounded, so that a frame that never begins fails the test
                 // instead of hanging it.
-                frameBegun.wait_for(std::chrono::seconds(5));
+                began = frameBegun.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
                 _pContext->Stop();
                 stopSent.set_value();
             });
         const IKestrelContext::KSRenderFrameStatus status = _pContext->RenderFrame();
         stopper.join();
+        ASSERT_TRUE(began) << "the frame never began";
         if (held)
             EXPECT_EQ(status, IKestrelContext::kRFS_Stopped);
         else
@@ -106,90 +100,74 @@ TEST_F(ThreadStress, StopFromAnotherThreadEndsTheFrameOrFindsItDone)
     EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Finished) << "no stop carries over";
 }
 
-// Client storage is one setting for all of Kestrel. One thread specifies its
-// texture in client storage, the other its own without, through the
-// context's texture pair and through attachments that resize: if the pair
-// let them interleave, a texture would come out with the other's setting.
-TEST_F(ThreadStress, TexturePairKeepsTwoThreadsApart)
+// Client storage is one setting for all of Kestrel, and the texture binding
+// one slot. Three threads specify images at once: a texture in client
+// storage, a texture without, an attachment by resizing (client storage
+// again); each then binds its own through the texture pair. Were any of them
+// outside the pair, an image would come out with another's setting or size,
+// or a thread would find another's texture bound inside its own pair.
+TEST_F(ThreadStress, TexturePairKeepsThreeThreadsApart)
 {
-    constexpr int kRounds = 300;
-    _KStexture* before = nullptr;
-    ksGenTextures(1, &before);
-    ksBindTexture(KS_TEXTURE_2D, before);
+    constexpr int kRounds = 200;
     IKSTexImage2D* client = _pContext->CreateIKSTexImage2D();
     IKSTexImage2D* copied = _pContext->CreateIKSTexImage2D();
-    IKSFrameBuffer* frameBuffer = _pContext->CreateIKSFrameBuffer();
-    ASSERT_TRUE(frameBuffer->Init(2, 2));
-    IKSFrameBufferAttachment* attachment = frameBuffer->CreateAttachment(
-        0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode2, Color4f{});
+    IKSFrameBufferAttachment* attachment = Attach(2, Att::kBM_Mode2);
     ASSERT_NE(attachment, nullptr);
-
-    // Both threads start together, so that their rounds overlap.
-    std::atomic<int> ready{0};
-    auto startTogether = [&ready]
+    float pixels[6 * 2 * 4] = {};
+    auto image = [&](IKSTexImage2D* texture, int width, bool clientStorage)
     {
-        ++ready;
-        while (ready.load() < 2)
-            std::this_thread::yield();
+        texture->SetImage(width, 2, IKSTexImage::kTF_RGBA32F, KS_REPEAT, KS_NEAREST, KS_NEAREST,
+                          pixels, clientStorage);
+        return texture->GetKSTexture();
     };
-    std::atomic<int> wrongBinding{0};
-    std::atomic<int> wrongSetting{0};
-    float clientPixels[4 * 4] = {};
-    std::thread first(
-        [&]
-        {
-            startTogether();
-            for (int round = 0; round < kRounds; ++round)
-            {
-                clientPixels[0] = static_cast<float>(round);
-                client->SetImage(2, 2, IKSTexImage::kTF_RGBA32F, KS_REPEAT, KS_NEAREST, KS_NEAREST,
-                                 clientPixels, true);
-                if (!Image(client->GetKSTexture()).clientStorage)
-                    ++wrongSetting;
-                _pContext->BindTexture2D(client->GetKSTexture());
-                if (BoundTexture() != client->GetKSTexture())
-                    ++wrongBinding;
-                ksTexParameteri(KS_TEXTURE_2D, KS_TEXTURE_WRAP_S, KS_CLAMP_TO_EDGE);
-                _pContext->UnbindTexture2D();
-            }
-        });
-    std::thread second(
-        [&]
-        {
-            unsigned char pixels[2 * 2 * 4] = {};
-            startTogether();
-            for (int round = 0; round < kRounds; ++round)
-            {
-                copied->SetImage(2, 2, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
-                                 pixels, false);
-                if (Image(copied->GetKSTexture()).clientStorage)
-                    ++wrongSetting;
-                // Client storage again, from this side: the attachment's.
-                frameBuffer->Resize(2 + round % 2, 2);
-                if (!Image(attachment->GetKSTexture()).clientStorage)
-                    ++wrongSetting;
-                _pContext->BindTexture2D(copied->GetKSTexture());
-                if (BoundTexture() != copied->GetKSTexture())
-                    ++wrongBinding;
-                _pContext->UnbindTexture2D();
-            }
-        });
-    first.join();
-    second.join();
+    const struct
+    {
+        std::function<_KStexture*(int width)> specify;
+        bool bClientStorage;
+    } sides[] = {
+        {[&](int width) { return image(client, width, true); }, true},
+        {[&](int width) { return image(copied, width, false); }, false},
+        {[&](int width)
+         {
+             _pFrameBuffer->Resize(width, 2);
+             return attachment->GetKSTexture();
+         },
+         true},
+    };
 
-    EXPECT_EQ(wrongBinding.load(), 0) << "a pair was open on both threads at once";
-    EXPECT_EQ(wrongSetting.load(), 0) << "client storage leaked into the other's image";
-    EXPECT_EQ(BoundTexture(), before);
-    const TextureRecord image = Image(client->GetKSTexture());
-    ASSERT_EQ(image.bytes.size(), sizeof(clientPixels));
-    EXPECT_EQ(std::memcmp(image.bytes.data(), clientPixels, sizeof(clientPixels)), 0)
-        << "the client's own memory is its texture";
+    std::atomic<int> ready{0};
+    std::atomic<int> wrong{0};
+    auto rounds = [&](int side)
+    {
+        // All start together, so that their rounds overlap.
+        ++ready;
+        while (ready.load() < 3)
+            std::this_thread::yield();
+        for (int round = 0; round < kRounds; ++round)
+        {
+            // Sizes change every round and differ between the threads.
+            const int width = 1 + round % 2 + 2 * side;
+            _KStexture* texture = sides[side].specify(width);
+            const TextureRecord made = Image(texture);
+            if (made.width != width || made.clientStorage != sides[side].bClientStorage)
+                ++wrong;
+            _pContext->BindTexture2D(texture);
+            // Room for another thread to come in, were the pair open to it.
+            std::this_thread::sleep_for(std::chrono::microseconds(10));
+            if (BoundTexture() != texture)
+                ++wrong;
+            _pContext->UnbindTexture2D();
+        }
+    };
+    std::thread threads[] = {std::thread(rounds, 0), std::thread(rounds, 1),
+                             std::thread(rounds, 2)};
+    for (std::thread& thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0);
     EXPECT_NO_KS_ERROR();
 
-    _pContext->DestroyIKSFrameBuffer(frameBuffer);
     _pContext->DestroyIKSTexImage2D(client);
     _pContext->DestroyIKSTexImage2D(copied);
-    ksDeleteTextures(1, &before);
 }
 
 // Each pair is a lock of its own: an open pixel pack pair holds up another
@@ -237,8 +215,7 @@ TEST_F(ThreadStress, LockedReadsSeeOnlyWholePassesWhilePassesComplete)
     constexpr int kSize = 16;
     constexpr int kPasses = 40;
     constexpr float kLeft = 0.75f; // 1 - 0.25 per pass
-    BoundFrame frame(_pContext, kSize, Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
-    IKSFrameBufferAttachment* attachment = frame.pAttachment;
+    IKSFrameBufferAttachment* attachment = Attach(kSize, Att::kBM_Accumulated, Color4f{0, 0, 0, 1});
     ASSERT_NE(attachment, nullptr);
     AutoRenderHook hook(
         [](void* context)
@@ -269,7 +246,7 @@ TEST_F(ThreadStress, LockedReadsSeeOnlyWholePassesWhilePassesComplete)
                 if (!completePass())
                     ++failedPasses;
                 if (pass % 4 == 0)
-                    frame.FrameBuffer()->Bind();
+                    _pFrameBuffer->Bind();
             }
             done = true;
         });
