@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -15,7 +14,6 @@
 #include <vector>
 
 #include <stdlib.h>
-#include <unistd.h>
 
 using namespace VireoRender;
 
@@ -181,6 +179,8 @@ protected:
     static void SetUpTestSuite()
     {
         const std::string directory = Directory();
+        // A later suite on the same files makes them again.
+        std::filesystem::create_directories(directory);
         std::ofstream(directory + "groups.mtl")
             << "newmtl red\nKd 0.8 0.1 0.1\nNs 98\nPm 0.5\n"
                "newmtl lamp\nKe 5 4 3\nnewmtl clear\nd 0.2\nNi 1.33\n";
@@ -287,7 +287,8 @@ TEST_F(Import, MaterialValuesCameraAndFraming)
     EXPECT_EQ(scene.meshes[2].TriangleCount(), 2u);      // the quad, split
 }
 
-class ImportRender : public ::testing::Test
+// On the files of Import.
+class ImportRender : public Import
 {
 protected:
     void SetUp() override
@@ -306,30 +307,19 @@ protected:
     Vireo::IKestrelContext* _pContext = nullptr;
 };
 
-// Shared data stays shared through the wrapper: one buffer and one texture
-// for two primitives.
+// Shared data stays shared through the wrapper: one buffer for the mesh of
+// both instances, one texture for the image that two textures map.
 TEST_F(ImportRender, BuildsOnePrimitivePerInstanceAndSharesTheRest)
 {
     ImportOptions options;
-    options.path =
-        ::testing::TempDir() + "vireo-import-shared-" + std::to_string(getpid()) + ".gltf";
+    options.path = Directory() + "light.gltf";
     std::string error;
-    {
-        std::ofstream(options.path)
-            << Gltf(R"("nodes": [{"mesh": 0}, {"mesh": 1, "translation": [4, 0, 0]}],
-                 "images": [{"uri": "data:image/png;base64,)" +
-                    kPng1x1 + R"("}],
-                 "textures": [{"source": 0}],
-                 "materials": [{"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}}},
-                               {"pbrMetallicRoughness": {"baseColorTexture": {"index": 0}}}])");
-    }
     ImportedScene scene(_pContext);
     ASSERT_TRUE(scene.Build(options, &error)) << error;
     EXPECT_EQ(scene.Primitives().size(), 2u);
     EXPECT_EQ(scene.BufferCount(), 1u);
     EXPECT_EQ(scene.TextureCount(), 1u);
     EXPECT_EQ(ksGetError(), 0);
-    std::remove(options.path.c_str());
 }
 
 // The bunny scene renders: most primary rays hit something, and every
