@@ -74,22 +74,6 @@ enum eChildResult
     kCR_NoSignal = 11,
 };
 
-// A child that makes a named event, says so, and sets it when told to.
-pid_t EventInChild(const std::wstring& name, bool bManualReset, bool bInitialState,
-                   const Channel& created, const Channel& go)
-{
-    return RunInChild(
-        [&]
-        {
-            Vireo::Event own(bManualReset, bInitialState, name.c_str());
-            created.Send();
-            if (!go.Receive())
-                return static_cast<int>(kCR_NoSignal);
-            own.Set();
-            return static_cast<int>(kCR_Ok);
-        });
-}
-
 } // namespace
 
 TEST(NamedObjectTest, SameNameIsTheSameLock)
@@ -198,7 +182,16 @@ TEST(NamedObjectTest, EventMadeAndSetInOtherProcess)
         const std::wstring name = UniqueName(L"event");
         Channel created;
         Channel go;
-        const pid_t child = EventInChild(name, bManualReset, false, created, go);
+        const pid_t child = RunInChild(
+            [&]
+            {
+                Vireo::Event own(bManualReset, false, name.c_str());
+                created.Send();
+                if (!go.Receive())
+                    return static_cast<int>(kCR_NoSignal);
+                own.Set();
+                return static_cast<int>(kCR_Ok);
+            });
         ASSERT_GT(child, 0);
         ASSERT_TRUE(created.Receive());
         const std::string shmName = "/vireo.event." + std::string(name.begin(), name.end());
