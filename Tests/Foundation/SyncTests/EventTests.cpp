@@ -185,4 +185,8 @@ TEST_P(EventTest, WaiterThatGaveUpKeepsNoRelease)
     Waiters late(*event, 1, 20);
     late.Join();
     EXPECT_EQ(late._nTimedOut.load(), 1);
+
+    // With every waiter gone, a Set is kept for the next one.
+    event->Set();
+    EXPECT_TRUE(event->Wait(0)) << "the Set went to a waiter that had left";
 }
