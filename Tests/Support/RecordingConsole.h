@@ -54,7 +54,6 @@ struct ConsoleCall
     {
         return eKind == other.eKind && sText == other.sText && eLevel == other.eLevel;
     }
-    bool operator!=(const ConsoleCall& other) const { return !(*this == other); }
 };
 
 inline std::ostream& operator<<(std::ostream& stream, const ConsoleCall& call)
@@ -203,8 +202,7 @@ inline std::ostream& operator<<(std::ostream& stream, const AssertCall& call)
                   << call.sFile << "\", " << call.nContext << ")";
 }
 
-// Records each failed assertion and answers with SetAnswer's value (0 unless
-// set).
+// Records each failed assertion and always gives the same answer.
 class RecordingAssertHandler : public IAssertHandler
 {
 public:
@@ -219,11 +217,6 @@ public:
         return _nAnswer;
     }
 
-    void SetAnswer(int nAnswer)
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _nAnswer = nAnswer;
-    }
     std::vector<AssertCall> Calls() const
     {
         std::lock_guard<std::mutex> lock(_mutex);
@@ -234,16 +227,11 @@ public:
         std::lock_guard<std::mutex> lock(_mutex);
         return _calls.size();
     }
-    void Clear()
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _calls.clear();
-    }
 
 private:
     mutable std::mutex _mutex;
     std::vector<AssertCall> _calls;
-    int _nAnswer;
+    const int _nAnswer;
 };
 
 // Makes a console or an assertion handler the process-wide one for a scope,

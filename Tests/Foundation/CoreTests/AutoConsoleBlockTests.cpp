@@ -44,40 +44,23 @@ TEST(AutoConsoleBlock, NestedBlocksOpenAndCloseWithTheirTextsAndLevel)
               console.Calls());
 }
 
-TEST(AutoConsoleBlock, CopyOpensNothingAndClosesAgain)
-{
-    RecordingConsole console;
-    {
-        AutoConsoleBlock original(&console, IConsole::kVL_Normal, "open", "close");
-        {
-            AutoConsoleBlock copy(original);
-            EXPECT_EQ(1u, console.Calls().size()) << "copying must not call the console";
-        }
-        EXPECT_EQ((Calls{{kCCK_BeginBlock, "open"}, {kCCK_EndBlock, "close"}}), console.Calls());
-    }
-    EXPECT_EQ(
-        (Calls{{kCCK_BeginBlock, "open"}, {kCCK_EndBlock, "close"}, {kCCK_EndBlock, "close"}}),
-        console.Calls());
-}
-
-TEST(AutoConsoleBlock, AssignmentTakesConsoleLevelAndCloseTextSilently)
+// A copy closes again; an assigned block takes the source's console, level
+// and close text, and the console it had never sees its block closed. Neither
+// calls any console on the way.
+TEST(AutoConsoleBlock, CopiesOpenNothingAndCloseLikeTheirSource)
 {
     RecordingConsole first;
     RecordingConsole second;
     {
         AutoConsoleBlock target(&second, IConsole::kVL_Trace, "second open", "second close");
-        {
-            AutoConsoleBlock source(&first, IConsole::kVL_Detail, "first open", "first close");
-            target = source;
-            EXPECT_EQ(1u, first.Calls().size());
-            EXPECT_EQ(1u, second.Calls().size());
-        }
+        AutoConsoleBlock source(&first, IConsole::kVL_Detail, "first open", "first close");
+        AutoConsoleBlock copy(source);
+        target = source;
+        EXPECT_EQ(1u, first.Calls().size());
+        EXPECT_EQ(1u, second.Calls().size());
     }
-    // Both now close on the first console; the second never sees its block
-    // closed.
-    EXPECT_EQ((Calls{{kCCK_BeginBlock, "first open", IConsole::kVL_Detail},
-                     {kCCK_EndBlock, "first close", IConsole::kVL_Detail},
-                     {kCCK_EndBlock, "first close", IConsole::kVL_Detail}}),
+    const ConsoleCall close{kCCK_EndBlock, "first close", IConsole::kVL_Detail};
+    EXPECT_EQ((Calls{{kCCK_BeginBlock, "first open", IConsole::kVL_Detail}, close, close, close}),
               first.Calls());
     EXPECT_EQ((Calls{{kCCK_BeginBlock, "second open", IConsole::kVL_Trace}}), second.Calls());
 }

@@ -9,31 +9,7 @@
 
 using namespace SyncTest;
 
-TEST(ReadWriteLockTest, ReadersShareAndTheLastOneLetsTheWriterIn)
-{
-    Vireo::ReadWriteLock lock;
-    Actor firstReader;
-    Actor lastReader;
-    Actor writer;
-
-    // None of these may block: readers share.
-    firstReader.Do([&] { lock.AcquireRead(); });
-    lastReader.Do([&] { lock.AcquireRead(); });
-    lock.AcquireRead();
-
-    writer.Post([&] { lock.AcquireWrite(); });
-    lock.ReleaseRead();
-    firstReader.Do([&] { lock.ReleaseRead(); });
-    GraceForBlocking();
-    EXPECT_EQ(writer.Finished(), 0) << "writer got in with a reader inside";
-
-    // The last reader out is not the thread that took the writer lock.
-    lastReader.Do([&] { lock.ReleaseRead(); });
-    EXPECT_TRUE(Eventually([&] { return writer.Finished() == 1; }));
-    writer.Do([&] { lock.ReleaseWrite(); });
-}
-
-TEST(ReadWriteLockTest, WriterKeepsReadersOutUntilItLeaves)
+TEST(ReadWriteLockTest, WriterKeepsReadersOutAndTheLastReaderLetsTheNextIn)
 {
     constexpr int kReaders = 3;
     Vireo::ReadWriteLock lock;
@@ -57,8 +33,18 @@ TEST(ReadWriteLockTest, WriterKeepsReadersOutUntilItLeaves)
     // All of them get in together: none leaves before every one is in.
     lock.ReleaseWrite();
     EXPECT_TRUE(Eventually([&] { return nInside.load() == kReaders; }));
-    for (auto& reader : readers)
-        reader->Do([&] { lock.ReleaseRead(); });
+
+    // A writer waits for the last reader, which is not the thread that took
+    // the writer lock for the readers.
+    Actor writer;
+    writer.Post([&] { lock.AcquireWrite(); });
+    for (std::size_t i = 0; i + 1 < readers.size(); ++i)
+        readers[i]->Do([&] { lock.ReleaseRead(); });
+    GraceForBlocking();
+    EXPECT_EQ(writer.Finished(), 0) << "writer got in with a reader inside";
+    readers.back()->Do([&] { lock.ReleaseRead(); });
+    EXPECT_TRUE(Eventually([&] { return writer.Finished() == 1; }));
+    writer.Do([&] { lock.ReleaseWrite(); });
 }
 
 TEST(ReadWriteLockTest, UnmatchedReleaseReadChangesNothing)
