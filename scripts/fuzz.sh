@@ -31,9 +31,11 @@ seeds_ShaderFuzzer() {
     done
 }
 
-# Call sequences of the runtime's tests, written by the target itself.
+# Call sequences of the runtime's tests, written by the target itself, and the
+# kept corpus that the tests replay (refresh it with -set_cover_merge=1).
 seeds_CallStreamFuzzer() {
     CALL_STREAM_SEEDS="$1" build/fuzz/bin/CallStreamFuzzer
+    cp Tests/Fuzz/CallStreamCorpus/* "$1/"
 }
 
 # Scene files with a format byte in front (0 glTF, 2 OBJ with its MTL after a

@@ -102,30 +102,6 @@ TEST(KestrelContexts, AttributesAreCheckedAndSetTheEnforcedMaxima)
 
 using KestrelCurrent = KestrelFixture;
 
-TEST_F(KestrelCurrent, SetCurrentAcceptsOnlyLiveContexts)
-{
-    _KSbuffer* buffer = NewBuffer();
-    ksBindBuffer(KS_ARRAY_BUFFER, buffer);
-    void* destroyed = KestrelCreateContext(nullptr, nullptr, nullptr);
-    KestrelDestroyContext(destroyed);
-    ASSERT_NO_KS_ERROR();
-
-    for (void* rejected : {static_cast<void*>(nullptr), destroyed, ForgedHandle<void>()})
-    {
-        EXPECT_EQ(KestrelSetCurrentContext(rejected), 0);
-        // Still the fixture's context: its binding is visible.
-        _KSbuffer* bound = nullptr;
-        ksGetBuffer(KS_ARRAY_BUFFER_BINDING, &bound);
-        EXPECT_EQ(bound, buffer);
-    }
-    EXPECT_NO_KS_ERROR();
-    // Destroying what is not a live context is ignored.
-    KestrelDestroyContext(nullptr);
-    KestrelDestroyContext(destroyed);
-    KestrelDestroyContext(ForgedHandle<void>());
-    EXPECT_EQ(CountContexts(), _nContextsBefore + 1);
-}
-
 TEST_F(KestrelCurrent, WithoutCurrentContextCallsWriteZeroAndRaiseNothing)
 {
     _KSbuffer* ourBuffer = NewBuffer();
@@ -195,42 +171,6 @@ TEST_F(KestrelCurrent, WithoutCurrentContextCallsWriteZeroAndRaiseNothing)
 // Errors and notifications
 
 using KestrelErrors = KestrelFixture;
-
-TEST_F(KestrelErrors, FirstErrorIsKeptLaterOnesDroppedReadClears)
-{
-    ksBindBuffer(0x1234, nullptr);                            // KS_INVALID_ENUM
-    ksBindBuffer(KS_ARRAY_BUFFER, ForgedHandle<_KSbuffer>()); // KS_INVALID_VALUE
-    ksMapBuffer(KS_ARRAY_BUFFER, 0x777);                      // KS_INVALID_ENUM
-    // No waiting: every notice must be there when its call returns.
-    const std::vector<Notice> notices = _recorder.Take();
-    EXPECT_EQ(ksGetError(), KS_INVALID_ENUM);
-    EXPECT_EQ(ksGetError(), KS_NO_ERROR);
-
-    // Dropped errors were still notified, in order, on the calling thread.
-    ASSERT_EQ(notices.size(), 3u);
-    const std::pair<int, const char*> expected[] = {
-        {KS_INVALID_ENUM, "ksBindBuffer"},
-        {KS_INVALID_VALUE, "ksBindBuffer"},
-        {KS_INVALID_ENUM, "ksMapBuffer"},
-    };
-    for (size_t i = 0; i < notices.size(); ++i)
-    {
-        const Notice& notice = notices[i];
-        EXPECT_EQ(notice.code, expected[i].first);
-        EXPECT_EQ(notice.detail, nullptr);
-        EXPECT_EQ(notice.detailSize, 0u);
-        EXPECT_EQ(notice.userData, &_recorder);
-        EXPECT_EQ(notice.thread, std::this_thread::get_id());
-        EXPECT_TRUE(notice.hasMessage);
-        EXPECT_EQ(notice.message.rfind(expected[i].second, 0), 0u) << notice.message;
-        EXPECT_GT(notice.message.size(), std::strlen(expected[i].second) + 2)
-            << "the reason is missing";
-    }
-
-    // After a read the next error is kept again.
-    ksBindBuffer(KS_ARRAY_BUFFER, ForgedHandle<_KSbuffer>());
-    EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksBindBuffer");
-}
 
 // The callback may read the error itself; without a callback errors are kept.
 TEST_F(KestrelErrors, CallbackMayCallKestrelAndIsOptional)

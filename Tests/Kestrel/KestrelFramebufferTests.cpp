@@ -111,68 +111,6 @@ TEST_F(KestrelFramebuffers, DetachedAndDeletedTexturesAreNoLongerWritten)
     EXPECT_NO_KS_ERROR();
 }
 
-TEST_F(KestrelFramebuffers, ClearAndRenderNeedABoundFrameBuffer)
-{
-    ksBindFramebuffer(KS_FRAMEBUFFER, nullptr);
-    ksClear(KS_COLOR_BUFFER_BIT);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksClear");
-    ksRenderFrame();
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksRenderFrame");
-    Attach(0, NewTexture());
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksFramebufferTexture2D");
-    ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, KS_ATTACHMENT_FILTER,
-                                       1);
-    EXPECT_KS_ERROR_IN(KS_INVALID_OPERATION, "ksFramebufferAttachmentParameter1i");
-    EXPECT_EQ(FramesRendered(), 0);
-}
-
-TEST_F(KestrelFramebuffers, AttachmentArgumentsAreChecked)
-{
-    _KStexture* texture = NewTexture();
-    const int first = KS_COLOR_ATTACHMENT0;
-    const struct
-    {
-        int target, point, textureTarget, level, error;
-    } attaches[] = {
-        {KS_FRAMEBUFFER_BINDING, first, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
-        {KS_FRAMEBUFFER, first - 1, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
-        {KS_FRAMEBUFFER, first + 17, KS_TEXTURE_2D, 0, KS_INVALID_ENUM},
-        {KS_FRAMEBUFFER, first, KS_TEXTURE_BINDING_2D, 0, KS_INVALID_ENUM},
-        {KS_FRAMEBUFFER, first, KS_TEXTURE_2D, 1, KS_INVALID_VALUE},
-    };
-    for (const auto& c : attaches)
-    {
-        ksFramebufferTexture2D(c.target, c.point, c.textureTarget, texture, c.level);
-        EXPECT_KS_ERROR_IN(c.error, "ksFramebufferTexture2D") << Hex(c.point);
-    }
-
-    const int point = first + 3;
-    const struct
-    {
-        int target, point, name, value, error;
-    } parameters[] = {
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 0, KS_NO_ERROR},
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 1, KS_NO_ERROR},
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_3, KS_NO_ERROR},
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, 2, KS_INVALID_VALUE},
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_FILTER, -1, KS_INVALID_VALUE},
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_3 + 1, KS_INVALID_ENUM},
-        {KS_FRAMEBUFFER, point, KS_ATTACHMENT_BLEND_MODE, 1, KS_INVALID_ENUM},
-        {KS_FRAMEBUFFER, first + 17, KS_ATTACHMENT_FILTER, 1, KS_INVALID_ENUM},
-        {KS_TEXTURE_2D, point, KS_ATTACHMENT_FILTER, 1, KS_INVALID_ENUM},
-    };
-    for (const auto& c : parameters)
-    {
-        SCOPED_TRACE(testing::Message() << Hex(c.target) << " " << Hex(c.point) << " "
-                                        << Hex(c.name) << " " << c.value);
-        ksFramebufferAttachmentParameter1i(c.target, c.point, c.name, c.value);
-        if (c.error)
-            EXPECT_KS_ERROR_IN(c.error, "ksFramebufferAttachmentParameter1i");
-        else
-            EXPECT_NO_KS_ERROR();
-    }
-}
-
 // An attachment that differs in width alone, or in height alone, is refused.
 TEST_F(KestrelFramebuffers, AttachmentsMustShareOneSize)
 {

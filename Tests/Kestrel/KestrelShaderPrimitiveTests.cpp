@@ -67,18 +67,6 @@ protected:
     }
 };
 
-// Only the four kinds make shaders. 0x10202 sits in the gap between two
-// kinds.
-TEST_F(KestrelShaders, KindsOutsideTheFourMakeNoShader)
-{
-    for (int kind : {0, -1, KS_VERTEX_SHADER + 1, 0x10202, KS_COMPILE_STATUS})
-    {
-        EXPECT_EQ(ksCreateShader(kind), nullptr) << Hex(kind);
-        EXPECT_KS_ERROR_IN(KS_INVALID_ENUM, "ksCreateShader") << Hex(kind);
-    }
-    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).shaders, 0);
-}
-
 TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
 {
     _KSshader* shader = ksCreateShader(KS_VERTEX_SHADER);
@@ -185,50 +173,6 @@ struct UniformSetter
     const char* name;
     std::function<void(int location, long long count, bool withData)> call;
 };
-
-TEST_F(KestrelUniforms, ArraySettersCheckCountDataAndLocation)
-{
-    ksBindPrimitive(KS_PRIMITIVE, NewPrimitive());
-    static const float floats[8] = {};
-    static const int ints[8] = {};
-    static _KStexture* const textures[2] = {};
-    static const KSprimitive primitives[2] = {};
-    const UniformSetter setters[] = {
-        {"ksUniform3fv",
-         [](int l, long long n, bool d) { ksUniform3fv(l, n, d ? floats : nullptr); }},
-        {"ksUniform2iv",
-         [](int l, long long n, bool d) { ksUniform2iv(l, n, d ? ints : nullptr); }},
-        {"ksUniformtv",
-         [](int l, long long n, bool d) { ksUniformtv(l, n, d ? textures : nullptr); }},
-        {"ksUniformpv",
-         [](int l, long long n, bool d) { ksUniformpv(l, n, d ? primitives : nullptr); }},
-    };
-    struct Call
-    {
-        int location;
-        long long count;
-        bool withData;
-        int error;
-    };
-    // A count of 0 reads nothing; location -1 is one the program does not use.
-    const Call calls[] = {
-        {0, 2, true, KS_NO_ERROR},       {1, 0, false, KS_NO_ERROR},
-        {-1, 2, true, KS_NO_ERROR},      {0, -1, true, KS_INVALID_VALUE},
-        {0, 1, false, KS_INVALID_VALUE}, {-2, 1, true, KS_INVALID_VALUE},
-    };
-    for (const UniformSetter& s : setters)
-    {
-        for (const Call& c : calls)
-        {
-            SCOPED_TRACE(std::string(s.name) + " at " + std::to_string(c.location));
-            s.call(c.location, c.count, c.withData);
-            if (c.error == KS_NO_ERROR)
-                EXPECT_NO_KS_ERROR();
-            else
-                EXPECT_KS_ERROR_IN(c.error, s.name);
-        }
-    }
-}
 
 } // namespace
 } // namespace KestrelTest
