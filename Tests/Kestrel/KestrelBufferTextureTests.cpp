@@ -62,6 +62,19 @@ protected:
     _KSframebuffer* _pFramebuffer = nullptr;
 };
 
+// An edge may be as long as the largest size, not one pixel longer.
+TEST_F(KestrelTextures, EdgesReachTheLargestSizeAndNoFurther)
+{
+    for (const auto& [width, height] : {std::pair{65536, 1}, std::pair{1, 65536}})
+    {
+        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, width, height, 0, KS_RGB, KS_UNSIGNED_BYTE, nullptr);
+        EXPECT_NO_KS_ERROR() << width << "x" << height;
+        ksTexImage2D(KS_TEXTURE_2D, 0, KS_RGB, width + (width > 1), height + (height > 1), 0,
+                     KS_RGB, KS_UNSIGNED_BYTE, nullptr);
+        EXPECT_KS_ERROR_IN(KS_INVALID_VALUE, "ksTexImage2D") << width << "x" << height;
+    }
+}
+
 // A pixel type: its enum, how to read its i-th channel, and its size.
 struct PixelType
 {
