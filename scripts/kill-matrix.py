@@ -12,7 +12,7 @@ drop; check it by hand and against another seed before dropping it.
 usage: scripts/kill-matrix.py WORKDIR N SEED GLOB...   (run from the top)
        scripts/kill-matrix.py --report MATRIX.json...
 """
-import collections, glob, json, os, re, shutil, subprocess, sys, time
+import collections, glob, json, os, random, re, shutil, subprocess, sys, time
 
 
 def load_mutate():
@@ -36,7 +36,6 @@ def collect(work, n, seed, globs):
     assert rc == 0, out[-2000:]
     files = sorted({f for g in globs for f in glob.glob(os.path.join(src, g))})
     sample = [c for f in files for c in candidates(f)]
-    import random
     random.Random(seed).shuffle(sample)
     results, out_path = [], os.path.join(work, f'matrix-{seed}.json')
     for path, i, k in sample[:n]:

@@ -222,29 +222,18 @@ TEST(LeakReportTest, EveryKindLeftOverIsReportedWithItsCount)
     ASSERT_TRUE(context.MakeKestrelContextActive());
     KestrelContextImp* c = &context;
     std::vector<std::function<bool()>> leftovers;
-    auto leave = [&leftovers](int n, auto make, auto giveBack)
+    auto leave = [&leftovers, c](int n, auto destroy, auto make)
     {
         for (int i = 0; i < n; ++i)
-            leftovers.push_back([object = make(), giveBack] { return giveBack(object); });
+            leftovers.push_back([c, object = make(), destroy] { return (c->*destroy)(object); });
     };
-    leave(
-        1, [c] { return c->CreateIKSPrimitive(); },
-        [c](IKSPrimitive* object) { return c->DestroyIKSPrimitive(object); });
-    leave(
-        2, [c] { return c->CreateIKSShader(IKSShader::kST_Vertex); },
-        [c](IKSShader* object) { return c->DestroyIKSShader(object); });
-    leave(
-        3, [c] { return c->CreateIKSProgram(); },
-        [c](IKSProgram* object) { return c->DestroyIKSProgram(object); });
-    leave(
-        4, [c] { return c->CreateIKSBuffer(); },
-        [c](IKSBuffer* object) { return c->DestroyIKSBuffer(object); });
-    leave(
-        5, [c] { return c->CreateIKSFrameBuffer(); },
-        [c](IKSFrameBuffer* object) { return c->DestroyIKSFrameBuffer(object); });
-    leave(
-        6, [c] { return c->CreateIKSTexImage2D(); },
-        [c](IKSTexImage2D* object) { return c->DestroyIKSTexImage2D(object); });
+    leave(1, &KestrelContextImp::DestroyIKSPrimitive, [c] { return c->CreateIKSPrimitive(); });
+    leave(2, &KestrelContextImp::DestroyIKSShader,
+          [c] { return c->CreateIKSShader(IKSShader::kST_Vertex); });
+    leave(3, &KestrelContextImp::DestroyIKSProgram, [c] { return c->CreateIKSProgram(); });
+    leave(4, &KestrelContextImp::DestroyIKSBuffer, [c] { return c->CreateIKSBuffer(); });
+    leave(5, &KestrelContextImp::DestroyIKSFrameBuffer, [c] { return c->CreateIKSFrameBuffer(); });
+    leave(6, &KestrelContextImp::DestroyIKSTexImage2D, [c] { return c->CreateIKSTexImage2D(); });
     context.DestroyKestrelContext();
     EXPECT_EQ(console.TextsOf(kCCK_PrintWarning),
               (std::vector<std::string>{kLeakHeading, "  IKSPrimitive count: 1\n",
