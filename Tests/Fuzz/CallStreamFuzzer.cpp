@@ -1265,9 +1265,10 @@ void MakeForeign()
     SetBuildHook(BuildHook);
 }
 
-// Seeds: call sequences of the runtime's tests, written as operation names
-// and argument bytes (indices into the pools above; handle 1 is the first
-// object of its kind made in the stream, 0 null).
+// Seeds: call sequences of the runtime's tests and streams this target once
+// found the runtime getting wrong, written as operation names and argument
+// bytes (indices into the pools above; handle 1 is the first object of its
+// kind made in the stream, 0 null, the one after the foreign one never issued).
 const char* const kSeeds[][2] = {
     {"nested-map", "ksGenBuffers 0 1; ksBindBuffer 0 1; ksBufferData 0 0 0 1; ksMapBuffer 0 0; "
                    "ksMapBuffer 0 0; ksUnmapBuffer 0; ksBufferData 0 0 0 1; ksUnmapBuffer 0; "
@@ -1302,42 +1303,64 @@ const char* const kSeeds[][2] = {
     {"tex-parameters",
      "ksGenTextures 0 1; ksBindTexture 0 1; ksTexParameteri 0 1 2; "
      "ksTexParameteri 0 2 0; ksGetError; ksDeleteTextures 0 1 1; ksTexParameteri 0 0 0"},
+    // Object queries and name setters check the name before the handle.
+    {"names-before-handles",
+     "ksGetShaderiv 2 1 1; ksGetShaderString 2 0 1; ksShaderString 2 1 0; ksGetProgramiv 2 1 1; "
+     "ksGetProgramString 2 0 1; ksProgramString 2 1 0; ksGetShaderString 2 1 1; ksGetError"},
+    // Detaching null is ignored like deleting null; a forged shader is not.
+    {"null-detach", "ksCreateProgram; ksDetachShader 1 0; ksDetachShader 1 2; ksGetError"},
+    // Location -1 ignores the value before its handle is looked up.
+    {"location-minus-one", "ksUniformt 2 2; ksUniformp 2 2; ksGetError; ksUniformt 0 2"},
 };
+
+// A seed's text as input bytes.
+std::string Encode(const char* name, const char* text)
+{
+    std::string bytes, word;
+    std::istringstream words(text);
+    while (words >> word)
+    {
+        if (word.back() == ';')
+            word.pop_back();
+        int opcode = 0;
+        while (opcode < kOperationCount && word != kOperations[opcode].name)
+            ++opcode;
+        if (std::isdigit(static_cast<unsigned char>(word[0])))
+            bytes += static_cast<char>(std::stoi(word));
+        else if (opcode < kOperationCount)
+            bytes += static_cast<char>(opcode);
+        else
+        {
+            std::fprintf(stderr, "seed %s: unknown operation %s\n", name, word.c_str());
+            std::exit(1);
+        }
+    }
+    return bytes;
+}
 
 // CALL_STREAM_SEEDS=<dir> writes the seeds there and exits.
 void WriteSeeds(const char* directory)
 {
     for (const auto& seed : kSeeds)
-    {
-        std::string bytes, word;
-        std::istringstream words(seed[1]);
-        while (words >> word)
-        {
-            if (word.back() == ';')
-                word.pop_back();
-            int opcode = 0;
-            while (opcode < kOperationCount && word != kOperations[opcode].name)
-                ++opcode;
-            if (std::isdigit(static_cast<unsigned char>(word[0])))
-                bytes += static_cast<char>(std::stoi(word));
-            else if (opcode < kOperationCount)
-                bytes += static_cast<char>(opcode);
-            else
-            {
-                std::fprintf(stderr, "seed %s: unknown operation %s\n", seed[0], word.c_str());
-                std::exit(1);
-            }
-        }
         if (FILE* file = std::fopen((std::string(directory) + "/seed-" + seed[0]).c_str(), "wb"))
         {
+            const std::string bytes = Encode(seed[0], seed[1]);
             std::fwrite(bytes.data(), 1, bytes.size(), file);
             std::fclose(file);
         }
-    }
     std::exit(0);
 }
 
 } // namespace
+
+// The seeds as inputs, for the tests that replay them.
+std::vector<std::string> CallStreamSeeds()
+{
+    std::vector<std::string> seeds;
+    for (const auto& seed : kSeeds)
+        seeds.push_back(Encode(seed[0], seed[1]));
+    return seeds;
+}
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {

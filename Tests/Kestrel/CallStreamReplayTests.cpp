@@ -1,8 +1,8 @@
 // The call streams the fuzzer kept (one per coverage feature it found, in
-// Tests/Fuzz/CallStreamCorpus), replayed under its model: every call must
-// raise the documented error and leave bindings, handles, mappings and counts
-// as the model expects. A disagreement prints the stream and aborts, which
-// fails this test with the stream's text on standard error.
+// Tests/Fuzz/CallStreamCorpus) and its seeds, replayed under its model: every
+// call must raise the documented error and leave bindings, handles, mappings
+// and counts as the model expects. A disagreement prints the stream and
+// aborts, which fails the test with the stream's text on standard error.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,9 +10,20 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+std::vector<std::string> CallStreamSeeds();
+
+namespace
+{
+
+int Replay(const std::string& bytes)
+{
+    return LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                                  bytes.size());
+}
 
 TEST(CallStreamReplay, KeptStreamsAgreeWithTheModel)
 {
@@ -24,10 +35,16 @@ TEST(CallStreamReplay, KeptStreamsAgreeWithTheModel)
     for (const std::filesystem::path& file : files)
     {
         std::ifstream in(file, std::ios::binary);
-        const std::vector<char> bytes{std::istreambuf_iterator<char>(in), {}};
-        EXPECT_EQ(LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                                         bytes.size()),
-                  0)
-            << file.filename();
+        EXPECT_EQ(Replay({std::istreambuf_iterator<char>(in), {}}), 0) << file.filename();
     }
 }
+
+// The seeds include the streams the fuzzer once found the runtime getting
+// wrong.
+TEST(CallStreamReplay, SeedsAgreeWithTheModel)
+{
+    for (const std::string& seed : CallStreamSeeds())
+        EXPECT_EQ(Replay(seed), 0);
+}
+
+} // namespace
