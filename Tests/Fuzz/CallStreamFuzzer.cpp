@@ -71,16 +71,6 @@ T As(std::uintptr_t id)
     else
         return static_cast<T>(id);
 }
-// A handle as the call log writes it.
-template <class T>
-std::string Text(T handle)
-{
-    if constexpr (std::is_pointer_v<T>)
-        return Describe(handle);
-    else
-        return std::to_string(handle);
-}
-
 // What a binding point holds, read through the runtime's own query.
 template <class T, void (*get)(int, T*)>
 std::uintptr_t ReadBinding(int name)
@@ -112,7 +102,7 @@ const Point kPoints[] = {
     {KS_PRIMITIVE, KS_PRIMITIVE_BINDING, kPrimitive, ReadBinding<KSprimitive, ksGetPrimitive>},
 };
 constexpr int kPointCount = sizeof(kPoints) / sizeof(kPoints[0]);
-constexpr int kTexturePoint = 5, kFramebufferPoint = 6, kPrimitivePoint = 7;
+constexpr int kFramebufferPoint = 6, kPrimitivePoint = 7;
 
 // The first binding point of a kind and how many it has.
 int PointsOf(Kind kind, int* count)
@@ -125,17 +115,19 @@ int PointsOf(Kind kind, int* count)
     return first;
 }
 
-// Liveness as the call log sees it: a live handle is written as its kind's
-// prefix and serial (primitives are asked through ReadPrimitive instead).
+// A handle as the call log writes it: a live one as its kind's prefix and
+// serial, which tells liveness (primitives are asked through ReadPrimitive).
 const char* const kKindText[kKinds] = {"shader#", "prog#", "buf#", "tex#", "fb#", "prim "};
 template <class T>
-bool Described(std::uintptr_t id, Kind kind)
+std::string Text(std::uintptr_t id)
 {
-    return Describe(As<T>(id)).rfind(kKindText[kind], 0) == 0;
+    if constexpr (std::is_pointer_v<T>)
+        return Describe(As<T>(id));
+    return std::to_string(id);
 }
-bool (*const kDescribedLive[kPrimitive])(std::uintptr_t, Kind) = {
-    Described<_KSshader*>, Described<_KSprogram*>, Described<_KSbuffer*>, Described<_KStexture*>,
-    Described<_KSframebuffer*>};
+std::string (*const kText[kKinds])(std::uintptr_t) = {Text<_KSshader*>,      Text<_KSprogram*>,
+                                                      Text<_KSbuffer*>,      Text<_KStexture*>,
+                                                      Text<_KSframebuffer*>, Text<KSprimitive>};
 
 const char* const kSources[] = {
     "uniform vec3 center = vec3(0, 0, -3);\nuniform float radius = 1.0;\nsphere(center, radius);\n",
@@ -361,6 +353,7 @@ T* MaybeArray(long long count)
 const int kCounts[] = {1, 0, 2, 3, -1, INT32_MIN};
 const long long kLongCounts[] = {1, 0, 2, 3, -1, INT64_MIN};
 const int kLocations[] = {0, 1, -1, 2, -2, 3};
+const char* const kTexts[] = {"a name", "", nullptr};
 
 // ---------------------------------------------------------------------------
 // Checks
@@ -410,7 +403,7 @@ void Verify()
         PrimitiveRecord read;
         const bool live = object.kind == kPrimitive
                               ? ReadPrimitive(static_cast<KSprimitive>(id), &read)
-                              : kDescribedLive[object.kind](id, object.kind);
+                              : kText[object.kind](id).rfind(kKindText[object.kind], 0) == 0;
         if (live != object.live)
             Disagree("%s0x%zx is %s in the model", kKindText[object.kind],
                      static_cast<std::size_t>(id), object.live ? "live" : "deleted");
@@ -445,10 +438,6 @@ void Verify()
 int BindExpect(Class c)
 {
     return (c == kNull || c == kLive) ? 0 : KS_INVALID_VALUE;
-}
-int UseExpect(Class c)
-{
-    return c == kLive ? 0 : KS_INVALID_VALUE;
 }
 Class ClassOf(Kind kind, std::uintptr_t id)
 {
@@ -501,7 +490,7 @@ void Delete(void (*del)(int, T*), Kind kind)
     for (int i = 0; in && i < count; ++i)
     {
         in[i] = As<T>(PickHandle(kind));
-        handles += (i ? ", " : " // ") + Text(in[i]);
+        handles += (i ? ", " : " // ") + kText[kind](IdOf(in[i]));
         if (m.Of(kind, IdOf(in[i])) == kBad)
             expect = KS_INVALID_VALUE;
     }
@@ -527,7 +516,7 @@ template <class T>
 void Use(void (*use)(T), Kind kind)
 {
     const std::uintptr_t id = PickHandle(kind);
-    Call(UseExpect(ClassOf(kind, id)), [&] { use(As<T>(id)); });
+    Call(ClassOf(kind, id) == kLive ? 0 : KS_INVALID_VALUE, [&] { use(As<T>(id)); });
 }
 
 // The target is checked before the handle.
@@ -582,8 +571,7 @@ void SetObjectString(void (*set)(T, int, const char*), Kind kind, const int (&na
 {
     const std::uintptr_t id = PickHandle(kind);
     const int name = Pick(names);
-    const char* texts[] = {"a name", "", nullptr};
-    const char* text = Pick(texts);
+    const char* text = Pick(kTexts);
     const bool bad = ClassOf(kind, id) != kLive || !text;
     Call(Expect(name != names[N - 2], bad ? KS_INVALID_VALUE : 0, false),
          [&] { set(As<T>(id), name, text); });
@@ -689,11 +677,10 @@ void TargetString(void (*call)(int, int, V), Kind kind, int ownName, int otherNa
     const int names[] = {ownName, otherName};
     const int name = Pick(names);
     V value{};
-    const char* texts[] = {"a name", "", nullptr};
     if constexpr (std::is_same_v<V, const char**>)
         value = MaybeArray<const char*>(1);
     else
-        value = Pick(texts);
+        value = Pick(kTexts);
     Call(kAny, [&] { call(t.target, name, value); });
 }
 
@@ -813,10 +800,7 @@ void RenderFrame()
     const int mode = Byte() % 5;
     const int spin = Byte() * 64;
     void* context = g_state->context;
-    g_hookEntered = false;
-    g_buildEntered = false;
-    g_stopDone = false;
-    g_frameDone = false;
+    g_hookEntered = g_buildEntered = g_stopDone = g_frameDone = false;
     g_stopMode = mode;
     std::thread stopper;
     if (mode == 1)
@@ -857,18 +841,13 @@ void RenderFrame()
         Disagree("a frame that never began was stopped");
 }
 
-void Hook(void*)
+// The render hook (stop mode 2) and the build hook (mode 4): each notes that
+// the frame got there and holds it there until the stop in its own mode.
+template <std::atomic<bool>& entered, int holdMode>
+void Hold(void*)
 {
-    g_hookEntered = true;
-    if (g_stopMode == 2)
-        while (!g_stopDone)
-            std::this_thread::yield();
-}
-
-void BuildHook(void*)
-{
-    g_buildEntered = true;
-    if (g_stopMode == 4)
+    entered = true;
+    if (g_stopMode == holdMode)
         while (!g_stopDone)
             std::this_thread::yield();
 }
@@ -1261,8 +1240,8 @@ void MakeForeign()
     g_foreign[kTexture] = MakeOne(ksGenTextures);
     g_foreign[kFramebuffer] = MakeOne(ksGenFramebuffers);
     g_foreign[kPrimitive] = MakeOne(ksGenPrimitives);
-    SetRenderHook(Hook);
-    SetBuildHook(BuildHook);
+    SetRenderHook(Hold<g_hookEntered, 2>);
+    SetBuildHook(Hold<g_buildEntered, 4>);
 }
 
 // Seeds: call sequences of the runtime's tests and streams this target once
