@@ -671,10 +671,11 @@ void UnmapBuffer()
 // Target-named string parameters: the kind's own name or another kind's;
 // a getter's out pointer may be null.
 template <class V>
-void TargetString(void (*call)(int, int, V), Kind kind, int ownName, int otherName)
+void TargetString(void (*call)(int, int, V), Kind kind)
 {
     const Target t = PickTarget(kind);
-    const int names[] = {ownName, otherName};
+    const int names[] = {kind == kBuffer ? KS_BUFFER_NAME : KS_PRIMITIVE_NAME,
+                         kind == kBuffer ? KS_PROGRAM_NAME : KS_BUFFER_NAME};
     const int name = Pick(names);
     V value{};
     if constexpr (std::is_same_v<V, const char**>)
@@ -1127,12 +1128,9 @@ const Operation kOperations[] = {
     {"ksBufferData", BufferData},
     {"ksMapBuffer", MapBuffer},
     {"ksUnmapBuffer", UnmapBuffer},
-    {"ksBufferParameterString",
-     [] { TargetString(ksBufferParameterString, kBuffer, KS_BUFFER_NAME, KS_PROGRAM_NAME); }},
-    {"ksGetBufferParameterString",
-     [] { TargetString(ksGetBufferParameterString, kBuffer, KS_BUFFER_NAME, KS_PROGRAM_NAME); }},
-    {"ksPrimitiveParameterString", []
-     { TargetString(ksPrimitiveParameterString, kPrimitive, KS_PRIMITIVE_NAME, KS_BUFFER_NAME); }},
+    {"ksBufferParameterString", [] { TargetString(ksBufferParameterString, kBuffer); }},
+    {"ksGetBufferParameterString", [] { TargetString(ksGetBufferParameterString, kBuffer); }},
+    {"ksPrimitiveParameterString", [] { TargetString(ksPrimitiveParameterString, kPrimitive); }},
     {"ksTexImage2D", TexImage2D},
     {"ksTexParameteri", TexParameteri},
     {"ksGenerateMipmap", GenerateMipmap},
