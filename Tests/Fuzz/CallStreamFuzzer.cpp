@@ -544,37 +544,33 @@ void GetBinding(void (*get)(int, T*), Kind kind)
 }
 
 // Object parameters: the first name of a pool is the integer one, the last
-// belongs to another kind, the ones between are strings. The name is checked
-// before the handle.
+// belongs to another kind, the ones between are strings and the one before the
+// last is the settable one. The name is checked first, then that the handle is
+// live and the value or out pointer there.
 const int kShaderNames[] = {KS_COMPILE_STATUS, KS_SHADER_LOG, KS_SHADER_SOURCE, KS_SHADER_NAME,
                             KS_LINK_STATUS};
 const int kProgramNames[] = {KS_LINK_STATUS, KS_PROGRAM_LOG, KS_PROGRAM_NAME, KS_SHADER_LOG};
 
 template <class T, class V, std::size_t N>
-void GetObjectParameter(void (*get)(T, int, V*), Kind kind, const int (&names)[N])
+void ObjectParameter(void (*call)(T, int, V), Kind kind, const int (&names)[N])
 {
     const std::uintptr_t id = PickHandle(kind);
     const std::size_t n = Byte() % N;
-    V* out = MaybeArray<V>(1);
-    const bool goodName = std::is_same_v<V, int> ? n == 0 : n > 0 && n + 1 < N;
-    const bool bad = ClassOf(kind, id) != kLive || !out;
-    const int expect = Expect(!goodName, bad ? KS_INVALID_VALUE : 0, false);
-    Call(expect, [&] { get(As<T>(id), names[n], out); });
+    V value{};
+    bool goodName = n + 2 == N;
     if constexpr (std::is_same_v<V, const char*>)
-        if (expect == 0 && *out)
-            (void)std::strlen(*out);
-}
-
-// Only the name before the last is settable.
-template <class T, std::size_t N>
-void SetObjectString(void (*set)(T, int, const char*), Kind kind, const int (&names)[N])
-{
-    const std::uintptr_t id = PickHandle(kind);
-    const int name = Pick(names);
-    const char* text = Pick(kTexts);
-    const bool bad = ClassOf(kind, id) != kLive || !text;
-    Call(Expect(name != names[N - 2], bad ? KS_INVALID_VALUE : 0, false),
-         [&] { set(As<T>(id), name, text); });
+        value = Pick(kTexts);
+    else
+    {
+        value = MaybeArray<std::remove_pointer_t<V>>(1);
+        goodName = std::is_same_v<V, int*> ? n == 0 : n > 0 && n + 1 < N;
+    }
+    const bool bad = ClassOf(kind, id) != kLive || !value;
+    const int expect = Expect(!goodName, bad ? KS_INVALID_VALUE : 0, false);
+    Call(expect, [&] { call(As<T>(id), names[n], value); });
+    if constexpr (std::is_same_v<V, const char**>)
+        if (expect == 0 && *value)
+            (void)std::strlen(*value);
 }
 
 // Location -1 ignores the value; elsewhere a handle must be live or null.
@@ -1166,17 +1162,17 @@ const Operation kOperations[] = {
     {"ksDeleteShader", [] { DeleteOne(ksDeleteShader, kShader); }},
     {"ksShaderSource", ShaderSource},
     {"ksCompileShader", [] { Use(ksCompileShader, kShader); }},
-    {"ksGetShaderiv", [] { GetObjectParameter(ksGetShaderiv, kShader, kShaderNames); }},
-    {"ksGetShaderString", [] { GetObjectParameter(ksGetShaderString, kShader, kShaderNames); }},
-    {"ksShaderString", [] { SetObjectString(ksShaderString, kShader, kShaderNames); }},
+    {"ksGetShaderiv", [] { ObjectParameter(ksGetShaderiv, kShader, kShaderNames); }},
+    {"ksGetShaderString", [] { ObjectParameter(ksGetShaderString, kShader, kShaderNames); }},
+    {"ksShaderString", [] { ObjectParameter(ksShaderString, kShader, kShaderNames); }},
     {"ksCreateProgram", CreateProgram},
     {"ksDeleteProgram", [] { DeleteOne(ksDeleteProgram, kProgram); }},
     {"ksAttachShader", AttachOrDetach<true>},
     {"ksDetachShader", AttachOrDetach<false>},
     {"ksLinkProgram", [] { Use(ksLinkProgram, kProgram); }},
-    {"ksGetProgramiv", [] { GetObjectParameter(ksGetProgramiv, kProgram, kProgramNames); }},
-    {"ksGetProgramString", [] { GetObjectParameter(ksGetProgramString, kProgram, kProgramNames); }},
-    {"ksProgramString", [] { SetObjectString(ksProgramString, kProgram, kProgramNames); }},
+    {"ksGetProgramiv", [] { ObjectParameter(ksGetProgramiv, kProgram, kProgramNames); }},
+    {"ksGetProgramString", [] { ObjectParameter(ksGetProgramString, kProgram, kProgramNames); }},
+    {"ksProgramString", [] { ObjectParameter(ksProgramString, kProgram, kProgramNames); }},
     {"ksGetUniformLocation", [] { Locate(ksGetUniformLocation); }},
     {"ksGetUniformBlockIndex", [] { Locate(ksGetUniformBlockIndex); }},
     {"ksGetAttribLocation", [] { Locate(ksGetAttribLocation); }},
