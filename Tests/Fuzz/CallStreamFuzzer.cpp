@@ -71,16 +71,6 @@ T As(std::uintptr_t id)
     else
         return static_cast<T>(id);
 }
-// A handle as the call log writes it.
-template <class T>
-std::string Text(T handle)
-{
-    if constexpr (std::is_pointer_v<T>)
-        return Describe(handle);
-    else
-        return std::to_string(handle);
-}
-
 // What a binding point holds, read through the runtime's own query.
 template <class T, void (*get)(int, T*)>
 std::uintptr_t ReadBinding(int name)
@@ -112,7 +102,7 @@ const Point kPoints[] = {
     {KS_PRIMITIVE, KS_PRIMITIVE_BINDING, kPrimitive, ReadBinding<KSprimitive, ksGetPrimitive>},
 };
 constexpr int kPointCount = sizeof(kPoints) / sizeof(kPoints[0]);
-constexpr int kTexturePoint = 5, kFramebufferPoint = 6, kPrimitivePoint = 7;
+constexpr int kFramebufferPoint = 6, kPrimitivePoint = 7;
 
 // The first binding point of a kind and how many it has.
 int PointsOf(Kind kind, int* count)
@@ -125,17 +115,19 @@ int PointsOf(Kind kind, int* count)
     return first;
 }
 
-// Liveness as the call log sees it: a live handle is written as its kind's
-// prefix and serial (primitives are asked through ReadPrimitive instead).
+// A handle as the call log writes it: a live one as its kind's prefix and
+// serial, which tells liveness (primitives are asked through ReadPrimitive).
 const char* const kKindText[kKinds] = {"shader#", "prog#", "buf#", "tex#", "fb#", "prim "};
 template <class T>
-bool Described(std::uintptr_t id, Kind kind)
+std::string Text(std::uintptr_t id)
 {
-    return Describe(As<T>(id)).rfind(kKindText[kind], 0) == 0;
+    if constexpr (std::is_pointer_v<T>)
+        return Describe(As<T>(id));
+    return std::to_string(id);
 }
-bool (*const kDescribedLive[kPrimitive])(std::uintptr_t, Kind) = {
-    Described<_KSshader*>, Described<_KSprogram*>, Described<_KSbuffer*>, Described<_KStexture*>,
-    Described<_KSframebuffer*>};
+std::string (*const kText[kKinds])(std::uintptr_t) = {Text<_KSshader*>,      Text<_KSprogram*>,
+                                                      Text<_KSbuffer*>,      Text<_KStexture*>,
+                                                      Text<_KSframebuffer*>, Text<KSprimitive>};
 
 const char* const kSources[] = {
     "uniform vec3 center = vec3(0, 0, -3);\nuniform float radius = 1.0;\nsphere(center, radius);\n",
@@ -319,17 +311,21 @@ std::uintptr_t PickHandle(Kind kind)
     return pool[Byte() % pool.size()];
 }
 
-// A target of the kind's binding points, the next kind's target, or 0;
-// `point` gets the binding point, -1 for a bad target.
-int PickTarget(Kind kind, int* point)
+// A target of the kind's binding points, the next kind's target, or 0.
+struct Target
+{
+    int target;
+    int point;    // -1 for a bad target
+    bool unbound; // a good target whose point holds nothing
+};
+Target PickTarget(Kind kind)
 {
     int count = 0;
     const int first = PointsOf(kind, &count);
     const int t = Byte() % (count + 2);
-    *point = t < count ? first + t : -1;
-    return t < count    ? kPoints[first + t].target
-           : t == count ? kPoints[(first + count) % kPointCount].target
-                        : 0;
+    if (t < count)
+        return {kPoints[first + t].target, first + t, !g_state->model.bound[first + t]};
+    return {t == count ? kPoints[(first + count) % kPointCount].target : 0, -1, false};
 }
 
 // A buffer owned by this target, alive until the input ends (client storage
@@ -357,6 +353,7 @@ T* MaybeArray(long long count)
 const int kCounts[] = {1, 0, 2, 3, -1, INT32_MIN};
 const long long kLongCounts[] = {1, 0, 2, 3, -1, INT64_MIN};
 const int kLocations[] = {0, 1, -1, 2, -2, 3};
+const char* const kTexts[] = {"a name", "", nullptr};
 
 // ---------------------------------------------------------------------------
 // Checks
@@ -406,7 +403,7 @@ void Verify()
         PrimitiveRecord read;
         const bool live = object.kind == kPrimitive
                               ? ReadPrimitive(static_cast<KSprimitive>(id), &read)
-                              : kDescribedLive[object.kind](id, object.kind);
+                              : kText[object.kind](id).rfind(kKindText[object.kind], 0) == 0;
         if (live != object.live)
             Disagree("%s0x%zx is %s in the model", kKindText[object.kind],
                      static_cast<std::size_t>(id), object.live ? "live" : "deleted");
@@ -442,13 +439,31 @@ int BindExpect(Class c)
 {
     return (c == kNull || c == kLive) ? 0 : KS_INVALID_VALUE;
 }
-int UseExpect(Class c)
-{
-    return c == kLive ? 0 : KS_INVALID_VALUE;
-}
 Class ClassOf(Kind kind, std::uintptr_t id)
 {
     return g_state->model.Of(kind, id);
+}
+// The order most calls check in: their enums (a target among them), then
+// their values (`valueError`: what a bad one raises, 0 for good ones), then
+// that something is bound where they act.
+int Expect(bool badEnum, int valueError, bool unbound, int otherwise = 0)
+{
+    return badEnum      ? KS_INVALID_ENUM
+           : valueError ? valueError
+           : unbound    ? KS_INVALID_OPERATION
+                        : otherwise;
+}
+bool FramebufferUnbound()
+{
+    return g_state->model.bound[kFramebufferPoint] == 0;
+}
+
+// A handle a call made: new to this input, then in the model.
+void Made(Kind kind, std::uintptr_t id)
+{
+    if (!id || g_state->model.objects.count(id))
+        Disagree("%s gave null or a used handle", g_state->function.c_str());
+    g_state->model.Add(kind, id);
 }
 
 template <class T>
@@ -459,11 +474,7 @@ void Gen(void (*gen)(int, T*), Kind kind)
     const int expect = (count < 0 || (count > 0 && !out)) ? KS_INVALID_VALUE : 0;
     Call(expect, [&] { gen(count, out); });
     for (int i = 0; expect == 0 && i < count; ++i)
-    {
-        if (!out[i] || g_state->model.objects.count(IdOf(out[i])))
-            Disagree("%s gave null or a used handle", g_state->function.c_str());
-        g_state->model.Add(kind, IdOf(out[i]));
-    }
+        Made(kind, IdOf(out[i]));
 }
 
 // A list of handles: any that is not of the kind (null and deleted ones are
@@ -479,7 +490,7 @@ void Delete(void (*del)(int, T*), Kind kind)
     for (int i = 0; in && i < count; ++i)
     {
         in[i] = As<T>(PickHandle(kind));
-        handles += (i ? ", " : " // ") + Text(in[i]);
+        handles += (i ? ", " : " // ") + kText[kind](IdOf(in[i]));
         if (m.Of(kind, IdOf(in[i])) == kBad)
             expect = KS_INVALID_VALUE;
     }
@@ -505,20 +516,19 @@ template <class T>
 void Use(void (*use)(T), Kind kind)
 {
     const std::uintptr_t id = PickHandle(kind);
-    Call(UseExpect(ClassOf(kind, id)), [&] { use(As<T>(id)); });
+    Call(ClassOf(kind, id) == kLive ? 0 : KS_INVALID_VALUE, [&] { use(As<T>(id)); });
 }
 
 // The target is checked before the handle.
 template <class T>
 void Bind(void (*bind)(int, T), Kind kind)
 {
-    int point = -1;
-    const int target = PickTarget(kind, &point);
+    const Target t = PickTarget(kind);
     const std::uintptr_t id = PickHandle(kind);
-    const int expect = point < 0 ? KS_INVALID_ENUM : BindExpect(ClassOf(kind, id));
-    Call(expect, [&] { bind(target, As<T>(id)); });
+    const int expect = Expect(t.point < 0, BindExpect(ClassOf(kind, id)), false);
+    Call(expect, [&] { bind(t.target, As<T>(id)); });
     if (expect == 0)
-        g_state->model.bound[point] = id;
+        g_state->model.bound[t.point] = id;
 }
 
 // The kind's binding names are good; its first bind target and 0 are not.
@@ -530,40 +540,37 @@ void GetBinding(void (*get)(int, T*), Kind kind)
     const int n = Byte() % (count + 2);
     const int name = n < count ? kPoints[first + n].name : n == count ? kPoints[first].target : 0;
     T* out = MaybeArray<T>(1);
-    Call(n >= count ? KS_INVALID_ENUM : !out ? KS_INVALID_VALUE : 0, [&] { get(name, out); });
+    Call(Expect(n >= count, !out ? KS_INVALID_VALUE : 0, false), [&] { get(name, out); });
 }
 
 // Object parameters: the first name of a pool is the integer one, the last
-// belongs to another kind, the ones between are strings. The name is checked
-// before the handle.
+// belongs to another kind, the ones between are strings and the one before the
+// last is the settable one. The name is checked first, then that the handle is
+// live and the value or out pointer there.
 const int kShaderNames[] = {KS_COMPILE_STATUS, KS_SHADER_LOG, KS_SHADER_SOURCE, KS_SHADER_NAME,
                             KS_LINK_STATUS};
 const int kProgramNames[] = {KS_LINK_STATUS, KS_PROGRAM_LOG, KS_PROGRAM_NAME, KS_SHADER_LOG};
 
 template <class T, class V, std::size_t N>
-void GetObjectParameter(void (*get)(T, int, V*), Kind kind, const int (&names)[N])
+void ObjectParameter(void (*call)(T, int, V), Kind kind, const int (&names)[N])
 {
     const std::uintptr_t id = PickHandle(kind);
     const std::size_t n = Byte() % N;
-    V* out = MaybeArray<V>(1);
-    const bool goodName = std::is_same_v<V, int> ? n == 0 : n > 0 && n + 1 < N;
-    const int expect = !goodName                            ? KS_INVALID_ENUM
-                       : ClassOf(kind, id) != kLive || !out ? KS_INVALID_VALUE
-                                                            : 0;
-    Call(expect, [&] { get(As<T>(id), names[n], out); });
+    V value{};
+    bool goodName = n + 2 == N;
     if constexpr (std::is_same_v<V, const char*>)
-        if (expect == 0 && *out)
-            (void)std::strlen(*out);
-}
-
-template <class T, std::size_t N>
-void SetObjectString(void (*set)(T, int, const char*), Kind kind, const int (&names)[N])
-{
-    const std::uintptr_t id = PickHandle(kind);
-    const int name = Pick(names);
-    const char* texts[] = {"a name", "", nullptr};
-    const char* text = Pick(texts);
-    Call(kAny, [&] { set(As<T>(id), name, text); });
+        value = Pick(kTexts);
+    else
+    {
+        value = MaybeArray<std::remove_pointer_t<V>>(1);
+        goodName = std::is_same_v<V, int*> ? n == 0 : n > 0 && n + 1 < N;
+    }
+    const bool bad = ClassOf(kind, id) != kLive || !value;
+    const int expect = Expect(!goodName, bad ? KS_INVALID_VALUE : 0, false);
+    Call(expect, [&] { call(As<T>(id), names[n], value); });
+    if constexpr (std::is_same_v<V, const char**>)
+        if (expect == 0 && *value)
+            (void)std::strlen(*value);
 }
 
 // Location -1 ignores the value; elsewhere a handle must be live or null.
@@ -601,52 +608,43 @@ void UniformMatrix(void (*set)(int, long long, int, const float*), int width)
 // ---------------------------------------------------------------------------
 // Functions with shapes of their own
 
-Model::Buffer* BoundBuffer(int point)
+Model::Buffer* BoundBuffer(const Target& t)
 {
     Model& m = g_state->model;
-    return point >= 0 && m.bound[point] ? &m.buffers[m.bound[point]] : nullptr;
-}
-// The target first, then the binding.
-int BufferExpect(int point, Model::Buffer* bound)
-{
-    return point < 0 ? KS_INVALID_ENUM : !bound ? KS_INVALID_OPERATION : 0;
+    return t.point >= 0 && !t.unbound ? &m.buffers[m.bound[t.point]] : nullptr;
 }
 
 void BufferData()
 {
-    int point = -1;
-    const int target = PickTarget(kBuffer, &point);
-    Model::Buffer* bound = BoundBuffer(point);
+    const Target t = PickTarget(kBuffer);
+    Model::Buffer* bound = BoundBuffer(t);
     const unsigned long long sizes[] = {16, 0, 1, 4096, (1ULL << 34) + 1, ~0ULL};
     const unsigned long long size = Pick(sizes);
     const int usages[] = {KS_STATIC_DRAW, KS_DYNAMIC_DRAW, KS_STREAM_COPY, KS_RGBA, 0};
     const int usage = Pick(usages);
     const void* data =
         size <= 4096 ? MaybeArray<unsigned char>(static_cast<long long>(size)) : nullptr;
-    int expect = point >= 0 && (usage == KS_RGBA || usage == 0) ? KS_INVALID_ENUM
-                                                                : BufferExpect(point, bound);
+    int expect = Expect(t.point < 0 || usage == KS_RGBA || usage == 0, 0, t.unbound);
     if (expect == 0 && bound->mapping)
         expect = KS_INVALID_OPERATION;
     if (expect == 0 && size > (1ULL << 34))
         expect = KS_OUT_OF_MEMORY;
-    Call(expect, [&] { ksBufferData(target, size, data, usage); });
+    Call(expect, [&] { ksBufferData(t.target, size, data, usage); });
     if (expect == 0)
         bound->size = size;
 }
 
 void MapBuffer()
 {
-    int point = -1;
-    const int target = PickTarget(kBuffer, &point);
-    Model::Buffer* bound = BoundBuffer(point);
+    const Target t = PickTarget(kBuffer);
+    Model::Buffer* bound = BoundBuffer(t);
     const int accesses[] = {KS_READ_WRITE, KS_READ_ONLY, KS_WRITE_ONLY, KS_STATIC_DRAW};
     const int access = Pick(accesses);
-    int expect =
-        point >= 0 && access == KS_STATIC_DRAW ? KS_INVALID_ENUM : BufferExpect(point, bound);
+    int expect = Expect(t.point < 0 || access == KS_STATIC_DRAW, 0, t.unbound);
     if (expect == 0 && (bound->mapping || bound->size == 0))
         expect = KS_INVALID_OPERATION;
     void* mapping = nullptr;
-    Call(expect, [&] { mapping = ksMapBuffer(target, access); });
+    Call(expect, [&] { mapping = ksMapBuffer(t.target, access); });
     if ((mapping != nullptr) != (expect == 0))
         Disagree("ksMapBuffer gave %s", mapping ? "a mapping" : "null");
     if (expect == 0)
@@ -657,10 +655,9 @@ void MapBuffer()
 
 void UnmapBuffer()
 {
-    int point = -1;
-    const int target = PickTarget(kBuffer, &point);
-    Model::Buffer* bound = BoundBuffer(point);
-    Call(BufferExpect(point, bound), [&] { ksUnmapBuffer(target); });
+    const Target t = PickTarget(kBuffer);
+    Model::Buffer* bound = BoundBuffer(t);
+    Call(Expect(t.point < 0, 0, t.unbound), [&] { ksUnmapBuffer(t.target); });
     if (bound && bound->refusedMaps > 0)
         --bound->refusedMaps;
     else if (bound)
@@ -670,25 +667,23 @@ void UnmapBuffer()
 // Target-named string parameters: the kind's own name or another kind's;
 // a getter's out pointer may be null.
 template <class V>
-void TargetString(void (*call)(int, int, V), Kind kind, int ownName, int otherName)
+void TargetString(void (*call)(int, int, V), Kind kind)
 {
-    int point = -1;
-    const int target = PickTarget(kind, &point);
-    const int names[] = {ownName, otherName};
+    const Target t = PickTarget(kind);
+    const int names[] = {kind == kBuffer ? KS_BUFFER_NAME : KS_PRIMITIVE_NAME,
+                         kind == kBuffer ? KS_PROGRAM_NAME : KS_BUFFER_NAME};
     const int name = Pick(names);
     V value{};
-    const char* texts[] = {"a name", "", nullptr};
     if constexpr (std::is_same_v<V, const char**>)
         value = MaybeArray<const char*>(1);
     else
-        value = Pick(texts);
-    Call(kAny, [&] { call(target, name, value); });
+        value = Pick(kTexts);
+    Call(kAny, [&] { call(t.target, name, value); });
 }
 
 void TexImage2D()
 {
-    int point = -1;
-    const int target = PickTarget(kTexture, &point);
+    const Target t = PickTarget(kTexture);
     const int edges[] = {2, 1, 0, 3, 17, -1, 65537};
     const int width = Pick(edges), height = Pick(edges);
     const int formats[] = {KS_RGBA, KS_RGB, KS_LUMINANCE, 0, KS_FLOAT};
@@ -707,13 +702,12 @@ void TexImage2D()
                                 : 1LL * width * height * channels * typeBytes;
     void* pixels = MaybeArray<unsigned char>(bytes);
     Call(kAny, [&]
-         { ksTexImage2D(target, level, internal, width, height, border, format, type, pixels); });
+         { ksTexImage2D(t.target, level, internal, width, height, border, format, type, pixels); });
 }
 
 void TexParameteri()
 {
-    int point = -1;
-    const int target = PickTarget(kTexture, &point);
+    const Target t = PickTarget(kTexture);
     const int names[] = {KS_TEXTURE_MIN_FILTER, KS_TEXTURE_MAG_FILTER, KS_TEXTURE_WRAP_S,
                          KS_TEXTURE_WRAP_T, KS_TEXTURE_2D};
     const int values[] = {KS_NEAREST, KS_LINEAR,        KS_LINEAR_MIPMAP_LINEAR,
@@ -721,20 +715,14 @@ void TexParameteri()
                           0};
     const int n = Byte() % 5, v = Byte() % 7;
     // Every parameter takes each of the six filter and wrap values.
-    const int expect = point < 0 || n == 4 || v == 6              ? KS_INVALID_ENUM
-                       : g_state->model.bound[kTexturePoint] == 0 ? KS_INVALID_OPERATION
-                                                                  : 0;
-    Call(expect, [&] { ksTexParameteri(target, names[n], values[v]); });
+    Call(Expect(t.point < 0 || n == 4 || v == 6, 0, t.unbound),
+         [&] { ksTexParameteri(t.target, names[n], values[v]); });
 }
 
 void GenerateMipmap()
 {
-    int point = -1;
-    const int target = PickTarget(kTexture, &point);
-    const int expect = point < 0                                  ? KS_INVALID_ENUM
-                       : g_state->model.bound[kTexturePoint] == 0 ? KS_INVALID_OPERATION
-                                                                  : kAny;
-    Call(expect, [&] { ksGenerateMipmap(target); });
+    const Target t = PickTarget(kTexture);
+    Call(Expect(t.point < 0, 0, t.unbound, kAny), [&] { ksGenerateMipmap(t.target); });
 }
 
 void PixelStorei()
@@ -742,75 +730,62 @@ void PixelStorei()
     const int names[] = {KS_UNPACK_CLIENT_STORAGE, KS_TEXTURE_2D};
     const int values[] = {0, 1, 2, -1};
     const int name = Pick(names), value = Pick(values);
-    const int expect = name != KS_UNPACK_CLIENT_STORAGE ? KS_INVALID_ENUM
-                       : value == 0 || value == 1       ? 0
-                                                        : KS_INVALID_VALUE;
-    Call(expect, [&] { ksPixelStorei(name, value); });
+    const bool bad = value != 0 && value != 1;
+    Call(Expect(name != KS_UNPACK_CLIENT_STORAGE, bad ? KS_INVALID_VALUE : 0, false),
+         [&] { ksPixelStorei(name, value); });
 }
 
 // Attachment points 0..16: one per attachment bit of the clear mask.
-int PickAttachment(int* index)
+int PickAttachment()
 {
     const int indices[] = {0, 1, 15, 16, -1, 17};
-    *index = Pick(indices);
-    return KS_COLOR_ATTACHMENT0 + *index;
+    return Pick(indices);
 }
 
 void FramebufferTexture2D()
 {
-    int point = -1, index = 0;
-    const int target = PickTarget(kFramebuffer, &point);
-    const int attachment = PickAttachment(&index);
+    const Target t = PickTarget(kFramebuffer);
+    const int index = PickAttachment();
     const std::uintptr_t texture = PickHandle(kTexture);
     const int textureTargets[] = {KS_TEXTURE_2D, KS_FRAMEBUFFER};
     const int textureTarget = Pick(textureTargets);
     const int levels[] = {0, 1};
     const int level = Pick(levels);
     // Null detaches; a live texture attaches, image or not.
-    const int expect =
-        point < 0 || index < 0 || index > 16 || textureTarget != KS_TEXTURE_2D ? KS_INVALID_ENUM
-        : level != 0 || BindExpect(ClassOf(kTexture, texture)) != 0            ? KS_INVALID_VALUE
-        : g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION
-                                                       : 0;
-    Call(expect,
-         [&] {
-             ksFramebufferTexture2D(target, attachment, textureTarget, As<_KStexture*>(texture),
-                                    level);
+    const bool badEnum = t.point < 0 || index < 0 || index > 16 || textureTarget != KS_TEXTURE_2D;
+    const bool bad = level != 0 || BindExpect(ClassOf(kTexture, texture)) != 0;
+    Call(Expect(badEnum, bad ? KS_INVALID_VALUE : 0, t.unbound),
+         [&]
+         {
+             ksFramebufferTexture2D(t.target, KS_COLOR_ATTACHMENT0 + index, textureTarget,
+                                    As<_KStexture*>(texture), level);
          });
 }
 
 void FramebufferAttachmentParameter1i()
 {
-    int point = -1, index = 0;
-    const int target = PickTarget(kFramebuffer, &point);
-    const int attachment = PickAttachment(&index);
+    const Target t = PickTarget(kFramebuffer);
+    const int index = PickAttachment();
     const int names[] = {KS_ATTACHMENT_FILTER, KS_ATTACHMENT_BLEND_MODE, KS_FILTER_SIZE};
     const int values[] = {0, 1, KS_BLEND_MODE_0, KS_BLEND_MODE_2, KS_BLEND_MODE_3, 2};
     const int n = Byte() % 3, v = Byte() % 6;
     const bool fits = n == 0 ? v < 2 : n == 1 ? (v >= 2 && v <= 4) : false;
-    const bool goodEnums = point >= 0 && index >= 0 && index <= 16 && n < 2;
-    const int expect = !goodEnums                                     ? KS_INVALID_ENUM
-                       : !fits                                        ? kAny
-                       : g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION
-                                                                      : 0;
-    Call(expect,
-         [&] { ksFramebufferAttachmentParameter1i(target, attachment, names[n], values[v]); });
+    const bool badEnum = t.point < 0 || index < 0 || index > 16 || n == 2;
+    Call(Expect(badEnum, fits ? 0 : kAny, t.unbound),
+         [&]
+         {
+             ksFramebufferAttachmentParameter1i(t.target, KS_COLOR_ATTACHMENT0 + index, names[n],
+                                                values[v]);
+         });
 }
 
 void Clear()
 {
-    const unsigned masks[] = {KS_COLOR_BUFFER_BIT,
-                              KS_COLOR_ATTACHMENT0_BIT,
-                              KS_COLOR_ATTACHMENT0_BIT << 15,
-                              0x8000u << 16,
-                              0,
-                              1,
-                              KS_COLOR_BUFFER_BIT | (KS_COLOR_ATTACHMENT0_BIT << 1)};
+    const unsigned first = KS_COLOR_ATTACHMENT0_BIT, all = KS_COLOR_BUFFER_BIT;
+    const unsigned masks[] = {all, first, first << 15, 0x8000u << 16, 0, 1, all | first << 1};
     const int i = Byte() % 7;
-    const int expect = i == 5                                         ? KS_INVALID_VALUE
-                       : g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION
-                                                                      : 0;
-    Call(expect, [&] { ksClear(masks[i]); });
+    Call(Expect(false, i == 5 ? KS_INVALID_VALUE : 0, FramebufferUnbound()),
+         [&] { ksClear(masks[i]); });
 }
 
 // ksRenderFrame with a stop from a second thread: none, before the frame
@@ -822,10 +797,7 @@ void RenderFrame()
     const int mode = Byte() % 5;
     const int spin = Byte() * 64;
     void* context = g_state->context;
-    g_hookEntered = false;
-    g_buildEntered = false;
-    g_stopDone = false;
-    g_frameDone = false;
+    g_hookEntered = g_buildEntered = g_stopDone = g_frameDone = false;
     g_stopMode = mode;
     std::thread stopper;
     if (mode == 1)
@@ -845,8 +817,7 @@ void RenderFrame()
                 KestrelStopContext(context);
                 g_stopDone = true;
             });
-    const int expect = g_state->model.bound[kFramebufferPoint] == 0 ? KS_INVALID_OPERATION : kAny;
-    std::vector<int> notices = Call(expect,
+    std::vector<int> notices = Call(Expect(false, 0, FramebufferUnbound(), kAny),
                                     [&]
                                     {
                                         ksRenderFrame();
@@ -867,20 +838,22 @@ void RenderFrame()
         Disagree("a frame that never began was stopped");
 }
 
-void Hook(void*)
+// The render hook (stop mode 2) and the build hook (mode 4): each notes that
+// the frame got there and holds it there until the stop in its own mode.
+template <std::atomic<bool>& entered, int holdMode>
+void Hold(void*)
 {
-    g_hookEntered = true;
-    if (g_stopMode == 2)
+    entered = true;
+    if (g_stopMode == holdMode)
         while (!g_stopDone)
             std::this_thread::yield();
 }
 
-void BuildHook(void*)
+// Reads of the filter table's size give the last size that was accepted.
+void CheckTableSize(long long read)
 {
-    g_buildEntered = true;
-    if (g_stopMode == 4)
-        while (!g_stopDone)
-            std::this_thread::yield();
+    if (read != g_state->model.filterTableSize)
+        Disagree("KS_FILTER_TABLE_SIZE reads %lld, set %d", read, g_state->model.filterTableSize);
 }
 
 // The five ksGet functions, each with the names it reads.
@@ -895,11 +868,10 @@ void Query(void (*get)(int, V*), int reader)
     const int n = Byte() % 9;
     const bool null = Byte() % 5 == 0;
     V out{};
-    const int expect = readers[n] != reader ? KS_INVALID_ENUM : null ? KS_INVALID_VALUE : 0;
+    const int expect = Expect(readers[n] != reader, null ? KS_INVALID_VALUE : 0, false);
     Call(expect, [&] { get(names[n], null ? nullptr : &out); });
-    const int tableSize = g_state->model.filterTableSize;
-    if (reader == 1 && expect == 0 && names[n] == KS_FILTER_TABLE_SIZE && out != tableSize)
-        Disagree("KS_FILTER_TABLE_SIZE reads %d, set %d", static_cast<int>(out), tableSize);
+    if (expect == 0 && names[n] == KS_FILTER_TABLE_SIZE)
+        CheckTableSize(static_cast<long long>(out));
 }
 
 void FrameParameter1i()
@@ -910,9 +882,8 @@ void FrameParameter1i()
     const int name = Pick(names), value = Pick(values);
     const int max = name == KS_FILTER_TABLE_SIZE ? 8 : 4;
     const int min = name == KS_FILTER_TABLE_SIZE ? 1 : 0;
-    const int expect = name == KS_FILTER_SIZE       ? KS_INVALID_ENUM
-                       : value < min || value > max ? KS_INVALID_VALUE
-                                                    : 0;
+    const bool bad = value < min || value > max;
+    const int expect = Expect(name == KS_FILTER_SIZE, bad ? KS_INVALID_VALUE : 0, false);
     Call(expect, [&] { ksFrameParameter1i(name, value); });
     if (name == KS_FILTER_TABLE_SIZE)
     {
@@ -928,10 +899,8 @@ void FrameParameter1f()
     const float values[] = {1.5f, 0.0f, -1.0f, 1e30f};
     const int name = Pick(names);
     const float value = Pick(values);
-    const int expect = name != KS_FILTER_SIZE ? KS_INVALID_ENUM
-                       : value > 0.0f         ? 0
-                                              : KS_INVALID_VALUE;
-    Call(expect, [&] { ksFrameParameter1f(name, value); });
+    Call(Expect(name != KS_FILTER_SIZE, value > 0.0f ? 0 : KS_INVALID_VALUE, false),
+         [&] { ksFrameParameter1f(name, value); });
 }
 
 void FrameParameterfv()
@@ -945,11 +914,8 @@ void FrameParameterfv()
     const long long side =
         m.requestedTableSize > 0 && m.requestedTableSize <= 64 ? m.requestedTableSize : 0;
     float* table = MaybeArray<float>(side * side);
-    const int expect = name != KS_FILTER_TABLE ? KS_INVALID_ENUM
-                       : !table                ? KS_INVALID_VALUE
-                       : m.tableSizeRefused    ? KS_INVALID_OPERATION
-                                               : 0;
-    Call(expect, [&] { ksFrameParameterfv(name, table); });
+    Call(Expect(name != KS_FILTER_TABLE, !table ? KS_INVALID_VALUE : 0, m.tableSizeRefused),
+         [&] { ksFrameParameterfv(name, table); });
 }
 
 void GetFrameParameteriv()
@@ -957,11 +923,10 @@ void GetFrameParameteriv()
     const int names[] = {KS_FILTER_TABLE_SIZE, KS_RAY_DEPTH_LIMIT, KS_FILTER_SIZE};
     const int name = Pick(names);
     int* out = MaybeArray<int>(1);
-    const int expect = name == KS_FILTER_SIZE ? KS_INVALID_ENUM : !out ? KS_INVALID_VALUE : 0;
+    const int expect = Expect(name == KS_FILTER_SIZE, !out ? KS_INVALID_VALUE : 0, false);
     Call(expect, [&] { ksGetFrameParameteriv(name, out); });
-    const int tableSize = g_state->model.filterTableSize;
-    if (expect == 0 && name == KS_FILTER_TABLE_SIZE && *out != tableSize)
-        Disagree("ksGetFrameParameteriv(KS_FILTER_TABLE_SIZE) reads %d, set %d", *out, tableSize);
+    if (expect == 0 && name == KS_FILTER_TABLE_SIZE)
+        CheckTableSize(*out);
 }
 
 void CreateShader()
@@ -973,19 +938,17 @@ void CreateShader()
     const int expect = kind == 0 || kind == KS_VERTEX_SHADER + 1 ? KS_INVALID_ENUM : 0;
     _KSshader* made = nullptr;
     Call(expect, [&] { made = ksCreateShader(kind); });
-    if ((made != nullptr) != (expect == 0) || (made && g_state->model.objects.count(IdOf(made))))
-        Disagree("ksCreateShader gave a wrong handle");
-    if (made)
-        g_state->model.Add(kShader, IdOf(made));
+    if (expect != 0 && made)
+        Disagree("ksCreateShader made a shader of a bad kind");
+    if (expect == 0)
+        Made(kShader, IdOf(made));
 }
 
 void CreateProgram()
 {
     _KSprogram* made = nullptr;
     Call(0, [&] { made = ksCreateProgram(); });
-    if (!made || g_state->model.objects.count(IdOf(made)))
-        Disagree("ksCreateProgram gave a wrong handle");
-    g_state->model.Add(kProgram, IdOf(made));
+    Made(kProgram, IdOf(made));
 }
 
 void ShaderSource()
@@ -1017,15 +980,12 @@ void AttachOrDetach()
 {
     const std::uintptr_t program = PickHandle(kProgram), shader = PickHandle(kShader);
     const Class sc = ClassOf(kShader, shader);
-    const int expect = ClassOf(kProgram, program) != kLive     ? KS_INVALID_VALUE
-                       : sc == kBad || (attach && sc != kLive) ? KS_INVALID_VALUE
-                       : sc == kLive                           ? kAny
-                                                               : 0;
-    Call(expect,
-         [&] {
-             (attach ? ksAttachShader : ksDetachShader)(As<_KSprogram*>(program),
-                                                        As<_KSshader*>(shader));
-         });
+    const bool bad = ClassOf(kProgram, program) != kLive || sc == kBad || (attach && sc != kLive);
+    auto* const call = attach ? ksAttachShader : ksDetachShader;
+    Call(bad           ? KS_INVALID_VALUE
+         : sc == kLive ? kAny
+                       : 0,
+         [&] { call(As<_KSprogram*>(program), As<_KSshader*>(shader)); });
 }
 
 // A bad call gives -1 whatever the name.
@@ -1164,12 +1124,9 @@ const Operation kOperations[] = {
     {"ksBufferData", BufferData},
     {"ksMapBuffer", MapBuffer},
     {"ksUnmapBuffer", UnmapBuffer},
-    {"ksBufferParameterString",
-     [] { TargetString(ksBufferParameterString, kBuffer, KS_BUFFER_NAME, KS_PROGRAM_NAME); }},
-    {"ksGetBufferParameterString",
-     [] { TargetString(ksGetBufferParameterString, kBuffer, KS_BUFFER_NAME, KS_PROGRAM_NAME); }},
-    {"ksPrimitiveParameterString", []
-     { TargetString(ksPrimitiveParameterString, kPrimitive, KS_PRIMITIVE_NAME, KS_BUFFER_NAME); }},
+    {"ksBufferParameterString", [] { TargetString(ksBufferParameterString, kBuffer); }},
+    {"ksGetBufferParameterString", [] { TargetString(ksGetBufferParameterString, kBuffer); }},
+    {"ksPrimitiveParameterString", [] { TargetString(ksPrimitiveParameterString, kPrimitive); }},
     {"ksTexImage2D", TexImage2D},
     {"ksTexParameteri", TexParameteri},
     {"ksGenerateMipmap", GenerateMipmap},
@@ -1205,17 +1162,17 @@ const Operation kOperations[] = {
     {"ksDeleteShader", [] { DeleteOne(ksDeleteShader, kShader); }},
     {"ksShaderSource", ShaderSource},
     {"ksCompileShader", [] { Use(ksCompileShader, kShader); }},
-    {"ksGetShaderiv", [] { GetObjectParameter(ksGetShaderiv, kShader, kShaderNames); }},
-    {"ksGetShaderString", [] { GetObjectParameter(ksGetShaderString, kShader, kShaderNames); }},
-    {"ksShaderString", [] { SetObjectString(ksShaderString, kShader, kShaderNames); }},
+    {"ksGetShaderiv", [] { ObjectParameter(ksGetShaderiv, kShader, kShaderNames); }},
+    {"ksGetShaderString", [] { ObjectParameter(ksGetShaderString, kShader, kShaderNames); }},
+    {"ksShaderString", [] { ObjectParameter(ksShaderString, kShader, kShaderNames); }},
     {"ksCreateProgram", CreateProgram},
     {"ksDeleteProgram", [] { DeleteOne(ksDeleteProgram, kProgram); }},
     {"ksAttachShader", AttachOrDetach<true>},
     {"ksDetachShader", AttachOrDetach<false>},
     {"ksLinkProgram", [] { Use(ksLinkProgram, kProgram); }},
-    {"ksGetProgramiv", [] { GetObjectParameter(ksGetProgramiv, kProgram, kProgramNames); }},
-    {"ksGetProgramString", [] { GetObjectParameter(ksGetProgramString, kProgram, kProgramNames); }},
-    {"ksProgramString", [] { SetObjectString(ksProgramString, kProgram, kProgramNames); }},
+    {"ksGetProgramiv", [] { ObjectParameter(ksGetProgramiv, kProgram, kProgramNames); }},
+    {"ksGetProgramString", [] { ObjectParameter(ksGetProgramString, kProgram, kProgramNames); }},
+    {"ksProgramString", [] { ObjectParameter(ksProgramString, kProgram, kProgramNames); }},
     {"ksGetUniformLocation", [] { Locate(ksGetUniformLocation); }},
     {"ksGetUniformBlockIndex", [] { Locate(ksGetUniformBlockIndex); }},
     {"ksGetAttribLocation", [] { Locate(ksGetAttribLocation); }},
@@ -1277,13 +1234,14 @@ void MakeForeign()
     g_foreign[kTexture] = MakeOne(ksGenTextures);
     g_foreign[kFramebuffer] = MakeOne(ksGenFramebuffers);
     g_foreign[kPrimitive] = MakeOne(ksGenPrimitives);
-    SetRenderHook(Hook);
-    SetBuildHook(BuildHook);
+    SetRenderHook(Hold<g_hookEntered, 2>);
+    SetBuildHook(Hold<g_buildEntered, 4>);
 }
 
-// Seeds: call sequences of the runtime's tests, written as operation names
-// and argument bytes (indices into the pools above; handle 1 is the first
-// object of its kind made in the stream, 0 null).
+// Seeds: call sequences of the runtime's tests and streams this target once
+// found the runtime getting wrong, written as operation names and argument
+// bytes (indices into the pools above; handle 1 is the first object of its
+// kind made in the stream, 0 null, the one after the foreign one never issued).
 const char* const kSeeds[][2] = {
     {"nested-map", "ksGenBuffers 0 1; ksBindBuffer 0 1; ksBufferData 0 0 0 1; ksMapBuffer 0 0; "
                    "ksMapBuffer 0 0; ksUnmapBuffer 0; ksBufferData 0 0 0 1; ksUnmapBuffer 0; "
@@ -1318,42 +1276,64 @@ const char* const kSeeds[][2] = {
     {"tex-parameters",
      "ksGenTextures 0 1; ksBindTexture 0 1; ksTexParameteri 0 1 2; "
      "ksTexParameteri 0 2 0; ksGetError; ksDeleteTextures 0 1 1; ksTexParameteri 0 0 0"},
+    // Object queries and name setters check the name before the handle.
+    {"names-before-handles",
+     "ksGetShaderiv 2 1 1; ksGetShaderString 2 0 1; ksShaderString 2 1 0; ksGetProgramiv 2 1 1; "
+     "ksGetProgramString 2 0 1; ksProgramString 2 1 0; ksGetShaderString 2 1 1; ksGetError"},
+    // Detaching null is ignored like deleting null; a forged shader is not.
+    {"null-detach", "ksCreateProgram; ksDetachShader 1 0; ksDetachShader 1 2; ksGetError"},
+    // Location -1 ignores the value before its handle is looked up.
+    {"location-minus-one", "ksUniformt 2 2; ksUniformp 2 2; ksGetError; ksUniformt 0 2"},
 };
+
+// A seed's text as input bytes.
+std::string Encode(const char* name, const char* text)
+{
+    std::string bytes, word;
+    std::istringstream words(text);
+    while (words >> word)
+    {
+        if (word.back() == ';')
+            word.pop_back();
+        int opcode = 0;
+        while (opcode < kOperationCount && word != kOperations[opcode].name)
+            ++opcode;
+        if (std::isdigit(static_cast<unsigned char>(word[0])))
+            bytes += static_cast<char>(std::stoi(word));
+        else if (opcode < kOperationCount)
+            bytes += static_cast<char>(opcode);
+        else
+        {
+            std::fprintf(stderr, "seed %s: unknown operation %s\n", name, word.c_str());
+            std::exit(1);
+        }
+    }
+    return bytes;
+}
 
 // CALL_STREAM_SEEDS=<dir> writes the seeds there and exits.
 void WriteSeeds(const char* directory)
 {
     for (const auto& seed : kSeeds)
-    {
-        std::string bytes, word;
-        std::istringstream words(seed[1]);
-        while (words >> word)
-        {
-            if (word.back() == ';')
-                word.pop_back();
-            int opcode = 0;
-            while (opcode < kOperationCount && word != kOperations[opcode].name)
-                ++opcode;
-            if (std::isdigit(static_cast<unsigned char>(word[0])))
-                bytes += static_cast<char>(std::stoi(word));
-            else if (opcode < kOperationCount)
-                bytes += static_cast<char>(opcode);
-            else
-            {
-                std::fprintf(stderr, "seed %s: unknown operation %s\n", seed[0], word.c_str());
-                std::exit(1);
-            }
-        }
         if (FILE* file = std::fopen((std::string(directory) + "/seed-" + seed[0]).c_str(), "wb"))
         {
+            const std::string bytes = Encode(seed[0], seed[1]);
             std::fwrite(bytes.data(), 1, bytes.size(), file);
             std::fclose(file);
         }
-    }
     std::exit(0);
 }
 
 } // namespace
+
+// The seeds as inputs, for the tests that replay them.
+std::vector<std::string> CallStreamSeeds()
+{
+    std::vector<std::string> seeds;
+    for (const auto& seed : kSeeds)
+        seeds.push_back(Encode(seed[0], seed[1]));
+    return seeds;
+}
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
