@@ -89,14 +89,20 @@ TEST_P(EventTest, ZeroTimeoutWaitsFollowTheState)
         const char* sSteps;
         std::vector<bool> waits;
     };
+    // clang-format off
     const Case cases[] = {
         {false, true, "", {true, false}}, // the first wait resets it
-        {true, true, "", {true, true, true}}, {true, false, "S", {true, true}},
-        {true, true, "R", {false}},           {false, false, "S", {true, false}},
+        {true, true, "", {true, true, true}},
+        {true, false, "S", {true, true}},
+        {true, true, "R", {false}},
+        {false, false, "S", {true, false}},
         {false, false, "SS", {true, false}}, // sets do not add up
-        {false, false, "SR", {false}},        {true, true, "P", {false}},
-        {false, true, "P", {false}},          {true, false, "PS", {true, true}},
+        {false, false, "SR", {false}},
+        {true, true, "P", {false}},
+        {false, true, "P", {false}},
+        {true, false, "PS", {true, true}},
     };
+    // clang-format on
     for (const Case& c : cases)
     {
         SCOPED_TRACE(std::string(c.bManualReset ? "manual" : "auto") +

@@ -176,8 +176,9 @@ TEST(NamedObjectTest, ObjectOfAnotherLayoutUnderTheName)
     }
 }
 
-// The child makes a manual-reset event; this process opens it while the object is
-// held up as if its creator had not finished, then waits for the child's Set.
+// The child makes a manual-reset event; this process opens it while the
+// object is held up as if its creator had not finished, then waits for the
+// child's Set.
 TEST(NamedObjectTest, EventMadeAndSetInOtherProcess)
 {
     const std::wstring name = UniqueName(L"event");
