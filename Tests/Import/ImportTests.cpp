@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -25,42 +24,24 @@ std::string Replace(std::string text, const std::string& from, const std::string
     return text.replace(text.find(from), from.size(), to);
 }
 
-std::string Base64(const std::vector<unsigned char>& bytes)
-{
-    const char* const digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    for (std::size_t i = 0; i < bytes.size(); i += 3)
-    {
-        const unsigned v = bytes[i] << 16 | (i + 1 < bytes.size() ? bytes[i + 1] << 8 : 0) |
-                           (i + 2 < bytes.size() ? bytes[i + 2] : 0);
-        out += digits[v >> 18 & 63];
-        out += digits[v >> 12 & 63];
-        out += i + 1 < bytes.size() ? digits[v >> 6 & 63] : '=';
-        out += i + 2 < bytes.size() ? digits[v & 63] : '=';
-    }
-    return out;
-}
-
-// One buffer: a triangle's three positions (36 bytes), then indices 0 1 2
-// as unsigned shorts, the last of which is `lastIndex`.
-std::string Buffer(float firstX, unsigned short lastIndex)
+// A triangle's three positions (36 bytes), then indices 0 1 2 as unsigned
+// shorts, the last of which is `lastIndex`, as the binary file `name`.
+void WriteTriangle(const std::string& name, float firstX, unsigned short lastIndex)
 {
     const float positions[9] = {firstX, 0, 0, 1, 0, 0, 0, 1, 0};
     const unsigned short indices[4] = {0, 1, lastIndex, 0};
-    std::vector<unsigned char> bytes(44);
-    std::memcpy(bytes.data(), positions, 36);
-    std::memcpy(bytes.data() + 36, indices, 8);
-    return R"({"byteLength": 44, "uri": "data:application/octet-stream;base64,)" + Base64(bytes) +
-           "\"}";
+    std::ofstream file(name, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(positions), sizeof(positions));
+    file.write(reinterpret_cast<const char*>(indices), sizeof(indices));
 }
 
-// A glTF of that triangle; `parts` holds the rest of the top-level members.
-std::string Gltf(const std::string& parts, const std::string& buffer = Buffer(0, 2),
+// A glTF of such a triangle; `parts` holds the rest of the top-level members.
+std::string Gltf(const std::string& parts, const std::string& bin = "tri.bin",
                  const std::string& primitive = R"("attributes": {"POSITION": 0}, "indices": 1)")
 {
     return R"({"asset": {"version": "2.0"},
- "buffers": [)" +
-           buffer + R"(],
+ "buffers": [{"byteLength": 44, "uri": ")" +
+           bin + R"("}],
  "bufferViews": [{"buffer": 0, "byteOffset": 0, "byteLength": 36},
                  {"buffer": 0, "byteOffset": 36, "byteLength": 6}],
  "accessors": [{"bufferView": 0, "componentType": 5126, "count": 3, "type": "VEC3"},
@@ -128,12 +109,12 @@ std::vector<Case> Cases()
                                 "metallicRoughnessTexture": {"index": 1}}}])"),
          nullptr, 2, 1, 1, {kLight, kMR}, 4.0f},
         {"lines", "lines.gltf",
-         Gltf(one, Buffer(0, 2), R"("attributes": {"POSITION": 0}, "indices": 1, "mode": 1)"),
+         Gltf(one, "tri.bin", R"("attributes": {"POSITION": 0}, "indices": 1, "mode": 1)"),
          "not made of triangles", 0, 0, 0, {}, 0},
-        {"index just out of range", "range.gltf", Gltf(one, Buffer(0, 3)), "out of range", 0, 0, 0, {}, 0},
-        {"NaN position", "nan.gltf", Gltf(one, Buffer(NAN, 2)), "not a finite number", 0, 0, 0, {}, 0},
+        {"index just out of range", "range.gltf", Gltf(one, "range.bin"), "out of range", 0, 0, 0, {}, 0},
+        {"NaN position", "nan.gltf", Gltf(one, "nan.bin"), "not a finite number", 0, 0, 0, {}, 0},
         {"missing accessor", "noaccessor.gltf",
-         Gltf(one, Buffer(0, 2),
+         Gltf(one, "tri.bin",
               R"("attributes": {"POSITION": 0, "NORMAL": 0, "TEXCOORD_0": 2}, "indices": 1)"),
          "accessor 2 does not exist", 0, 0, 0, {}, 0},
         {"accessor past its view", "past.gltf",
@@ -184,6 +165,9 @@ protected:
             << "newmtl red\nKd 0.8 0.1 0.1\nNs 98\nPm 0.5\n"
                "newmtl lamp\nKe 5 4 3\nnewmtl clear\nd 0.2\nNi 1.33\n";
         std::ofstream(directory + "nomap.mtl") << "newmtl m\nmap_Kd absent.png\n";
+        WriteTriangle(directory + "tri.bin", 0, 2);
+        WriteTriangle(directory + "range.bin", 0, 3);
+        WriteTriangle(directory + "nan.bin", NAN, 2);
         for (const Case& c : Cases())
             if (std::string(c.file) != "absent.gltf")
                 std::ofstream(directory + c.file) << c.text;

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 
 namespace
@@ -11,32 +10,12 @@ namespace
 
 TEST(CoreResult, AddFormatsAndAppends)
 {
-    const struct
-    {
-        const char* sName;
-        std::function<void(Vireo::Result&)> add;
-        std::string sExpected;
-    } rows[] = {
-        {"formats", [](Vireo::Result& r) { r.Add("%d-%s-%#x", 3, "ab", 255); }, "3-ab-0xff"},
-        {"appends to what is there",
-         [](Vireo::Result& r)
-         {
-             r.Add("one ");
-             r.Add("two %d", 2);
-             r.Add("%s", "");
-             r.Add("\n");
-         },
-         "one two 2\n"},
-        {"a percent sign passed as an argument stays literal",
-         [](Vireo::Result& r) { r.Add("%s", "100% done %d %s %n"); }, "100% done %d %s %n"},
-        {"a literal percent in the format", [](Vireo::Result& r) { r.Add("%d%%", 50); }, "50%"},
-    };
-    for (const auto& row : rows)
-    {
-        Vireo::Result result;
-        row.add(result);
-        EXPECT_EQ(row.sExpected, result.GetText()) << row.sName;
-    }
+    Vireo::Result result;
+    EXPECT_TRUE(result.Add("%d-%s-%#x ", 3, "ab", 255));
+    result.Add("two %d", 2);
+    result.Add("%s", "");
+    result.Add("\n");
+    EXPECT_EQ("3-ab-0xff two 2\n", result.GetText());
 }
 
 // Lengths around every power of two up to a few kilobytes, so that whatever

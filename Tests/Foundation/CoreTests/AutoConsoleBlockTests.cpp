@@ -23,9 +23,13 @@ static_assert(std::is_copy_constructible<AutoConsoleBlock>::value &&
                   std::is_copy_assignable<AutoConsoleBlock>::value,
               "callers pass blocks by value");
 
-TEST(AutoConsoleBlock, NestedBlocksOpenAndCloseWithTheirTextsAndLevel)
+// A copy opens nothing and closes again; an assigned block takes the
+// source's console, level and close text, and the console it had never sees
+// its block closed.
+TEST(AutoConsoleBlock, EachBlockOpensOnceAndEachCopyClosesLikeItsSource)
 {
     RecordingConsole console;
+    RecordingConsole other;
     {
         std::string closeText = "outer close";
         AutoConsoleBlock outer(&console, IConsole::kVL_Detail, "outer open", closeText);
@@ -33,36 +37,21 @@ TEST(AutoConsoleBlock, NestedBlocksOpenAndCloseWithTheirTextsAndLevel)
         {
             AutoConsoleBlock inner(&console, IConsole::kVL_Trace, "inner open", "inner close");
             console.Print("work");
-            EXPECT_EQ(2, console.GetBlockDepth());
         }
+        AutoConsoleBlock target(&other, IConsole::kVL_Trace, "other open", "other close");
+        AutoConsoleBlock copy(outer);
+        target = outer;
     }
+    const ConsoleCall close{kCCK_EndBlock, "outer close", IConsole::kVL_Detail};
     EXPECT_EQ((Calls{{kCCK_BeginBlock, "outer open", IConsole::kVL_Detail},
                      {kCCK_BeginBlock, "inner open", IConsole::kVL_Trace},
                      {kCCK_Print, "work"},
                      {kCCK_EndBlock, "inner close", IConsole::kVL_Trace},
-                     {kCCK_EndBlock, "outer close", IConsole::kVL_Detail}}),
+                     close,
+                     close,
+                     close}),
               console.Calls());
-}
-
-// A copy closes again; an assigned block takes the source's console, level
-// and close text, and the console it had never sees its block closed. Neither
-// calls any console on the way.
-TEST(AutoConsoleBlock, CopiesOpenNothingAndCloseLikeTheirSource)
-{
-    RecordingConsole first;
-    RecordingConsole second;
-    {
-        AutoConsoleBlock target(&second, IConsole::kVL_Trace, "second open", "second close");
-        AutoConsoleBlock source(&first, IConsole::kVL_Detail, "first open", "first close");
-        AutoConsoleBlock copy(source);
-        target = source;
-        EXPECT_EQ(1u, first.Calls().size());
-        EXPECT_EQ(1u, second.Calls().size());
-    }
-    const ConsoleCall close{kCCK_EndBlock, "first close", IConsole::kVL_Detail};
-    EXPECT_EQ((Calls{{kCCK_BeginBlock, "first open", IConsole::kVL_Detail}, close, close, close}),
-              first.Calls());
-    EXPECT_EQ((Calls{{kCCK_BeginBlock, "second open", IConsole::kVL_Trace}}), second.Calls());
+    EXPECT_EQ((Calls{{kCCK_BeginBlock, "other open", IConsole::kVL_Trace}}), other.Calls());
 }
 
 } // namespace

@@ -76,19 +76,23 @@ enum eChildResult
 
 } // namespace
 
-TEST(NamedObjectTest, SameNameIsTheSameLock)
+// A holder in another process that ends holding the lock: we are told once
+// that it was abandoned, then find it free.
+TEST(NamedObjectTest, MutexAbandonedByDeadProcess)
 {
-    const std::wstring name = UniqueName(L"same");
-    Vireo::MutexWaitable first(name.c_str());
-    Vireo::MutexWaitable second(name.c_str());
-    Vireo::MutexWaitable other(UniqueName(L"other").c_str());
-
-    ASSERT_TRUE(first.Acquire(0));
-    EXPECT_FALSE(FreeForOthers(second));
-    EXPECT_TRUE(FreeForOthers(other));
-    // The holder may give it back through either object.
-    second.Release();
-    EXPECT_TRUE(FreeForOthers(first));
+    const std::wstring name = UniqueName(L"abandoned");
+    Vireo::MutexWaitable mutex(name.c_str());
+    const pid_t child = RunInChild(
+        [&]
+        {
+            Vireo::MutexWaitable own(name.c_str());
+            return static_cast<int>(own.Acquire(0) ? kCR_Ok : kCR_NoSignal);
+        });
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
+    EXPECT_FALSE(mutex.Acquire(0)) << "the abandonment was not reported";
+    EXPECT_TRUE(mutex.Acquire(0));
+    mutex.Release();
 }
 
 // Each name is one object until its last user closes it; after that the
@@ -172,55 +176,52 @@ TEST(NamedObjectTest, ObjectOfAnotherLayoutUnderTheName)
     }
 }
 
-// The child makes the event; this process opens it while the object is
-// held up as if its creator had not finished, then waits for the child's Set.
+// The child makes a manual-reset event; this process opens it while the
+// object is held up as if its creator had not finished, then waits for the
+// child's Set.
 TEST(NamedObjectTest, EventMadeAndSetInOtherProcess)
 {
-    for (bool bManualReset : {false, true})
-    {
-        SCOPED_TRACE(bManualReset ? "manual" : "auto");
-        const std::wstring name = UniqueName(L"event");
-        Channel created;
-        Channel go;
-        const pid_t child = RunInChild(
-            [&]
-            {
-                Vireo::Event own(bManualReset, false, name.c_str());
-                created.Send();
-                if (!go.Receive())
-                    return static_cast<int>(kCR_NoSignal);
-                own.Set();
-                return static_cast<int>(kCR_Ok);
-            });
-        ASSERT_GT(child, 0);
-        ASSERT_TRUE(created.Receive());
-        const std::string shmName = "/vireo.event." + std::string(name.begin(), name.end());
-        const int fd = shm_open(shmName.c_str(), O_RDWR, 0);
-        ASSERT_GE(fd, 0);
-        auto* pState = static_cast<std::atomic<std::uint32_t>*>(
-            mmap(nullptr, sizeof(std::uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
-        close(fd);
-        ASSERT_NE(pState, MAP_FAILED);
-        const std::uint32_t ready = pState->exchange(0);
-        std::thread creatorFinishes(
-            [&]
-            {
-                std::this_thread::sleep_for(milliseconds(50));
-                pState->store(ready);
-            });
+    const std::wstring name = UniqueName(L"event");
+    Channel created;
+    Channel go;
+    const pid_t child = RunInChild(
+        [&]
+        {
+            Vireo::Event own(true, false, name.c_str());
+            created.Send();
+            if (!go.Receive())
+                return static_cast<int>(kCR_NoSignal);
+            own.Set();
+            return static_cast<int>(kCR_Ok);
+        });
+    ASSERT_GT(child, 0);
+    ASSERT_TRUE(created.Receive());
+    const std::string shmName = "/vireo.event." + std::string(name.begin(), name.end());
+    const int fd = shm_open(shmName.c_str(), O_RDWR, 0);
+    ASSERT_GE(fd, 0);
+    auto* pState = static_cast<std::atomic<std::uint32_t>*>(
+        mmap(nullptr, sizeof(std::uint32_t), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    close(fd);
+    ASSERT_NE(pState, MAP_FAILED);
+    const std::uint32_t ready = pState->exchange(0);
+    std::thread creatorFinishes(
+        [&]
+        {
+            std::this_thread::sleep_for(milliseconds(50));
+            pState->store(ready);
+        });
 
-        // Opened as the child made it, whatever these arguments say.
-        Vireo::Event event(!bManualReset, true, name.c_str());
-        creatorFinishes.join();
-        munmap(pState, sizeof(std::uint32_t));
-        EXPECT_FALSE(event.Wait(0));
-        go.Send();
-        // A wake-up that stays in the child's process would only be found at
-        // the time-out.
-        const Clock::time_point start = Clock::now();
-        EXPECT_TRUE(event.Wait(kPatienceMs)) << "the opener gave up, or the Set did not arrive";
-        EXPECT_LE(MillisecondsSince(start), 2000);
-        EXPECT_EQ(event.Wait(0), bManualReset);
-        EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
-    }
+    // Opened as the child made it, whatever these arguments say.
+    Vireo::Event event(false, true, name.c_str());
+    creatorFinishes.join();
+    munmap(pState, sizeof(std::uint32_t));
+    EXPECT_FALSE(event.Wait(0));
+    go.Send();
+    // A wake-up that stays in the child's process would only be found at
+    // the time-out.
+    const Clock::time_point start = Clock::now();
+    EXPECT_TRUE(event.Wait(kPatienceMs)) << "the opener gave up, or the Set did not arrive";
+    EXPECT_LE(MillisecondsSince(start), 2000);
+    EXPECT_TRUE(event.Wait(0)) << "not the manual-reset event the child made";
+    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
 }
