@@ -546,9 +546,6 @@ std::vector<Row> ShaderProgramPrimitiveRows()
         {"primitive Bind", &Bench::Primitive,
          [](Bench& b) { return Flag(b.primitives.back()->Bind()); }, "true", "false", "",
          PrimitiveBindFailed, true},
-        {"primitive SetName", &Bench::Primitive,
-         Does([](Bench& b) { b.primitives.back()->SetName("sweep"); }), "void", "void", "",
-         PrimitiveBindFailed, true},
         {"primitive SetUniform int tuples", &Bench::Primitive,
          [](Bench& b)
          { return Flag(b.primitives.back()->SetUniform("u", 2, 3, std::uint64_t(2), kInts)); },
@@ -579,9 +576,6 @@ std::vector<Row> BufferTextureRows()
          [](Bench& b)
          { return Flag(b.buffers.back()->Resize(IKSBuffer::kUsage_StreamRead, 96, true)); },
          "true", "false", "ksMapBuffer"},
-        {"buffer Bind", &Bench::Buffer,
-         [](Bench& b) { return Flag(b.buffers.back()->Bind(KS_UNIFORM_BLOCK_BUFFER)); }, "true",
-         "false", "", BufferBindFailed},
         {"AutoBindKSBuffer scope", &Bench::Buffer,
          Does([](Bench& b) { AutoBindKSBuffer bound(b.buffers.back(), KS_ARRAY_BUFFER); }), "void",
          "void", "", BufferBindFailed},
