@@ -179,12 +179,6 @@ struct Bench
         return shader;
     }
     // Named, with a shape and a material attached.
-    IKSProgram* LinkedProgram()
-    {
-        IKSProgram* program = Program();
-        program->Link();
-        return program;
-    }
     IKSProgram* Program()
     {
         IKSProgram* program = pContext->CreateIKSProgram();
@@ -539,10 +533,6 @@ std::vector<Row> ShaderProgramPrimitiveRows()
              return Lines{Error("KS: program 'sweep' link failed:\n"),
                           Error("KS: " + LogAfter(function, "ksLinkProgram") + "\n")};
          }},
-        // Locations count from 0 in order of declaration.
-        {"program GetLocationUniform", &Bench::LinkedProgram,
-         [](Bench& b) { return std::to_string(b.programs.back()->GetLocationUniform("radius")); },
-         "1", "-1", "ksGetUniformLocation"},
         {"primitive Bind", &Bench::Primitive,
          [](Bench& b) { return Flag(b.primitives.back()->Bind()); }, "true", "false", "",
          PrimitiveBindFailed, true},
