@@ -21,7 +21,6 @@
 using namespace WrapperTest;
 using namespace Vireo;
 using Kestrel::Testing::CallLog;
-using Kestrel::Testing::CountContexts;
 using Kestrel::Testing::CountObjects;
 using Kestrel::Testing::ObjectCounts;
 using Vireo::Testing::AutoInstallConsole;
@@ -49,11 +48,10 @@ std::string Format(const char* format, ...)
 // show in a status raise none, creation and mapping run out of memory.
 int NaturalError(const std::string& function)
 {
-    static const std::set<std::string> kSilent = {"ksCompileShader", "ksLinkProgram",
-                                                  "KestrelSetCurrentContext"};
+    static const std::set<std::string> kSilent = {"ksCompileShader", "ksLinkProgram"};
     static const std::set<std::string> kOutOfMemory = {
-        "KestrelCreateContext", "ksCreateShader", "ksCreateProgram", "ksGenPrimitives",
-        "ksGenBuffers",         "ksMapBuffer",    "ksGenTextures",   "ksGenFramebuffers"};
+        "ksCreateShader", "ksCreateProgram", "ksGenPrimitives",  "ksGenBuffers",
+        "ksMapBuffer",    "ksGenTextures",   "ksGenFramebuffers"};
     if (kSilent.count(function) != 0)
         return KS_NO_ERROR;
     return kOutOfMemory.count(function) != 0 ? KS_OUT_OF_MEMORY : KS_INVALID_OPERATION;
@@ -235,9 +233,6 @@ struct Bench
         pContext->DestroyShader(pRawShader);
         pRawProgram = nullptr;
         pRawShader = nullptr;
-        if (pMadeContext != nullptr)
-            GetMgrKestrel()->DestroyKestrelContext(pMadeContext);
-        pMadeContext = nullptr;
     }
 
     IKestrelContext* pContext;
@@ -249,8 +244,6 @@ struct Bench
     std::vector<IKSFrameBuffer*> frameBuffers;
     _KSshader* pRawShader = nullptr;
     _KSprogram* pRawProgram = nullptr;
-    IKestrelContext* pMadeContext = nullptr;
-    RecordingConsole madeConsole;
     Result result;
 };
 
@@ -421,17 +414,6 @@ std::vector<Row> ContextRows()
     const SaidWhen renderFailed = Says({Error("Kestrel error 0x502 occurred.\n")});
     const Rect2<Vector2i, int> whole{{0, 0}, {kSize, kSize}};
     return {
-        {"manager CreateKestrelContext", nullptr,
-         [](Bench& b)
-         {
-             b.pMadeContext =
-                 GetMgrKestrel()->CreateKestrelContext(&b.madeConsole, false, true, nullptr);
-             return Made(b.pMadeContext);
-         },
-         "object", "null", "KestrelCreateContext"},
-        {"manager SetCurrentKestrelContext", nullptr,
-         [](Bench& b) { return Flag(GetMgrKestrel()->SetCurrentKestrelContext(b.pContext)); },
-         "true", "false", "KestrelSetCurrentContext"},
         {"CreateIKSShader", nullptr,
          [](Bench& b)
          { return b.Keep(b.shaders, b.pContext->CreateIKSShader(IKSShader::kST_Vertex)); },
@@ -648,7 +630,6 @@ protected:
         const bool faulted = !function.empty();
         Sentinels sentinels;
         const ObjectCounts baseline = CountObjects(_pKestrel);
-        const int contexts = CountContexts();
         Bench bench(_pContext);
         if (row.setup)
             row.setup(bench);
@@ -686,7 +667,6 @@ protected:
         bench.GiveBack();
         const ObjectCounts now = CountObjects(_pKestrel);
         EXPECT_EQ(now, baseline) << "Kestrel objects after the case";
-        EXPECT_EQ(CountContexts(), contexts);
         EXPECT_NO_KS_ERROR() << "giving the objects back";
         return calls;
     }
