@@ -21,7 +21,6 @@
 using namespace WrapperTest;
 using namespace Vireo;
 using Kestrel::Testing::CallLog;
-using Kestrel::Testing::CountContexts;
 using Kestrel::Testing::CountObjects;
 using Kestrel::Testing::ObjectCounts;
 using Vireo::Testing::AutoInstallConsole;
@@ -49,11 +48,10 @@ std::string Format(const char* format, ...)
 // show in a status raise none, creation and mapping run out of memory.
 int NaturalError(const std::string& function)
 {
-    static const std::set<std::string> kSilent = {"ksCompileShader", "ksLinkProgram",
-                                                  "KestrelSetCurrentContext"};
+    static const std::set<std::string> kSilent = {"ksCompileShader", "ksLinkProgram"};
     static const std::set<std::string> kOutOfMemory = {
-        "KestrelCreateContext", "ksCreateShader", "ksCreateProgram", "ksGenPrimitives",
-        "ksGenBuffers",         "ksMapBuffer",    "ksGenTextures",   "ksGenFramebuffers"};
+        "ksCreateShader", "ksCreateProgram", "ksGenPrimitives",  "ksGenBuffers",
+        "ksMapBuffer",    "ksGenTextures",   "ksGenFramebuffers"};
     if (kSilent.count(function) != 0)
         return KS_NO_ERROR;
     return kOutOfMemory.count(function) != 0 ? KS_OUT_OF_MEMORY : KS_INVALID_OPERATION;
@@ -179,12 +177,6 @@ struct Bench
         return shader;
     }
     // Named, with a shape and a material attached.
-    IKSProgram* LinkedProgram()
-    {
-        IKSProgram* program = Program();
-        program->Link();
-        return program;
-    }
     IKSProgram* Program()
     {
         IKSProgram* program = pContext->CreateIKSProgram();
@@ -241,9 +233,6 @@ struct Bench
         pContext->DestroyShader(pRawShader);
         pRawProgram = nullptr;
         pRawShader = nullptr;
-        if (pMadeContext != nullptr)
-            GetMgrKestrel()->DestroyKestrelContext(pMadeContext);
-        pMadeContext = nullptr;
     }
 
     IKestrelContext* pContext;
@@ -255,8 +244,6 @@ struct Bench
     std::vector<IKSFrameBuffer*> frameBuffers;
     _KSshader* pRawShader = nullptr;
     _KSprogram* pRawProgram = nullptr;
-    IKestrelContext* pMadeContext = nullptr;
-    RecordingConsole madeConsole;
     Result result;
 };
 
@@ -427,17 +414,6 @@ std::vector<Row> ContextRows()
     const SaidWhen renderFailed = Says({Error("Kestrel error 0x502 occurred.\n")});
     const Rect2<Vector2i, int> whole{{0, 0}, {kSize, kSize}};
     return {
-        {"manager CreateKestrelContext", nullptr,
-         [](Bench& b)
-         {
-             b.pMadeContext =
-                 GetMgrKestrel()->CreateKestrelContext(&b.madeConsole, false, true, nullptr);
-             return Made(b.pMadeContext);
-         },
-         "object", "null", "KestrelCreateContext"},
-        {"manager SetCurrentKestrelContext", nullptr,
-         [](Bench& b) { return Flag(GetMgrKestrel()->SetCurrentKestrelContext(b.pContext)); },
-         "true", "false", "KestrelSetCurrentContext"},
         {"CreateIKSShader", nullptr,
          [](Bench& b)
          { return b.Keep(b.shaders, b.pContext->CreateIKSShader(IKSShader::kST_Vertex)); },
@@ -539,15 +515,8 @@ std::vector<Row> ShaderProgramPrimitiveRows()
              return Lines{Error("KS: program 'sweep' link failed:\n"),
                           Error("KS: " + LogAfter(function, "ksLinkProgram") + "\n")};
          }},
-        // Locations count from 0 in order of declaration.
-        {"program GetLocationUniform", &Bench::LinkedProgram,
-         [](Bench& b) { return std::to_string(b.programs.back()->GetLocationUniform("radius")); },
-         "1", "-1", "ksGetUniformLocation"},
         {"primitive Bind", &Bench::Primitive,
          [](Bench& b) { return Flag(b.primitives.back()->Bind()); }, "true", "false", "",
-         PrimitiveBindFailed, true},
-        {"primitive SetName", &Bench::Primitive,
-         Does([](Bench& b) { b.primitives.back()->SetName("sweep"); }), "void", "void", "",
          PrimitiveBindFailed, true},
         {"primitive SetUniform int tuples", &Bench::Primitive,
          [](Bench& b)
@@ -579,9 +548,6 @@ std::vector<Row> BufferTextureRows()
          [](Bench& b)
          { return Flag(b.buffers.back()->Resize(IKSBuffer::kUsage_StreamRead, 96, true)); },
          "true", "false", "ksMapBuffer"},
-        {"buffer Bind", &Bench::Buffer,
-         [](Bench& b) { return Flag(b.buffers.back()->Bind(KS_UNIFORM_BLOCK_BUFFER)); }, "true",
-         "false", "", BufferBindFailed},
         {"AutoBindKSBuffer scope", &Bench::Buffer,
          Does([](Bench& b) { AutoBindKSBuffer bound(b.buffers.back(), KS_ARRAY_BUFFER); }), "void",
          "void", "", BufferBindFailed},
@@ -664,7 +630,6 @@ protected:
         const bool faulted = !function.empty();
         Sentinels sentinels;
         const ObjectCounts baseline = CountObjects(_pKestrel);
-        const int contexts = CountContexts();
         Bench bench(_pContext);
         if (row.setup)
             row.setup(bench);
@@ -702,7 +667,6 @@ protected:
         bench.GiveBack();
         const ObjectCounts now = CountObjects(_pKestrel);
         EXPECT_EQ(now, baseline) << "Kestrel objects after the case";
-        EXPECT_EQ(CountContexts(), contexts);
         EXPECT_NO_KS_ERROR() << "giving the objects back";
         return calls;
     }
