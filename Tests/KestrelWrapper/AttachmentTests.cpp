@@ -82,31 +82,6 @@ protected:
 
 } // namespace
 
-TEST_F(AttachmentTest, KestrelClearsLandInClientMemoryOutsideAccumulation)
-{
-    for (Att::eBlendMode mode : {Att::kBM_Mode0, Att::kBM_Mode2, Att::kBM_Mode3})
-    {
-        SCOPED_TRACE(mode);
-        const Color4f colour{0.5f, -2.0f, 3.25f, 1.0f};
-        IKSFrameBufferAttachment* attachment = Create(1, mode, colour);
-        ASSERT_NE(attachment, nullptr);
-        EXPECT_TRUE(IsAligned(attachment->GetClientBuffer()));
-        _pFrameBuffer->Clear();
-        EXPECT_TRUE(AllPixelsAre(attachment, kWidth * kHeight, colour));
-
-        // No sum, no clear: the target keeps what the pass left.
-        _pFrameBuffer->Bind();
-        RenderPass(Color4f{0.25f, 0.25f, 0.25f, 0.25f});
-        CallLog log;
-        EXPECT_TRUE(attachment->NotifyPassCompleted());
-        EXPECT_EQ(log.Calls(), Calls{});
-        EXPECT_TRUE(
-            AllPixelsAre(attachment, kWidth * kHeight, Color4f{0.25f, 0.25f, 0.25f, 0.25f}));
-        _pFrameBuffer->DestroyAttachment(attachment);
-    }
-    EXPECT_NO_KS_ERROR();
-}
-
 TEST_F(AttachmentTest, AccumulationSumsOneMinusEachPass)
 {
     const Color4f clearColour{0.125f, 0.25f, 0.375f, 0.5f};
