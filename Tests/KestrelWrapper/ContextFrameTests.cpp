@@ -25,10 +25,6 @@ struct BoundFrameBuffer
                                                   IKSFrameBufferAttachment::kBM_Mode0, Color4f{});
         frameBuffer.Bind();
     }
-    float FirstValue() const
-    {
-        return *reinterpret_cast<const float*>(attachment->GetClientBuffer());
-    }
 
     KSFrameBuffer frameBuffer;
     IKSFrameBufferAttachment* attachment = nullptr;
@@ -72,7 +68,8 @@ TEST_F(WrapperFixture, RegionClearAndViewportPassTheirNumbersOn)
     CallLog log;
     EXPECT_TRUE(_pContext->RenderRegion(region, false, Color3f{1, 0, 0}));
     EXPECT_TRUE(_pContext->RenderRegion(region, true, Color3f{0.25f, 0.5f, 0.75f}));
-    EXPECT_EQ(frameBuffer.FirstValue(), 0.25f) << "the clear reached client memory";
+    EXPECT_EQ(*reinterpret_cast<const float*>(frameBuffer.attachment->GetClientBuffer()), 0.25f)
+        << "the clear reached client memory";
     EXPECT_TRUE(
         _pContext->ClearFrameBuffers(Color3f{1, 2, 3}, 0.5f, KS_COLOR_ATTACHMENT0_BIT << 2));
     EXPECT_TRUE(_pContext->SetViewport(Rect2<Vector2i, int>{{5, 6}, {2, 10}}));
