@@ -178,9 +178,29 @@ TEST_F(WrapperFixture, AttachmentParametersFollowBlendModeAndFilter)
     EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(4, 4, true))
         << "filtered as soon as it exists";
 
-    log.Clear();
-    ASSERT_TRUE(frameBuffer.SetFilter(nullptr));
-    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(0, 4, false));
+    // No filter, or a table of no entries (Kestrel's limit read as 0), sends
+    // the neutral filter and leaves every attachment unfiltered.
+    Calls unfiltered = {"ksFrameParameter1f(KS_FILTER_SIZE, 1)",
+                        "ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)",
+                        "ksFrameParameterfv(KS_FILTER_TABLE, ptr)"};
+    const Calls parameters = expected(0, 4, false);
+    unfiltered.insert(unfiltered.end(), parameters.begin(), parameters.end());
+    for (bool emptyTable : {false, true})
+    {
+        SCOPED_TRACE(emptyTable ? "empty table" : "no filter");
+        Kestrel::Testing::AutoFaults faults;
+        if (emptyTable)
+            Kestrel::Testing::InjectFault("ksGetIntegerv", 1, 0);
+        log.Clear();
+        ASSERT_TRUE(frameBuffer.SetFilter(emptyTable ? &filter : nullptr));
+        EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr);
+        EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
+        Calls sent;
+        for (const std::string& call : log.Calls())
+            if (call.find("Parameter") != std::string::npos)
+                sent.push_back(call);
+        EXPECT_EQ(sent, unfiltered);
+    }
     EXPECT_NO_KS_ERROR();
 }
 
@@ -227,37 +247,6 @@ TEST_F(WrapperFixture, FilterTableSamplesRowAfterRowUpToKestrelsLimit)
         _pManager->DestroyKestrelContext(context);
         ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
     }
-}
-
-// Refused sizes and removal are the bad-input sweep's; here the neutral
-// filter's calls and a table of no entries.
-TEST_F(WrapperFixture, NoFilterOrAnEmptyTableSendsTheNeutralOne)
-{
-    KSFrameBuffer frameBuffer(_pContext);
-    ASSERT_TRUE(frameBuffer.Init(2, 2));
-    CallLog log;
-    EXPECT_TRUE(frameBuffer.SetFilter(nullptr)) << "never had one";
-    const Calls neutral = {"ksFrameParameter1f(KS_FILTER_SIZE, 1)",
-                           "ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)",
-                           "ksFrameParameterfv(KS_FILTER_TABLE, ptr)"};
-    EXPECT_EQ(log.Calls(), neutral);
-
-    // Kestrel's limit read as 0 leaves a table of no entries: no filter, and
-    // an attachment that asks for one stays unfiltered.
-    ASSERT_NE(Create(frameBuffer, 0, Att::kBM_Mode0, true), nullptr);
-    Kestrel::Testing::AutoFaults faults;
-    Kestrel::Testing::InjectFault("ksGetIntegerv", 1, 0);
-    log.Clear();
-    RecordingFilter wide(1.0f);
-    EXPECT_TRUE(frameBuffer.SetFilter(&wide));
-    EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr);
-    EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
-    EXPECT_EQ(log.CallsOf("ksFrameParameter1i"),
-              Calls{"ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)"});
-    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i").at(0),
-              "ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, "
-              "KS_ATTACHMENT_FILTER, 0)");
-    EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(WrapperFixture, BindAndSetFilterGiveBackOneHoldOfTheCaller)
