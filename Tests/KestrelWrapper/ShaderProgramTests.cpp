@@ -232,8 +232,8 @@ TEST_F(ShaderFixture, ProgramQueriesReachKestrelEvenAfterShutdown)
 }
 
 // Removing the second of four keeps the order of the rest, and a shader
-// added twice is one entry, attached once: each link deletes the link-once handles once
-// each, in order of attachment, before any listener hears of it.
+// added twice is one entry, attached once: each link deletes the link-once
+// handles once each, in order of attachment, before any listener hears of it.
 TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
 {
     IKSProgram* program = _pContext->CreateIKSProgram();
