@@ -190,7 +190,6 @@ TEST_F(BufferTest, ShutdownDeletesInItsOwnContextAndLeavesThatOneCurrent)
 TEST_F(BufferTest, ScopedBindingsRestoreInReverseOnEveryTargetEvenAfterTheirBuffer)
 {
     IKSBuffer* outer = Filled(Sequence(2));
-    IKSBuffer* inner = Filled(Sequence(2));
     const int rows[][2] = {
         {KS_ARRAY_BUFFER, KS_ARRAY_BUFFER_BINDING},
         {KS_ELEMENT_ARRAY_BUFFER, KS_ELEMENT_ARRAY_BUFFER_BINDING},
@@ -209,15 +208,11 @@ TEST_F(BufferTest, ScopedBindingsRestoreInReverseOnEveryTargetEvenAfterTheirBuff
             AutoBindKSBuffer outerBinding(outer, target);
             EXPECT_EQ(BoundBuffer(query), outer->GetKSBuffer());
             {
-                AutoBindKSBuffer innerBinding(inner, target);
-                EXPECT_EQ(BoundBuffer(query), inner->GetKSBuffer());
-            }
-            EXPECT_EQ(BoundBuffer(query), outer->GetKSBuffer());
-            {
                 // The end of the scope needs nothing of the buffer any more.
                 IKSBuffer* gone = _pContext->CreateIKSBuffer();
                 ASSERT_TRUE(gone->Init(IKSBuffer::kUsage_StaticDraw, 2));
-                AutoBindKSBuffer binding(gone, target);
+                AutoBindKSBuffer inner(gone, target);
+                EXPECT_EQ(BoundBuffer(query), gone->GetKSBuffer());
                 EXPECT_TRUE(_pContext->DestroyIKSBuffer(gone));
             }
             EXPECT_EQ(BoundBuffer(query), outer->GetKSBuffer());

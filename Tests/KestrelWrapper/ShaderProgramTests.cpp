@@ -3,8 +3,6 @@
 #include "Support/TraceFlags.h"
 #include "WrapperFixture.h"
 
-#include <dlfcn.h>
-
 #include <functional>
 #include <memory>
 
@@ -72,17 +70,6 @@ std::string Count(const CallLog& log, const char* function)
 }
 
 } // namespace
-
-// The two trace flags are exported data that a host flips from a debugger;
-// no exported operation writes them.
-TEST(TraceFlagsTest, AreExportedDataWithoutSwitches)
-{
-    for (const char* data : {"_ZN5Vireo8KSShader7_eTraceE", "_ZN5Vireo11KSPrimitive8s_bTraceE"})
-        EXPECT_NE(dlsym(RTLD_DEFAULT, data), nullptr) << data;
-    for (const char* operation :
-         {"_ZN5Vireo19KSShaderTraceSwitch3SetEi", "_ZN5Vireo22KSPrimitiveTraceSwitch3SetEb"})
-        EXPECT_EQ(dlsym(RTLD_DEFAULT, operation), nullptr) << operation;
-}
 
 TEST_F(ShaderFixture, ShaderKindsNamesAndShutdown)
 {
