@@ -1,6 +1,6 @@
 // The context's locked bind pair around Kestrel's pixel pack slot; the
 // texture pair's save and restore show in every texture test. That an open
-// pair holds up a second thread is the texture and thread tests' to show.
+// pair holds up a second thread is the thread tests' to show.
 #include "SlotProbes.h"
 #include "WrapperFixture.h"
 

@@ -3,13 +3,9 @@
 #include "SlotProbes.h"
 #include "WrapperFixture.h"
 
-#include <atomic>
-#include <chrono>
 #include <climits>
-#include <thread>
 
 using namespace WrapperTest;
-using namespace std::chrono_literals;
 using Kestrel::Testing::CallLog;
 using Kestrel::Testing::Describe;
 using Kestrel::Testing::TextureRecord;
@@ -111,32 +107,6 @@ TEST_F(TextureTest, EachFormatReachesKestrelInsideThePairAsItsThreeValues)
             EXPECT_NO_KS_ERROR();
         }
     }
-}
-
-TEST_F(TextureTest, SetImageWaitsForAnOpenTexturePair)
-{
-    IKSTexImage2D* texture = Create();
-    _KStexture* held = nullptr;
-    ksGenTextures(1, &held);
-    CallLog log;
-    _pContext->BindTexture2D(held);
-    std::atomic<bool> done{false};
-    std::thread other(
-        [&]
-        {
-            texture->SetImage(1, 1, IKSTexImage::kTF_RGBA8, KS_REPEAT, KS_LINEAR, KS_LINEAR,
-                              _pixels, true);
-            done = true;
-        });
-    std::this_thread::sleep_for(50ms);
-    EXPECT_FALSE(done);
-    EXPECT_EQ(log.CallsOf("ksPixelStorei"), Calls{}) << "client storage waits for the lock";
-    EXPECT_EQ(BoundTexture(), held);
-    _pContext->UnbindTexture2D();
-    other.join();
-    EXPECT_EQ(log.CallsOf("ksPixelStorei").size(), 2u);
-    EXPECT_EQ(BoundTexture(), _pOther);
-    EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(TextureTest, SettersPutTheBindingBackAndMipmapsLeaveTheTextureBound)
