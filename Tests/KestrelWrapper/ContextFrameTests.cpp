@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace WrapperTest;
@@ -133,22 +134,17 @@ TEST_F(WrapperFixture, CapabilityQueriesAskForTheirOwnConstant)
 
 TEST_F(WrapperFixture, VersionCheckReadsTwoNumbers)
 {
-    struct Case
-    {
-        const char* version;
-        bool compatible;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, bool> cases[] = {
         {"1.4", true},  {"2.0", true}, {"1.4.2", true},       {"1.10", true},   {"1.3", false},
         {"0.9", false}, {"1", false},  {"no numbers", false}, {nullptr, false},
     };
-    for (const Case& c : cases)
+    for (const auto& [text, compatible] : cases)
     {
-        Kestrel::Testing::AutoStringOverride version(KS_VERSION, c.version);
+        Kestrel::Testing::AutoStringOverride version(KS_VERSION, text);
         int major = -1;
         int minor = -1;
-        EXPECT_EQ(_pContext->GetKSVersionIsCompatible(major, minor), c.compatible)
-            << (c.version ? c.version : "null");
+        EXPECT_EQ(_pContext->GetKSVersionIsCompatible(major, minor), compatible)
+            << (text ? text : "null");
         EXPECT_EQ(major, 1);
         EXPECT_EQ(minor, 4);
     }
