@@ -206,42 +206,37 @@ TEST_F(WrapperFixture, AttachmentParametersFollowBlendModeAndFilter)
 
 TEST_F(WrapperFixture, FilterTableSamplesRowAfterRowUpToKestrelsLimit)
 {
-    struct Case
-    {
-        int limit;
-        float size;
-        int n;
-    };
-    const Case cases[] = {
+    // Kestrel's limit, the filter's size, and the entries along each edge.
+    const std::tuple<int, float, int> cases[] = {
         {64, 0.5f, 4},  {64, 1.0f, 8},  {64, 1.3f, 10}, {64, 2.0f, 16},
         {64, 4.0f, 32}, {16, 2.0f, 16}, {16, 4.0f, 16},
     };
-    for (const Case& c : cases)
+    for (const auto& [limit, size, entries] : cases)
     {
-        SCOPED_TRACE(::testing::Message() << "size " << c.size << ", limit " << c.limit);
-        const long long attributes[] = {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, c.limit, 0};
+        SCOPED_TRACE(::testing::Message() << "size " << size << ", limit " << limit);
+        const long long attributes[] = {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, limit, 0};
         IKestrelContext* context =
             _pManager->CreateKestrelContext(&_console, false, false, attributes);
         ASSERT_TRUE(_pManager->SetCurrentKestrelContext(context));
         {
             KSFrameBuffer frameBuffer(context);
             ASSERT_TRUE(frameBuffer.Init(1, 1));
-            RecordingFilter filter(c.size);
+            RecordingFilter filter(size);
             ASSERT_TRUE(frameBuffer.SetFilter(&filter));
-            const auto n = static_cast<std::size_t>(c.n);
+            const auto n = static_cast<std::size_t>(entries);
             ASSERT_EQ(frameBuffer.GetFilterTableSize(), n);
             ASSERT_EQ(filter.samples.size(), n * n);
-            const float step = c.size / static_cast<float>(c.n);
+            const float step = size / static_cast<float>(entries);
             for (std::size_t k = 0; k < n * n; ++k)
             {
                 EXPECT_FLOAT_EQ(filter.samples[k].first, static_cast<float>(k % n) * step);
                 EXPECT_FLOAT_EQ(filter.samples[k].second, static_cast<float>(k / n) * step);
-                EXPECT_LT(filter.samples[k].first, c.size);
+                EXPECT_LT(filter.samples[k].first, size);
                 EXPECT_EQ(frameBuffer.GetFilterTable()[k], static_cast<float>(k));
             }
             int sent = 0;
             ksGetIntegerv(KS_FILTER_TABLE_SIZE, &sent);
-            EXPECT_EQ(sent, c.n);
+            EXPECT_EQ(sent, entries);
             EXPECT_NO_KS_ERROR();
         }
         _pManager->DestroyKestrelContext(context);
