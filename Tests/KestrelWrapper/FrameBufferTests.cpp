@@ -23,22 +23,18 @@ namespace
 
 // Records where it was sampled and answers with the number of the call, so
 // that a table entry tells which call filled it.
-class RecordingFilter : public IKSFrameBufferFilter
+struct RecordingFilter : IKSFrameBufferFilter
 {
-public:
-    explicit RecordingFilter(float size) : _fSize(size) {}
-    ~RecordingFilter() override = default;
-    float GetFilterSize() override { return _fSize; }
+    explicit RecordingFilter(float size) : fSize(size) {}
+    float GetFilterSize() override { return fSize; }
     float Sample(float x, float y) override
     {
         samples.emplace_back(x, y);
         return static_cast<float>(samples.size() - 1);
     }
 
+    float fSize;
     std::vector<std::pair<float, float>> samples;
-
-private:
-    float _fSize;
 };
 
 _KSframebuffer* BoundFrameBuffer()
