@@ -35,11 +35,6 @@ constexpr int kHeight = 3;
     return ::testing::AssertionSuccess();
 }
 
-bool IsAligned(const void* pointer)
-{
-    return reinterpret_cast<std::uintptr_t>(pointer) % 16 == 0;
-}
-
 class AttachmentTest : public WrapperFixture
 {
 protected:
@@ -87,7 +82,7 @@ TEST_F(AttachmentTest, AccumulationSumsOneMinusEachPass)
     const Color4f clearColour{0.125f, 0.25f, 0.375f, 0.5f};
     IKSFrameBufferAttachment* attachment = Create(2, Att::kBM_Accumulated, clearColour);
     ASSERT_NE(attachment, nullptr);
-    EXPECT_TRUE(IsAligned(attachment->GetClientBuffer()));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(attachment->GetClientBuffer()) % 16, 0u);
     _pFrameBuffer->Bind();
 
     // Init starts the sum: no Clear is needed before the first pass. The

@@ -64,11 +64,6 @@ protected:
     }
 };
 
-std::string Count(const CallLog& log, const char* function)
-{
-    return std::to_string(log.CallsOf(function).size());
-}
-
 } // namespace
 
 TEST_F(ShaderFixture, ShaderKindsNamesAndShutdown)
@@ -248,7 +243,7 @@ TEST_F(ShaderFixture, LinkDeletesLinkOnceShadersInOrderBeforeTellingListeners)
     Calls expected = linkOnceDeletes();
     log.Clear();
     Watcher watchers[3]; // two on the link list, ascending, and one on the delete list
-    watchers[0].probe = [&log] { return Count(log, "ksDeleteShader"); };
+    watchers[0].probe = [&log] { return std::to_string(log.CallsOf("ksDeleteShader").size()); };
     for (Watcher* watcher : {&watchers[1], &watchers[0]})
     {
         FastDelegate1<IKSProgram*, bool> onLink = MakeDelegate(watcher, &Watcher::OnProgram);
