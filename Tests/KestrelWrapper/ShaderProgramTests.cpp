@@ -4,7 +4,6 @@
 #include "WrapperFixture.h"
 
 #include <functional>
-#include <memory>
 
 using namespace WrapperTest;
 using namespace Vireo;
