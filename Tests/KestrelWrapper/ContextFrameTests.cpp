@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 using namespace WrapperTest;
@@ -11,34 +12,19 @@ using namespace Vireo;
 using Kestrel::Testing::AutoRenderHook;
 using Kestrel::Testing::CallLog;
 
-namespace
+// A frame finishes, or stops in silence under both render calls; the
+// statistics are read back. A region clears only when asked, with alpha 1 and
+// the colour bit alone; a direct clear and the viewport pass their numbers on
+// unchecked.
+TEST_F(WrapperFixture, RenderFrameRegionClearAndViewportPassTheirNumbersOn)
 {
-
-// A frame buffer of one RGBA float attachment in client memory, bound.
-struct BoundFrameBuffer
-{
-    explicit BoundFrameBuffer(IKestrelContext* context) : frameBuffer(context)
-    {
-        frameBuffer.Init(4, 4);
-        attachment = frameBuffer.CreateAttachment(0, IKSFrameBufferAttachment::kF_RGBA,
-                                                  IKSFrameBufferAttachment::kDT_Float, false,
-                                                  IKSFrameBufferAttachment::kBM_Mode0, Color4f{});
-        frameBuffer.Bind();
-    }
-    float FirstValue() const
-    {
-        return *reinterpret_cast<const float*>(attachment->GetClientBuffer());
-    }
-
-    KSFrameBuffer frameBuffer;
-    IKSFrameBufferAttachment* attachment = nullptr;
-};
-
-} // namespace
-
-TEST_F(WrapperFixture, RenderFrameTellsFinishedFromStoppedAndReadsStatistics)
-{
-    BoundFrameBuffer frameBuffer(_pContext);
+    using Att = IKSFrameBufferAttachment;
+    KSFrameBuffer frameBuffer(_pContext);
+    ASSERT_TRUE(frameBuffer.Init(4, 4));
+    IKSFrameBufferAttachment* attachment = frameBuffer.CreateAttachment(
+        0, Att::kF_RGBA, Att::kDT_Float, false, Att::kBM_Mode0, Color4f{});
+    ASSERT_NE(attachment, nullptr);
+    frameBuffer.Bind();
     EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Finished);
 
     IKestrelContext::KSRenderFrameStatistics statistics{};
@@ -54,25 +40,21 @@ TEST_F(WrapperFixture, RenderFrameTellsFinishedFromStoppedAndReadsStatistics)
     EXPECT_EQ(statistics.intStatistic, 1) << "frames rendered by the context";
     EXPECT_EQ(statistics.longStatistic1, 16) << "one primary ray per pixel";
     EXPECT_GE(statistics.floatStatistic, 0.0f);
+    {
+        AutoRenderHook hook([this](void*) { _pContext->Stop(); });
+        EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Stopped);
+        EXPECT_FALSE(
+            _pContext->RenderRegion(Rect2<Vector2i, int>{{0, 0}, {4, 4}}, false, Color3f{}));
+        EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{});
+        EXPECT_NO_KS_ERROR();
+    }
 
-    // A stop is silent under both render calls.
-    AutoRenderHook hook([this](void*) { _pContext->Stop(); });
-    EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Stopped);
-    EXPECT_FALSE(_pContext->RenderRegion(Rect2<Vector2i, int>{{0, 0}, {4, 4}}, false, Color3f{}));
-    EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{});
-    EXPECT_NO_KS_ERROR();
-}
-
-// A region clears only when asked, with alpha 1 and the colour bit alone; a
-// direct clear and the viewport pass their numbers on unchecked.
-TEST_F(WrapperFixture, RegionClearAndViewportPassTheirNumbersOn)
-{
-    BoundFrameBuffer frameBuffer(_pContext);
     const Rect2<Vector2i, int> region{{1, 1}, {3, 4}};
-    CallLog log;
+    log.Clear();
     EXPECT_TRUE(_pContext->RenderRegion(region, false, Color3f{1, 0, 0}));
     EXPECT_TRUE(_pContext->RenderRegion(region, true, Color3f{0.25f, 0.5f, 0.75f}));
-    EXPECT_EQ(frameBuffer.FirstValue(), 0.25f) << "the clear reached client memory";
+    EXPECT_EQ(*reinterpret_cast<const float*>(attachment->GetClientBuffer()), 0.25f)
+        << "the clear reached client memory";
     EXPECT_TRUE(
         _pContext->ClearFrameBuffers(Color3f{1, 2, 3}, 0.5f, KS_COLOR_ATTACHMENT0_BIT << 2));
     EXPECT_TRUE(_pContext->SetViewport(Rect2<Vector2i, int>{{5, 6}, {2, 10}}));
@@ -136,22 +118,17 @@ TEST_F(WrapperFixture, CapabilityQueriesAskForTheirOwnConstant)
 
 TEST_F(WrapperFixture, VersionCheckReadsTwoNumbers)
 {
-    struct Case
-    {
-        const char* version;
-        bool compatible;
-    };
-    const Case cases[] = {
+    const std::pair<const char*, bool> cases[] = {
         {"1.4", true},  {"2.0", true}, {"1.4.2", true},       {"1.10", true},   {"1.3", false},
         {"0.9", false}, {"1", false},  {"no numbers", false}, {nullptr, false},
     };
-    for (const Case& c : cases)
+    for (const auto& [text, compatible] : cases)
     {
-        Kestrel::Testing::AutoStringOverride version(KS_VERSION, c.version);
+        Kestrel::Testing::AutoStringOverride version(KS_VERSION, text);
         int major = -1;
         int minor = -1;
-        EXPECT_EQ(_pContext->GetKSVersionIsCompatible(major, minor), c.compatible)
-            << (c.version ? c.version : "null");
+        EXPECT_EQ(_pContext->GetKSVersionIsCompatible(major, minor), compatible)
+            << (text ? text : "null");
         EXPECT_EQ(major, 1);
         EXPECT_EQ(minor, 4);
     }

@@ -3,6 +3,7 @@
 // the lock each Bind gives back.
 #include "WrapperFixture.h"
 
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <future>
@@ -22,22 +23,18 @@ namespace
 
 // Records where it was sampled and answers with the number of the call, so
 // that a table entry tells which call filled it.
-class RecordingFilter : public IKSFrameBufferFilter
+struct RecordingFilter : IKSFrameBufferFilter
 {
-public:
-    explicit RecordingFilter(float size) : _fSize(size) {}
-    ~RecordingFilter() override = default;
-    float GetFilterSize() override { return _fSize; }
+    explicit RecordingFilter(float size) : fSize(size) {}
+    float GetFilterSize() override { return fSize; }
     float Sample(float x, float y) override
     {
         samples.emplace_back(x, y);
         return static_cast<float>(samples.size() - 1);
     }
 
+    float fSize;
     std::vector<std::pair<float, float>> samples;
-
-private:
-    float _fSize;
 };
 
 _KSframebuffer* BoundFrameBuffer()
@@ -52,10 +49,13 @@ std::string Point(int index)
     return index == 0 ? "KS_COLOR_ATTACHMENT0" : std::to_string(KS_COLOR_ATTACHMENT0 + index);
 }
 
-Color4f FirstPixel(IKSFrameBufferAttachment* attachment)
+// Pixel `i` of an attachment in client memory, which is 16-byte aligned.
+Color4f PixelOf(IKSFrameBufferAttachment* attachment, int i)
 {
+    const unsigned char* buffer = attachment->GetClientBuffer();
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(buffer) % 16, 0u);
     Color4f pixel;
-    std::memcpy(&pixel, attachment->GetClientBuffer(), sizeof(pixel));
+    std::memcpy(&pixel, buffer + sizeof(pixel) * static_cast<std::size_t>(i), sizeof(pixel));
     return pixel;
 }
 
@@ -82,17 +82,6 @@ bool LockFromOtherThread(IKSFrameBufferAttachment* attachment)
 
 } // namespace
 
-// A second Init would orphan the handle the attachments hang on.
-TEST_F(WrapperFixture, FrameBufferInitsOnce)
-{
-    KSFrameBuffer frameBuffer(_pContext);
-    ASSERT_TRUE(frameBuffer.Init(2, 2));
-    _KSframebuffer* handle = frameBuffer.GetKSFrameBuffer();
-    EXPECT_FALSE(frameBuffer.Init(3, 3));
-    EXPECT_EQ(frameBuffer.GetKSFrameBuffer(), handle);
-    EXPECT_NO_KS_ERROR();
-}
-
 // One ksClear per attachment, each with its colour and its own bit; two at one
 // index are both cleared, but the point holds only the newer texture.
 TEST_F(WrapperFixture, EachAttachmentClearsInItsColourAndOneIndexSharesItsPoint)
@@ -104,6 +93,7 @@ TEST_F(WrapperFixture, EachAttachmentClearsInItsColourAndOneIndexSharesItsPoint)
         Create(frameBuffer, 2, Att::kBM_Mode2, false, {0, 0, 1, 0.5f});
     IKSFrameBufferAttachment* newer = Create(frameBuffer, 2, Att::kBM_Mode0, false, {2, 2, 2, 2});
     const std::string handle = Describe(frameBuffer.GetKSFrameBuffer());
+    EXPECT_FALSE(frameBuffer.Init(3, 3)) << "a new handle would orphan the attachments";
     CallLog log;
     frameBuffer.Clear();
     EXPECT_EQ(log.Calls(),
@@ -112,12 +102,19 @@ TEST_F(WrapperFixture, EachAttachmentClearsInItsColourAndOneIndexSharesItsPoint)
                      "ksClearColor(1, 0, 0, 1)", "ksClear(KS_COLOR_ATTACHMENT0_BIT)",
                      "ksClearColor(0, 0, 1, 0.5)", "ksClear(131072)", "ksClearColor(2, 2, 2, 2)",
                      "ksClear(131072)", "ksBindFramebuffer(KS_FRAMEBUFFER, null)"}));
-    EXPECT_EQ(FirstPixel(first), (Color4f{1, 0, 0, 1}));
-    EXPECT_EQ(FirstPixel(newer), (Color4f{2, 2, 2, 2}));
+    EXPECT_EQ(PixelOf(first, 0), (Color4f{1, 0, 0, 1}));
+    EXPECT_EQ(PixelOf(first, 3), (Color4f{1, 0, 0, 1}));
+    EXPECT_EQ(PixelOf(newer, 3), (Color4f{2, 2, 2, 2}));
     log.Clear();
     frameBuffer.ClearAttachment(2);
     EXPECT_EQ(log.CallsOf("ksClearColor"),
               (Calls{"ksClearColor(0, 0, 1, 0.5)", "ksClearColor(2, 2, 2, 2)"}));
+
+    // Outside accumulation a completed pass leaves the target as it is.
+    log.Clear();
+    EXPECT_TRUE(first->NotifyPassCompleted());
+    EXPECT_EQ(log.Calls(), Calls{});
+    EXPECT_EQ(PixelOf(first, 3), (Color4f{1, 0, 0, 1}));
 
     log.Clear();
     EXPECT_TRUE(frameBuffer.DestroyAttachment(older));
@@ -177,86 +174,70 @@ TEST_F(WrapperFixture, AttachmentParametersFollowBlendModeAndFilter)
     EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(4, 4, true))
         << "filtered as soon as it exists";
 
-    log.Clear();
-    ASSERT_TRUE(frameBuffer.SetFilter(nullptr));
-    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i"), expected(0, 4, false));
+    // No filter, or a table of no entries (Kestrel's limit read as 0), sends
+    // the neutral filter and leaves every attachment unfiltered.
+    Calls unfiltered = {"ksFrameParameter1f(KS_FILTER_SIZE, 1)",
+                        "ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)",
+                        "ksFrameParameterfv(KS_FILTER_TABLE, ptr)"};
+    const Calls parameters = expected(0, 4, false);
+    unfiltered.insert(unfiltered.end(), parameters.begin(), parameters.end());
+    for (bool emptyTable : {false, true})
+    {
+        SCOPED_TRACE(emptyTable ? "empty table" : "no filter");
+        Kestrel::Testing::AutoFaults faults;
+        if (emptyTable)
+            Kestrel::Testing::InjectFault("ksGetIntegerv", 1, 0);
+        log.Clear();
+        ASSERT_TRUE(frameBuffer.SetFilter(emptyTable ? &filter : nullptr));
+        EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr);
+        EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
+        Calls sent;
+        for (const std::string& call : log.Calls())
+            if (call.find("Parameter") != std::string::npos)
+                sent.push_back(call);
+        EXPECT_EQ(sent, unfiltered);
+    }
     EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(WrapperFixture, FilterTableSamplesRowAfterRowUpToKestrelsLimit)
 {
-    struct Case
-    {
-        int limit;
-        float size;
-        int n;
-    };
-    const Case cases[] = {
+    // Kestrel's limit, the filter's size, and the entries along each edge.
+    const std::tuple<int, float, int> cases[] = {
         {64, 0.5f, 4},  {64, 1.0f, 8},  {64, 1.3f, 10}, {64, 2.0f, 16},
         {64, 4.0f, 32}, {16, 2.0f, 16}, {16, 4.0f, 16},
     };
-    for (const Case& c : cases)
+    for (const auto& [limit, size, entries] : cases)
     {
-        SCOPED_TRACE(::testing::Message() << "size " << c.size << ", limit " << c.limit);
-        const long long attributes[] = {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, c.limit, 0};
+        SCOPED_TRACE(::testing::Message() << "size " << size << ", limit " << limit);
+        const long long attributes[] = {KS_CONTEXT_MAX_FILTER_TABLE_SIZE, limit, 0};
         IKestrelContext* context =
             _pManager->CreateKestrelContext(&_console, false, false, attributes);
         ASSERT_TRUE(_pManager->SetCurrentKestrelContext(context));
         {
             KSFrameBuffer frameBuffer(context);
             ASSERT_TRUE(frameBuffer.Init(1, 1));
-            RecordingFilter filter(c.size);
+            RecordingFilter filter(size);
             ASSERT_TRUE(frameBuffer.SetFilter(&filter));
-            const auto n = static_cast<std::size_t>(c.n);
+            const auto n = static_cast<std::size_t>(entries);
             ASSERT_EQ(frameBuffer.GetFilterTableSize(), n);
             ASSERT_EQ(filter.samples.size(), n * n);
-            const float step = c.size / static_cast<float>(c.n);
+            const float step = size / static_cast<float>(entries);
             for (std::size_t k = 0; k < n * n; ++k)
             {
                 EXPECT_FLOAT_EQ(filter.samples[k].first, static_cast<float>(k % n) * step);
                 EXPECT_FLOAT_EQ(filter.samples[k].second, static_cast<float>(k / n) * step);
-                EXPECT_LT(filter.samples[k].first, c.size);
+                EXPECT_LT(filter.samples[k].first, size);
                 EXPECT_EQ(frameBuffer.GetFilterTable()[k], static_cast<float>(k));
             }
             int sent = 0;
             ksGetIntegerv(KS_FILTER_TABLE_SIZE, &sent);
-            EXPECT_EQ(sent, c.n);
+            EXPECT_EQ(sent, entries);
             EXPECT_NO_KS_ERROR();
         }
         _pManager->DestroyKestrelContext(context);
         ASSERT_TRUE(_pManager->SetCurrentKestrelContext(_pContext));
     }
-}
-
-// Refused sizes and removal are the bad-input sweep's; here the neutral
-// filter's calls and a table of no entries.
-TEST_F(WrapperFixture, NoFilterOrAnEmptyTableSendsTheNeutralOne)
-{
-    KSFrameBuffer frameBuffer(_pContext);
-    ASSERT_TRUE(frameBuffer.Init(2, 2));
-    CallLog log;
-    EXPECT_TRUE(frameBuffer.SetFilter(nullptr)) << "never had one";
-    const Calls neutral = {"ksFrameParameter1f(KS_FILTER_SIZE, 1)",
-                           "ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)",
-                           "ksFrameParameterfv(KS_FILTER_TABLE, ptr)"};
-    EXPECT_EQ(log.Calls(), neutral);
-
-    // Kestrel's limit read as 0 leaves a table of no entries: no filter, and
-    // an attachment that asks for one stays unfiltered.
-    ASSERT_NE(Create(frameBuffer, 0, Att::kBM_Mode0, true), nullptr);
-    Kestrel::Testing::AutoFaults faults;
-    Kestrel::Testing::InjectFault("ksGetIntegerv", 1, 0);
-    log.Clear();
-    RecordingFilter wide(1.0f);
-    EXPECT_TRUE(frameBuffer.SetFilter(&wide));
-    EXPECT_EQ(frameBuffer.GetFilterTable(), nullptr);
-    EXPECT_EQ(frameBuffer.GetFilterTableSize(), 0u);
-    EXPECT_EQ(log.CallsOf("ksFrameParameter1i"),
-              Calls{"ksFrameParameter1i(KS_FILTER_TABLE_SIZE, 1)"});
-    EXPECT_EQ(log.CallsOf("ksFramebufferAttachmentParameter1i").at(0),
-              "ksFramebufferAttachmentParameter1i(KS_FRAMEBUFFER, KS_COLOR_ATTACHMENT0, "
-              "KS_ATTACHMENT_FILTER, 0)");
-    EXPECT_NO_KS_ERROR();
 }
 
 TEST_F(WrapperFixture, BindAndSetFilterGiveBackOneHoldOfTheCaller)
@@ -294,19 +275,14 @@ TEST_F(WrapperFixture, FrameBufferResizeCarriesEveryAttachment)
     EXPECT_TRUE(frameBuffer.Resize(6, 3)) << "no attachments yet";
     IKSFrameBufferAttachment* attachments[] = {Create(frameBuffer, 0),
                                                Create(frameBuffer, 1, Att::kBM_Accumulated)};
-    auto sizes = [&]
+    auto size = [](IKSFrameBufferAttachment* attachment)
     {
-        std::vector<std::pair<int, int>> found;
-        for (IKSFrameBufferAttachment* attachment : attachments)
-        {
-            Kestrel::Testing::TextureRecord record;
-            Kestrel::Testing::ReadTexture(attachment->GetKSTexture(), 0, &record);
-            found.emplace_back(record.width, record.height);
-        }
-        return found;
+        Kestrel::Testing::TextureRecord record;
+        Kestrel::Testing::ReadTexture(attachment->GetKSTexture(), 0, &record);
+        return std::make_pair(record.width, record.height);
     };
-    using Sizes = std::vector<std::pair<int, int>>;
-    EXPECT_EQ(sizes(), (Sizes{{6, 3}, {6, 3}})) << "made at the size stored";
+    for (IKSFrameBufferAttachment* attachment : attachments)
+        EXPECT_EQ(size(attachment), std::make_pair(6, 3)) << "made at the size stored";
 
     // Storage refused: the attachments keep their recorded size without
     // storage, and only another size brings it back.
@@ -315,8 +291,10 @@ TEST_F(WrapperFixture, FrameBufferResizeCarriesEveryAttachment)
     for (IKSFrameBufferAttachment* attachment : attachments)
         EXPECT_EQ(attachment->GetClientBuffer(), nullptr);
     EXPECT_TRUE(frameBuffer.Resize(7, 2));
-    EXPECT_EQ(sizes(), (Sizes{{7, 2}, {7, 2}}));
     for (IKSFrameBufferAttachment* attachment : attachments)
+    {
+        EXPECT_EQ(size(attachment), std::make_pair(7, 2));
         EXPECT_NE(attachment->GetClientBuffer(), nullptr);
+    }
     EXPECT_NO_KS_ERROR();
 }
