@@ -684,41 +684,6 @@ TEST_F(Renderer, MetallicRoughnessReflectsWhatItsModelSays)
             }
 }
 
-// A rough metal ball lit by a small far lamp: its highlight lies where the
-// ball's normal halves the directions to the eye and to the lamp.
-TEST_F(Renderer, MetalHighlightSitsAtTheHalfVector)
-{
-    constexpr int kSize = 64;
-    const Vec centre = {0, 0, -4}, lamp = {14, 0, 10};
-    Start(1, kSize, kSize, KS_BLEND_MODE_2);
-    Frame("output(0, radiance);\n", {{"fov", {30}}});
-    Shape(kSphere, kMetallicRoughness,
-          {{"centre", {0, 0, -4}}, {"metallic", {1}}, {"roughness", {0.2f}}});
-    Shape(kSphere, kEmissive,
-          {{"centre", {14, 0, 10}}, {"radius", {0.5f}}, {"radiance", {100, 100, 100}}});
-    Render(8);
-    // The point of the equator whose normal is the half vector.
-    double best = -2.0, highlight = 0.0;
-    for (int i = 0; i < 100000; ++i)
-    {
-        const double phi = i * kPi / 100000;
-        const Vec normal = {std::sin(phi), 0, std::cos(phi)};
-        const Vec p = {centre[0] + normal[0], 0, centre[2] + normal[2]};
-        const Vec toEye = Unit(Sub({0, 0, 0}, p)), toLamp = Unit(Sub(lamp, p));
-        const Vec half = Unit({toEye[0] + toLamp[0], 0, toEye[2] + toLamp[2]});
-        if (Dot(normal, half) > best)
-        {
-            best = Dot(normal, half);
-            highlight = (p[0] / -p[2] / std::tan(kPi / 12) + 1) / 2 * kSize;
-        }
-    }
-    int brightest = 0;
-    for (int x = 0; x < kSize; ++x)
-        if (Mean(0, x, 31, x + 1, 33) > Mean(0, brightest, 31, brightest + 1, 33))
-            brightest = x;
-    EXPECT_NEAR(brightest + 0.5, highlight, 1.5);
-}
-
 // ---------------------------------------------------------------------------
 // Indexed meshes
 
@@ -985,107 +950,108 @@ void SetFilter(float size, int tableSize, const float* table)
     ksFrameParameterfv(KS_FILTER_TABLE, table);
 }
 
-TEST_F(Renderer, FilteredSamplesFollowAHotCell)
+// The floor y = -1 below the default camera fills the lower half: its depth
+// changes with the raster position, so it shows where each sample was
+// taken. The sky above shows each sample's weight: the table's magnitude
+// over its integral, with the sign of its cell ({3, -1} weighs +2 or -2, a
+// quarter of the samples negative). Lobes that cancel keep their bare
+// signs; a table of no weight is no table. Only what is added is weighed.
+TEST_F(Renderer, FilterTablePlacesAndWeighsTheSamples)
 {
-    // The floor y = -1 below the default camera: its depth changes with the
-    // raster position, so it shows where each sample was taken.
-    constexpr int kWidth = 32, kHeight = 16, kTable = 9;
+    constexpr int kSize = 32;
     const double tanHalf = std::tan(kPi / 6.0);
     const auto depthAt = [&](double sx, double sy)
     {
-        const double a = (2.0 * sx / kWidth - 1.0) * tanHalf * kWidth / kHeight;
-        const double b = (2.0 * sy / kHeight - 1.0) * tanHalf;
+        const double a = (2.0 * sx / kSize - 1.0) * tanHalf;
+        const double b = (2.0 * sy / kSize - 1.0) * tanHalf;
         return std::sqrt(a * a + b * b + 1.0) / -b;
     };
-    // The one cell with weight, by row and column, of a table that spans
-    // `size` pixels.
-    for (const auto& [row, column, size] : std::vector<std::array<int, 3>>{
-             {4, 4, 1}, {4, 8, 1}, {1, 2, 1}, {0, 0, 1}, {8, 8, 2}, {4, 1, 2}})
+    const struct
     {
-        SCOPED_TRACE(testing::Message() << row << "," << column << " of " << size);
-        Start(2, kWidth, kHeight);
-        SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
-        UseFrame(Program({{kFrame, "output(0, depth);\noutput(1, depth);\n"}}));
+        float size;
+        int tableSize;
+        std::vector<std::array<float, 3>> cells; // row, column, value; the rest is 0
+        float weight;
+        double negative; // the share of samples
+    } cases[] = {
+        {1, 9, {{4, 4, 1}}, 1, 0},
+        {1, 9, {{4, 8, 1}}, 1, 0},
+        {1, 9, {{1, 2, 1}}, 1, 0},
+        {1, 9, {{0, 0, 1}}, 1, 0},
+        {2, 9, {{8, 8, 1}}, 1, 0},
+        {2, 9, {{4, 1, 1}}, 1, 0},
+        {1, 2, {{0, 0, 3}, {0, 1, -1}}, 2, 0.25},
+        {1, 2, {{0, 0, 1}, {0, 1, -1}}, 1, 0.5},
+        {1, 2, {{0, 1, kNaN}}, 1, 0},
+    };
+    int boxOutside = 0;
+    for (const auto& c : cases)
+    {
+        SCOPED_TRACE(testing::Message() << c.tableSize << " x " << c.tableSize << ", first "
+                                        << c.cells[0][0] << "," << c.cells[0][1]);
+        Start(3, kSize, kSize);
+        for (int i : {1, 2})
+            SetAttachment(i, KS_ATTACHMENT_FILTER, 1);
+        SetAttachment(2, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
+        Frame("output(0, depth);\noutput(1, depth);\noutput(2, radiance);\n",
+              {{"sky", {1, 0.5f, 0.25f}}});
         Shape(kFloor, kDiffuse);
-        std::vector<float> table(kTable * kTable, 0.0f);
-        table[static_cast<std::size_t>(row * kTable + column)] = 1.0f;
-        SetFilter(float(size), kTable, table.data());
+        std::vector<float> table(std::size_t(c.tableSize * c.tableSize), 0.0f);
+        for (const auto& [row, column, value] : c.cells)
+            table[std::size_t(row * c.tableSize + column)] = value;
+        // Samples land in the cells from the first given to the last, or
+        // anywhere in the square when the table has no weight.
+        const auto [r0, c0, first] = c.cells.front();
+        const auto [r1, c1, last] = c.cells.back();
+        const bool none = std::isnan(first);
+        const double step = double(c.size) / c.tableSize;
+        const double x0 = none ? 0 : (c0 - 0.5) * step, x1 = none ? c.size : (c1 + 0.5) * step;
+        const double y0 = none ? 0 : (r0 - 0.5) * step, y1 = none ? c.size : (r1 + 0.5) * step;
+        SetFilter(c.size, c.tableSize, table.data());
         ASSERT_NO_KS_ERROR();
-        // After a refused size no table is taken, at whatever size: the hot
-        // one stays in force.
+        // After a refused size no table is taken, at whatever size: the
+        // last good one stays in force.
         const float stray = 5.0f;
-        SetFilter(float(size), 0, &stray);
+        SetFilter(c.size, 0, &stray);
         EXPECT_EQ(ksGetError(), KS_INVALID_VALUE);
         const std::vector<Notice> notices = _recorder.Take();
         ASSERT_EQ(notices.size(), 2u);
         EXPECT_EQ(notices[1].code, KS_INVALID_OPERATION);
-        // The hot entry stands for the cell of one step centred on the point
-        // (c, r) * step of the table's square, whose centre lies on the
-        // pixel's: a symmetric filter samples symmetrically about it.
-        const double step = double(size) / kTable;
-        const double dx = (column - 0.5) * step - 0.5 * size, dy = (row - 0.5) * step - 0.5 * size;
-        int boxOutside = 0;
-        for (int frame = 0; frame < 3; ++frame)
-        {
-            Render();
-            for (int y = 0; y < 5; ++y)
-                for (int x = 0; x < kWidth; ++x)
-                {
-                    double low = 1e30, high = 0.0;
-                    for (int i = 0; i <= 4; ++i)
-                        for (int j = 0; j <= 4; ++j)
-                        {
-                            const double d = depthAt(x + 0.5 + dx + i / 4.0 * step,
-                                                     y + 0.5 + dy + j / 4.0 * step);
-                            low = std::min(low, d);
-                            high = std::max(high, d);
-                        }
-                    const float filtered = At(1, x, y)[0];
-                    EXPECT_GE(filtered, low * (1 - 1e-4)) << x << "," << y;
-                    EXPECT_LE(filtered, high * (1 + 1e-4)) << x << "," << y;
-                    const float box = At(0, x, y)[0];
-                    boxOutside += box < low * (1 - 1e-4) || box > high * (1 + 1e-4);
-                }
-        }
-        EXPECT_GT(boxOutside, 100) << "unfiltered samples spread over the whole pixel";
-    }
-}
-
-// A sample weighs the table's magnitude over its integral, with the sign of
-// its cell: with {3, -1} it weighs +2 or -2, a quarter of the samples
-// negative, and averages to 1. Lobes that cancel keep their bare signs; a
-// table of no weight is no table. Only what is added is weighed.
-TEST_F(Renderer, FilterWeightsFollowTheTable)
-{
-    const struct
-    {
-        std::array<float, 4> table;
-        float weight;
-        int negative; // of 1024 samples
-    } cases[] = {{{3, -1, 0, 0}, 2, 256}, {{1, -1, 0, 0}, 1, 512}, {{0, kNaN, 0, 0}, 1, 0}};
-    for (const auto& c : cases)
-    {
-        SCOPED_TRACE(testing::Message() << c.table[0] << " " << c.table[1]);
-        Start(2, 32, 32);
-        SetAttachment(0, KS_ATTACHMENT_FILTER, 1);
-        SetAttachment(0, KS_ATTACHMENT_BLEND_MODE, KS_BLEND_MODE_2);
-        SetAttachment(1, KS_ATTACHMENT_FILTER, 1);
-        Frame("output(0, radiance);\noutput(1, radiance);\n", {{"sky", {1, 0.5f, 0.25f}}});
-        SetFilter(1.0f, 2, c.table.data());
         Render();
         int negative = 0;
-        for (int y = 0; y < 32; ++y)
-            for (int x = 0; x < 32; ++x)
+        for (int y = 0; y < kSize; ++y)
+            for (int x = 0; x < kSize; ++x)
             {
-                const float* added = At(0, x, y);
-                const float sign = added[0] < 0.0f ? -1.0f : 1.0f;
-                negative += sign < 0.0f;
-                EXPECT_EQ(added[0], c.weight * sign);
-                EXPECT_EQ(added[2], 0.25f * c.weight * sign);
-                EXPECT_EQ(At(1, x, y)[1], 0.5f) << "a replaced sample is not weighed";
+                if (y >= kSize / 2 + 2) // sky, whatever the offset
+                {
+                    const float* added = At(2, x, y);
+                    const float sign = added[0] < 0.0f ? -1.0f : 1.0f;
+                    negative += sign < 0.0f;
+                    EXPECT_EQ(added[0], c.weight * sign);
+                    EXPECT_EQ(added[2], 0.25f * c.weight * sign);
+                    continue;
+                }
+                if (y >= 5)
+                    continue;
+                double low = 1e30, high = 0.0;
+                for (int i = 0; i <= 4; ++i)
+                    for (int j = 0; j <= 4; ++j)
+                    {
+                        const double d = depthAt(x + 0.5 - 0.5 * c.size + x0 + i / 4.0 * (x1 - x0),
+                                                 y + 0.5 - 0.5 * c.size + y0 + j / 4.0 * (y1 - y0));
+                        low = std::min(low, d);
+                        high = std::max(high, d);
+                    }
+                // Replaced, not added: the depth is the sample's, unweighed.
+                const float filtered = At(1, x, y)[0];
+                EXPECT_GE(filtered, low * (1 - 1e-4)) << x << "," << y;
+                EXPECT_LE(filtered, high * (1 + 1e-4)) << x << "," << y;
+                const float box = At(0, x, y)[0];
+                boxOutside += box < low * (1 - 1e-4) || box > high * (1 + 1e-4);
             }
-        EXPECT_NEAR(negative, c.negative, 48);
+        EXPECT_NEAR(negative, c.negative * kSize * (kSize / 2 - 2), 40);
     }
+    EXPECT_GT(boxOutside, 100) << "unfiltered samples spread over the whole pixel";
 }
 
 // ---------------------------------------------------------------------------
