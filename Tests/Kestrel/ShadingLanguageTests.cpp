@@ -84,7 +84,6 @@ const CompileCase kCompileCases[] = {
     {kVertex, nullptr, "1:1: error: no source\n"},
     // Good sources.
     {kVertex, "sphere(c, r);\nuniform vec3 c;\nuniform float r;", ""},
-    {kVertex, "sphere(vec3(1, 2, 3), 2);", ""},
     {kVertex, "uniform vec3 c = vec3(-1.5e2, .5, 3.);\nuniform float r = -2E-1;\nsphere(c, r);",
      ""},
     {kFrame, "uniform int a = -2147483648;\noutput(a, depth);", ""},
@@ -119,12 +118,8 @@ const CompileCase kCompileCases[] = {
     {kVertex, "uniformblock b;\nuniform float n;\nmesh(b, n, 1.5);",
      "3:9: error: argument 2 of 'mesh' must be int, but 'n' is float\n"
      "3:12: error: argument 3 of 'mesh' must be int, not float\n"},
-    {kVertex, "uniform vec3 b;\nmesh(b, 3, 1);",
-     "2:6: error: argument 1 of 'mesh' must be a uniform block, but 'b' is vec3\n"},
     {kRay, "uniform vec3 c;\nuniform texture t;\nmetallic_roughness(c, 0, 1, c, t, c, t);",
      "3:35: error: argument 6 of 'metallic_roughness' must be texture, but 'c' is vec3\n"},
-    {kRay, "metallic_roughness(vec3(1, 1, 1), 0, 1);",
-     "1:1: error: 'metallic_roughness' takes 7 arguments, not 3\n"},
     {kVertex, "triangles(1);",
      "1:11: error: argument 1 of 'triangles' must be a uniform block, not int\n"},
     {kVertex, "uniformblock b;\nsphere(b, 1);",
