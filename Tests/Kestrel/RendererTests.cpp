@@ -291,6 +291,12 @@ public:
         EXPECT_TRUE(Kestrel::Testing::CountSceneBuilds(&builds));
         return builds;
     }
+    static long long MeshBuilds()
+    {
+        long long builds = -1;
+        EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&builds));
+        return builds;
+    }
     static long long Statistic(int name)
     {
         long long value = -1;
@@ -763,33 +769,6 @@ TEST_F(Renderer, IndexedMeshLeavesOutWhatItCannotRead)
     }
 }
 
-TEST_F(Renderer, OneBufferPlacedByTwoPrimitives)
-{
-    _KSbuffer* buffer = DrawQuad(*this, Quad(), kDiffuse, "output(0, depth);\n");
-    // The same buffer a quarter the size, at z = -0.75, in the lower left.
-    Primitive(_pProgram, {{"placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.3f, 0})}});
-    ksUniformBlockBuffer(ksGetUniformBlockIndex(_pProgram, "mesh"), buffer);
-    SetInt("vertices", 4);
-    SetInt("triangles", 2);
-    Render();
-    EXPECT_NEAR(At(0, 14, 14)[0], 3.25, 0.05) << "the first";
-    EXPECT_NEAR(At(0, 4, 4)[0], 0.77, 0.01) << "the second";
-    long long meshes = -1;
-    EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&meshes));
-    EXPECT_EQ(meshes, 1);
-    // Another placement builds a new scene around the same mesh.
-    Set({{"placement", Placement({0.25f, 0.25f, 0.25f}, {-0.3f, -0.4f, 0})}});
-    Render();
-    EXPECT_EQ(SceneBuilds(), 2);
-    EXPECT_TRUE(Kestrel::Testing::CountMeshBuilds(&meshes));
-    EXPECT_EQ(meshes, 1);
-    // New storage too short for the counts: both go.
-    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
-    Render();
-    EXPECT_EQ(At(0, 14, 14)[0], 0.0f);
-    EXPECT_EQ(At(0, 4, 4)[0], 0.0f);
-}
-
 // ---------------------------------------------------------------------------
 // Visibility
 
@@ -1143,14 +1122,25 @@ TEST_F(Renderer, ThreadCountsAndStopsLeaveTheImageAlone)
 
 TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
 {
-    Start(1, 16, 16);
-    Frame("output(0, radiance);\n");
+    Start(2, 16, 16);
+    Frame("output(0, radiance);\noutput(1, depth);\n");
     _KSprogram* frame = _pProgram;
     const KSprimitive sphere = Shape(kSphere, kDiffuse, {{"centre", {0, 0, -5}}});
     _KSprogram* sphereProgram = _pProgram;
-    const KSprimitive mesh = Shape(kMesh, kDiffuse);
-    const std::vector<float> triangle = {3, 3, -9, 4, 3, -9, 4, 4, -9};
-    _KSbuffer* buffer = Mesh(triangle);
+    // One indexed quad placed twice, small and near, in the upper corners.
+    const Quad quad;
+    const std::vector<float> block = IndexedBlock(quad.vertices, quad.indices);
+    const KSprimitive right = Shape(kIndexedMesh, kDiffuse);
+    _KSbuffer* buffer = Mesh(block);
+    const KSprimitive left = Primitive(_pProgram);
+    ksUniformBlockBuffer(ksGetUniformBlockIndex(_pProgram, "mesh"), buffer);
+    for (const auto& [primitive, x] : {std::pair{right, 0.35f}, std::pair{left, -0.35f}})
+    {
+        ksBindPrimitive(KS_PRIMITIVE, primitive);
+        Set({{"placement", Placement({0.06f, 0.06f, 0.25f}, {x, 0.35f, 0})}});
+        SetInt("vertices", quad.vertexCount);
+        SetInt("triangles", quad.triangleCount);
+    }
     _KStexture* texture = Texture(1, 1, KS_RGB, nullptr);
     const KSprimitive textured = Shape(kSphere, kTextured, {{"centre", {-3, -3, -9}}});
     SetTexture("map", texture);
@@ -1160,6 +1150,9 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     _KSbuffer* stranger = NewBuffer();
     Render();
     ASSERT_EQ(SceneBuilds(), 1);
+    EXPECT_EQ(MeshBuilds(), 1) << "one for both quads";
+    for (int x : {1, 14})
+        EXPECT_NEAR(At(1, x, 14)[0], 0.9f, 0.03f) << "the quad at column " << x;
 
     const float smallSphere = HitFraction();
     long long builds = 1;
@@ -1177,13 +1170,17 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     ksBindPrimitive(KS_PRIMITIVE, sphere);
     Use(sphereProgram, {{"radius", {2}}});
     expectBuild("a uniform of a shape", true);
+    EXPECT_EQ(MeshBuilds(), 1) << "lent by the last scene";
     ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, buffer);
-    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, triangle.size() * sizeof(float), triangle.data(),
+    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, block.size() * sizeof(float), block.data(),
                  KS_STATIC_DRAW);
     expectBuild("the mesh's storage", true);
     static_cast<float*>(ksMapBuffer(KS_UNIFORM_BLOCK_BUFFER, KS_WRITE_ONLY))[0] = 2;
     ksUnmapBuffer(KS_UNIFORM_BLOCK_BUFFER);
     expectBuild("a mapping of the mesh", true);
+    ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 4, nullptr, KS_STATIC_DRAW);
+    expectBuild("storage too short for the counts", true);
+    EXPECT_EQ(At(1, 1, 14)[0] + At(1, 14, 14)[0], 0.0f) << "both quads go";
     ksBindBuffer(KS_UNIFORM_BLOCK_BUFFER, stranger);
     ksBufferData(KS_UNIFORM_BLOCK_BUFFER, 36, nullptr, KS_STATIC_DRAW);
     expectBuild("a buffer no primitive reads", false);
@@ -1197,8 +1194,8 @@ TEST_F(Renderer, SceneIsRebuiltOnlyWhenItsInputsChange)
     expectBuild("a new texture", false);
     ksLinkProgram(sphereProgram);
     expectBuild("a relink", true);
-    KSprimitive doomed[2] = {mesh, textured};
-    ksDeletePrimitives(2, doomed);
+    KSprimitive doomed[3] = {right, left, textured};
+    ksDeletePrimitives(3, doomed);
     expectBuild("a deleted primitive", true);
     ksDeleteBuffers(1, &buffer);
     expectBuild("a deleted buffer that was no longer read", false);
