@@ -249,9 +249,6 @@ const LinkCase kLinkCases[] = {
     {{{kVertex, nullptr}}, "error: shader 1 (vertex) is not compiled\n"},
     {{{kVertex, "sphere(vec3(0, 0, 0), 1);"}, {kRay, "glass();"}},
      "error: shader 2 (ray) is not compiled\n"},
-    {{{kVertex, "sphere(vec3(0, 0, 0), 1);"}, {kVertex, "uniform vec3 lo;\nbox(lo, lo);"}},
-     "error: two shapes: 'sphere' at 1:1 in shader 1 (vertex) and 'box' at 2:1 in shader 2 "
-     "(vertex)\n"},
     {{{kRay, "glass(1.5);"}, {kRay, "mirror(vec3(1, 1, 1));"}},
      "error: two materials: 'glass' at 1:1 in shader 1 (ray) and 'mirror' at 1:1 in shader 2 "
      "(ray)\n"},
