@@ -473,14 +473,45 @@ TEST_F(Renderer, RouletteStartsAtTheThirdBounce)
     EXPECT_NEAR(Statistic(KS_FRAME_STATISTIC_6) / 1024.0, 2.0 + 1.5 / 8, 0.05);
 }
 
-// A diffuse floor lit by an emitter alone: the picture's middle shows the
-// floor point below the camera, whose radiance has a closed form.
-TEST_F(Renderer, DirectLightMatchesTheClosedForms)
+// What a white metallic-roughness surface seen head-on reflects of an even
+// sky, by quadrature over the angle of incidence: GGX with height-correlated
+// Smith shadowing (which, seen head-on, is G1 of the light alone), Schlick's
+// Fresnel, and the Lambertian base under the dielectric's (1 - F).
+double HeadOnAlbedo(double roughness, double metallic)
+{
+    const double a2 = std::pow(roughness, 4.0);
+    constexpr int kSteps = 20000;
+    double sum = 0.0;
+    for (int i = 0; i < kSteps; ++i)
+    {
+        const double theta = (i + 0.5) / kSteps * kPi / 2, c = std::cos(theta);
+        const double ch = std::cos(theta / 2); // the half vector's cosine
+        const double d = ch * ch * (a2 - 1) + 1;
+        const double lambda = 0.5 * (std::sqrt(1 + a2 * std::pow(std::tan(theta), 2)) - 1);
+        const double schlick = std::pow(1 - ch, 5);
+        const double f0 = 0.04 * (1 - metallic) + metallic;
+        const double specular =
+            (f0 + (1 - f0) * schlick) * a2 / (kPi * d * d) / (1 + lambda) / (4 * c);
+        const double diffuse = (1 - metallic) * (1 - (0.04 + 0.96 * schlick)) / kPi;
+        sum += (specular + diffuse) * c * std::sin(theta) * (kPi / 2 / kSteps);
+    }
+    return 2 * kPi * sum;
+}
+
+// A floor seen head-on, lit over one bounce by an emitter alone: the
+// picture's middle shows the floor point below the camera, whose radiance
+// has a closed form. A metallic-roughness floor must show the same under an
+// even sky (a furnace) and under an emissive plane above the camera (sampled
+// and hit, weighed by the power heuristic): what it reflects. A
+// single-scattering lobe loses what would bounce between microfacets: 0.307
+// for white metal of roughness 1 head-on. Roughness 0 is as smooth as a
+// finite lobe gets (0.03), not black.
+TEST_F(Renderer, LitFloorsMatchTheClosedForms)
 {
     const Vec point = {0, 0, 0};
     const Vec up = {0, 1, 0};
-    const float albedo = 0.5f;
-    const float radiance = 2.0f;
+    constexpr float albedo = 0.5f;
+    constexpr float radiance = 2.0f;
     // A sphere of radius 1 at (2, 1.5, 0): sin^2 of its half angle is 1/6.25.
     const double sphere = albedo * radiance * (1.0 / 6.25) * (1.5 / 2.5);
     const std::vector<Vec> triangle = {{1, 1, -1}, {1, 1.5, 1}, {2, 2, 0}};
@@ -492,14 +523,15 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
          ProjectedSolidAngle(point, up, {{1, 1, -0.5}, {2, 1, -0.5}, {2, 1, 0.5}, {1, 1, 0.5}}));
     struct Case
     {
-        const char* shape;
+        const char* shape; // of the light; null: a sky of its radiance, in red
         Uniforms uniforms;
         std::vector<float> mesh;
         double expected;
         double tolerance; // relative
         const char* light = kEmissive;
+        Uniforms floor = {{"albedo", {albedo, albedo, albedo}}}; // metallic first: layered
     };
-    const Case cases[] = {
+    std::vector<Case> cases = {
         // Sampled by its cone.
         {kSphere, {{"centre", {2, 1.5f, 0}}}, {}, sphere, 0.02},
         // Not quite round: sampled by the cone of a sphere around it, and hit.
@@ -523,18 +555,45 @@ TEST_F(Renderer, DirectLightMatchesTheClosedForms)
         // the floor below this plane's back.
         {kPlane, {{"point", {0, 6, 0}}, {"normal", {0, 1, 0}}}, {}, 0, 0, kMetallicRoughness},
     };
+    for (float roughness : {0.0f, 0.5f, 1.0f})
+        for (float metallic : {0.0f, 1.0f})
+            for (const char* shape : {static_cast<const char*>(nullptr), kPlane})
+            {
+                const double expected = HeadOnAlbedo(std::max(roughness, 0.03f), metallic);
+                cases.push_back({shape,
+                                 {{"point", {0, 6, 0}}, {"normal", {0, -1, 0}}},
+                                 {},
+                                 radiance * expected,
+                                 0.01 / expected,
+                                 kEmissive,
+                                 {{"metallic", {metallic}}, {"roughness", {roughness}}}});
+            }
     constexpr int kFrames = 16;
     for (const Case& c : cases)
     {
-        SCOPED_TRACE(c.shape);
+        SCOPED_TRACE(testing::Message()
+                     << (c.shape ? c.shape : "sky") << ", expected " << c.expected);
         Start(1, 32, 32, KS_BLEND_MODE_2);
         ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
-        LookStraightDown("output(0, radiance);\n");
-        Shape(kPlane, kDiffuse,
-              {{"point", {0, 0, 0}}, {"normal", {0, 1, 0}}, {"albedo", {albedo, albedo, albedo}}});
-        Shape(c.shape, c.light,
-              {{c.light == kEmissive ? "radiance" : "emission", {radiance, radiance, radiance}}});
-        Set(c.uniforms);
+        LookStraightDown("output(0, radiance);\n", {{"sky", {c.shape ? 0 : radiance, 0, 0}}});
+        const bool layered = c.floor[0].name == std::string("metallic");
+        Shape(kPlane, layered ? kMetallicRoughness : kDiffuse, {{"normal", {0, 1, 0}}});
+        Set(c.floor);
+        if (layered && c.shape)
+        {
+            // Under the light a packed map sets roughness (green) and metal
+            // (blue), over factors of 1.
+            const std::array<float, 3> packed = {0, c.floor[1].values[0], c.floor[0].values[0]};
+            SetTexture("mr_map", Texture(1, 1, KS_RGB, packed.data()));
+            Set({{"metallic", {1}}, {"roughness", {1}}});
+        }
+        if (c.shape)
+        {
+            Shape(
+                c.shape, c.light,
+                {{c.light == kEmissive ? "radiance" : "emission", {radiance, radiance, radiance}}});
+            Set(c.uniforms);
+        }
         if (!c.mesh.empty())
             Mesh(c.mesh);
         ASSERT_NO_KS_ERROR();
@@ -588,72 +647,6 @@ TEST_F(Renderer, TextureIsSampledWithItsFilterAndWrap)
             EXPECT_LE(value, std::max(a, b) + 1e-5) << x;
         }
     }
-}
-
-// ---------------------------------------------------------------------------
-// Metallic-roughness
-
-// What a white metallic-roughness surface seen head-on reflects of an even
-// sky, by quadrature over the angle of incidence: GGX with height-correlated
-// Smith shadowing (which, seen head-on, is G1 of the light alone), Schlick's
-// Fresnel, and the Lambertian base under the dielectric's (1 - F).
-double HeadOnAlbedo(double roughness, double metallic)
-{
-    const double a2 = std::pow(roughness, 4.0);
-    constexpr int kSteps = 20000;
-    double sum = 0.0;
-    for (int i = 0; i < kSteps; ++i)
-    {
-        const double theta = (i + 0.5) / kSteps * kPi / 2, c = std::cos(theta);
-        const double ch = std::cos(theta / 2); // the half vector's cosine
-        const double d = ch * ch * (a2 - 1) + 1;
-        const double lambda = 0.5 * (std::sqrt(1 + a2 * std::pow(std::tan(theta), 2)) - 1);
-        const double schlick = std::pow(1 - ch, 5);
-        const double f0 = 0.04 * (1 - metallic) + metallic;
-        const double specular =
-            (f0 + (1 - f0) * schlick) * a2 / (kPi * d * d) / (1 + lambda) / (4 * c);
-        const double diffuse = (1 - metallic) * (1 - (0.04 + 0.96 * schlick)) / kPi;
-        sum += (specular + diffuse) * c * std::sin(theta) * (kPi / 2 / kSteps);
-    }
-    return 2 * kPi * sum;
-}
-
-// A floor seen head-on under an even sky (a furnace) and under an emissive
-// plane above the camera (sampled and hit, weighed by the power heuristic)
-// must show the same: what the surface reflects. A single-scattering lobe
-// loses what would bounce between microfacets: 0.307 for white metal of
-// roughness 1 head-on. Roughness 0 is as smooth as a finite lobe gets
-// (0.03), not black. Under the sky the factors set roughness and metal;
-// under the light a packed map does (roughness in green, metal in blue),
-// over factors of 1.
-TEST_F(Renderer, MetallicRoughnessReflectsWhatItsModelSays)
-{
-    for (float roughness : {0.0f, 0.5f, 1.0f})
-        for (float metallic : {0.0f, 1.0f})
-            for (bool sky : {true, false})
-            {
-                const double expected = HeadOnAlbedo(std::max(roughness, 0.03f), metallic);
-                SCOPED_TRACE(testing::Message()
-                             << "roughness " << roughness << ", metallic " << metallic
-                             << (sky ? ", sky" : ", light plane") << ", expected " << expected);
-                Start(1, 32, 32, KS_BLEND_MODE_2);
-                ksFrameParameter1i(KS_RAY_DEPTH_LIMIT, 1);
-                LookStraightDown("output(0, radiance);\n", {{"sky", {sky ? 1.0f : 0.0f, 0, 0}}});
-                const std::array<float, 3> packed = {0, roughness, metallic};
-                _KStexture* map = Texture(1, 1, KS_RGB, packed.data());
-                Shape(kPlane, kMetallicRoughness,
-                      {{"normal", {0, 1, 0}},
-                       {"metallic", {sky ? metallic : 1.0f}},
-                       {"roughness", {sky ? roughness : 1.0f}}});
-                if (!sky)
-                {
-                    SetTexture("mr_map", map);
-                    Shape(kPlane, kEmissive,
-                          {{"point", {0, 6, 0}}, {"normal", {0, -1, 0}}, {"radiance", {1, 0, 0}}});
-                }
-                Render(16);
-                EXPECT_NEAR(Mean(0, 0, 0, 32, 32) / 16, expected, 0.01);
-            }
 }
 
 // ---------------------------------------------------------------------------
