@@ -1,7 +1,6 @@
-// Shaders, programs, primitives and uniforms.
+// Shaders and programs: sources, attachments, deletion and name look-up.
 #include "KestrelFixture.h"
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -160,19 +159,6 @@ TEST_F(KestrelShaders, NamesMatchOnlyWhole)
     }
     EXPECT_NO_KS_ERROR();
 }
-
-// ---------------------------------------------------------------------------
-// Uniform arguments
-
-using KestrelUniforms = KestrelFixture;
-
-// One setter of each kind of storage, called with a location, a count and
-// data or null.
-struct UniformSetter
-{
-    const char* name;
-    std::function<void(int location, long long count, bool withData)> call;
-};
 
 } // namespace
 } // namespace KestrelTest
