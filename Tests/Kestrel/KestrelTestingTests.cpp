@@ -48,16 +48,6 @@ TEST_F(KestrelFaults, AFaultFailsOneCallWithTheErrorAskedFor)
         return status == 0 && log && std::string(log) == "0:0: error: injected fault" &&
                ksGetUniformLocation(program, "c") == -1;
     };
-    // A refused switch leaves this context current.
-    const auto switchFailed = [&]
-    {
-        void* other = KestrelCreateContext(nullptr, nullptr, nullptr);
-        const bool refused = KestrelSetCurrentContext(other) == 0;
-        const bool ours = ReadBindingState(_pContext).buffers[0] == buffer;
-        KestrelSetCurrentContext(_pContext);
-        KestrelDestroyContext(other);
-        return refused && ours;
-    };
     const auto bindFailed = [&]
     {
         ksBindBuffer(KS_ARRAY_BUFFER, nullptr);
@@ -66,7 +56,6 @@ TEST_F(KestrelFaults, AFaultFailsOneCallWithTheErrorAskedFor)
     const std::tuple<const char*, std::function<bool()>, int> cases[] = {
         {"ksGenTextures", [] { return !NewTexture(); }, KS_OUT_OF_MEMORY},
         {"ksLinkProgram", linkFailed, KS_NO_ERROR},
-        {"KestrelSetCurrentContext", switchFailed, KS_NO_ERROR},
         {"ksBindBuffer", bindFailed, KS_INVALID_OPERATION},
     };
     for (const auto& [function, failed, naturalError] : cases)
