@@ -163,8 +163,6 @@ TEST_F(KestrelRender, HookRunsOncePerFrameOnAWorkerAndMayRaise)
     std::atomic<void*> context{nullptr};
     const std::thread::id caller = std::this_thread::get_id();
     KestrelStopContext(_pContext);
-    KestrelStopContext(nullptr);
-    KestrelStopContext(ForgedHandle<void>());
     {
         AutoRenderHook hook(
             [&](void* current)

@@ -79,7 +79,6 @@ TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
         std::string expected;
     };
     const Case cases[] = {
-        {"one string", {"uniform float r;"}, {}, "uniform float r;"},
         {"concatenated", {"uniform ", "float r;", "\n"}, {}, "uniform float r;\n"},
         {"with lengths", {"uniformXXX", " float r;"}, {7, -1}, "uniform float r;"},
         {"zero length", {"abc", "uniform int i;"}, {0, 14}, "uniform int i;"},
