@@ -46,8 +46,8 @@ TEST_F(KestrelHandles, NeverReusedAndChurnKeepsTheBookkeepingSmall)
     ASSERT_NO_KS_ERROR();
     EXPECT_EQ(CountIssuedRuns(_pContext), runs) << "a record for each object";
 
-    // Another context, gone since, takes ids and numbers in between: one more
-    // run of each.
+    // Other contexts, one of them gone, take ids and numbers in between: one
+    // more run of each.
     void* gone = KestrelCreateContext(nullptr, nullptr, nullptr);
     ASSERT_EQ(KestrelSetCurrentContext(gone), 1);
     churn(200);
