@@ -1,9 +1,8 @@
-// Buffer storage and maps; texture images and client storage.
+// Texture images: their largest size, and clears landing in client storage.
 #include "KestrelFixture.h"
 
 #include <cmath>
 #include <cstdint>
-#include <cstring>
 #include <utility>
 #include <vector>
 
@@ -11,37 +10,6 @@ namespace KestrelTest
 {
 namespace
 {
-
-// ---------------------------------------------------------------------------
-// Buffers
-
-class KestrelBuffers : public KestrelFixture
-{
-protected:
-    void SetUp() override
-    {
-        KestrelFixture::SetUp();
-        _pBuffer = NewBuffer();
-        ksBindBuffer(KS_ARRAY_BUFFER, _pBuffer);
-        ASSERT_NO_KS_ERROR();
-    }
-
-    // Copies `size` bytes out through a read-only map.
-    std::vector<unsigned char> ReadBack(size_t size, int target = KS_ARRAY_BUFFER)
-    {
-        std::vector<unsigned char> bytes(size, 0xee);
-        const void* mapped = ksMapBuffer(target, KS_READ_ONLY);
-        if (mapped)
-            std::memcpy(bytes.data(), mapped, size);
-        ksUnmapBuffer(target);
-        return bytes;
-    }
-
-    _KSbuffer* _pBuffer = nullptr;
-};
-
-// ---------------------------------------------------------------------------
-// Textures
 
 class KestrelTextures : public BoundTextureFixture
 {

@@ -1,7 +1,6 @@
-// Shaders, programs, primitives and uniforms.
+// Shaders and programs: sources, attachments, deletion and name look-up.
 #include "KestrelFixture.h"
 
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -80,7 +79,6 @@ TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
         std::string expected;
     };
     const Case cases[] = {
-        {"one string", {"uniform float r;"}, {}, "uniform float r;"},
         {"concatenated", {"uniform ", "float r;", "\n"}, {}, "uniform float r;\n"},
         {"with lengths", {"uniformXXX", " float r;"}, {7, -1}, "uniform float r;"},
         {"zero length", {"abc", "uniform int i;"}, {0, 14}, "uniform int i;"},
@@ -160,19 +158,6 @@ TEST_F(KestrelShaders, NamesMatchOnlyWhole)
     }
     EXPECT_NO_KS_ERROR();
 }
-
-// ---------------------------------------------------------------------------
-// Uniform arguments
-
-using KestrelUniforms = KestrelFixture;
-
-// One setter of each kind of storage, called with a location, a count and
-// data or null.
-struct UniformSetter
-{
-    const char* name;
-    std::function<void(int location, long long count, bool withData)> call;
-};
 
 } // namespace
 } // namespace KestrelTest
