@@ -11,24 +11,7 @@ namespace KestrelTest
 namespace
 {
 
-class KestrelTextures : public BoundTextureFixture
-{
-protected:
-    // Binds a frame buffer with `texture` at attachment 0 and clears it.
-    void ClearThrough(_KStexture* texture, float r, float g, float b, float a)
-    {
-        if (!_pFramebuffer)
-        {
-            _pFramebuffer = NewFramebuffer();
-            ksBindFramebuffer(KS_FRAMEBUFFER, _pFramebuffer);
-        }
-        Attach(0, texture);
-        ksClearColor(r, g, b, a);
-        ksClear(KS_COLOR_BUFFER_BIT);
-    }
-
-    _KSframebuffer* _pFramebuffer = nullptr;
-};
+using KestrelTextures = BoundTextureFixture;
 
 // An edge may be as long as the largest size, not one pixel longer.
 TEST_F(KestrelTextures, EdgesReachTheLargestSizeAndNoFurther)
@@ -91,6 +74,7 @@ TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
     // runs and a ragged end for every pixel size.
     constexpr int kWidth = 37;
     constexpr int kHeight = 40;
+    ksBindFramebuffer(KS_FRAMEBUFFER, NewFramebuffer());
     for (const auto& c : cases)
     {
         SCOPED_TRACE(Hex(c.format) + " " + Hex(c.type.type));
@@ -99,7 +83,9 @@ TEST_F(KestrelTextures, ClientStorageReceivesClearsInItsFormat)
         std::vector<std::uint64_t> storage(kWidth * kHeight * channels + 1, 0x5a5a5a5a5a5a5a5aull);
         _KStexture* texture =
             NewClientTexture(kWidth, kHeight, c.format, c.type.type, storage.data());
-        ClearThrough(texture, c.color[0], c.color[1], c.color[2], c.color[3]);
+        Attach(0, texture);
+        ksClearColor(c.color[0], c.color[1], c.color[2], c.color[3]);
+        ksClear(KS_COLOR_BUFFER_BIT);
         ASSERT_NO_KS_ERROR();
         for (size_t i = 0; i < kWidth * kHeight * channels; ++i)
         {

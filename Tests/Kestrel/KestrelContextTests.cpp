@@ -1,9 +1,7 @@
 // Contexts, the current context and the error model.
 #include "KestrelFixture.h"
 
-#include <cstring>
 #include <functional>
-#include <thread>
 
 namespace KestrelTest
 {

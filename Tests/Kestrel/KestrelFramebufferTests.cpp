@@ -7,6 +7,7 @@
 #include <atomic>
 #include <thread>
 #include <utility>
+#include <vector>
 
 namespace KestrelTest
 {
@@ -140,24 +141,13 @@ TEST_F(KestrelFramebuffers, StatisticsCountFramesAndViewportPixels)
 // ---------------------------------------------------------------------------
 // The render hook and stopping a frame
 
-class KestrelRender : public KestrelFramebuffers
-{
-protected:
-    void SetUp() override
-    {
-        KestrelFramebuffers::SetUp();
-        // Several tiles, so that a stop between tiles has somewhere to act.
-        Attach(0, NewClientTexture(64, 48, KS_RGBA, KS_FLOAT, _pixels.data()));
-        ASSERT_NO_KS_ERROR();
-    }
-
-    std::array<float, 64 * 48 * 4> _pixels{};
-};
-
 // The hook runs once per frame that passes validation, on a worker. What it
 // raises reaches the caller; a stop outside a frame is forgotten.
-TEST_F(KestrelRender, HookRunsOncePerFrameOnAWorkerAndMayRaise)
+TEST_F(KestrelFramebuffers, HookRunsOncePerFrameOnAWorkerAndMayRaise)
 {
+    // Several tiles, so that a stop between tiles has somewhere to act.
+    std::vector<float> pixels(64 * 48 * 4);
+    Attach(0, NewClientTexture(64, 48, KS_RGBA, KS_FLOAT, pixels.data()));
     std::atomic<int> calls{0};
     std::atomic<bool> onCaller{false};
     std::atomic<void*> context{nullptr};

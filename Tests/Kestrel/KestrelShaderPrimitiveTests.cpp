@@ -1,4 +1,4 @@
-// Shaders and programs: sources, attachments, deletion and name look-up.
+// Shaders and programs: sources, attachments and name look-up.
 #include "KestrelFixture.h"
 
 #include <string>
@@ -12,7 +12,6 @@ namespace
 const char* const kSphereSource = "uniform vec3 center;\n"
                                   "uniform float radius = 1.0;\n"
                                   "sphere(center, radius);\n";
-const char* const kDeclarationsSource = "uniform vec3 albedo;\n";
 const char* const kMaterialSource = "uniform vec3 albedo;\n"
                                     "diffuse(albedo);\n";
 
@@ -57,13 +56,6 @@ protected:
         ksGetShaderString(shader, name, &text);
         return text ? text : "<null>";
     }
-
-    static std::string ProgramLog(_KSprogram* program)
-    {
-        const char* text = nullptr;
-        ksGetProgramString(program, KS_PROGRAM_LOG, &text);
-        return text ? text : "<null>";
-    }
 };
 
 TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
@@ -98,28 +90,6 @@ TEST_F(KestrelShaders, SourceIsCopiedConcatenatedAndReadBack)
         EXPECT_EQ(ShaderText(shader, KS_SHADER_SOURCE), c.expected);
         EXPECT_NO_KS_ERROR();
     }
-}
-
-// A shader deleted while attached lives until detached; a deleted program,
-// deleted again without a word, leaves its shaders whole.
-TEST_F(KestrelShaders, DeletionLeavesAttachedShadersAndIsSilentTwice)
-{
-    _KSshader* shape = Compiled(KS_VERTEX_SHADER, kSphereSource);
-    _KSshader* shared = Compiled(KS_LINK_ONCE_SHADER, kDeclarationsSource);
-    _KSprogram* program = Linked({shape, shared});
-    ASSERT_EQ(LinkStatus(program), 1) << ProgramLog(program);
-    ksDeleteShader(shared);
-    ksDeleteShader(shared);
-    ksDetachShader(program, shared);
-    ksDeleteProgram(program);
-    ksDeleteProgram(program);
-    EXPECT_NO_KS_ERROR();
-    EXPECT_EQ(ShaderText(shape, KS_SHADER_SOURCE), kSphereSource);
-    _KSprogram* again = Linked({shape});
-    EXPECT_EQ(LinkStatus(again), 1) << ProgramLog(again);
-    EXPECT_NO_KS_ERROR();
-    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).shaders, 1);
-    EXPECT_EQ(Kestrel::Testing::CountObjects(_pContext).programs, 1);
 }
 
 TEST_F(KestrelShaders, AttachmentsAreASet)
