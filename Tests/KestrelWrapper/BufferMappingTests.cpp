@@ -1,5 +1,5 @@
-// Buffer mappings: the live map, the private copy written back, and private
-// copies of several buffers.
+// Buffer mappings: the live map, the private copy written back, private
+// copies of several buffers, and the context's pixel pack bind pair.
 #include "SlotProbes.h"
 #include "WrapperFixture.h"
 
@@ -75,7 +75,7 @@ TEST(MappingLookupTest, ValuesOutsideATableGiveItsFirstRow)
     }
 }
 
-TEST_F(MappingTest, LiveMapHoldsItsBindPointAndPutsItBack)
+TEST_F(MappingTest, LiveMapAndPixelPackPairHoldTheirBindPointAndPutItBack)
 {
     IKSBuffer* buffer = Filled({1, 2, 3, 4});
     for (int n = KSBufferMapping::kBindPoint_Array; n <= KSBufferMapping::kBindPoint_UniformBlock;
@@ -95,6 +95,10 @@ TEST_F(MappingTest, LiveMapHoldsItsBindPointAndPutsItBack)
         EXPECT_EQ(Contents(buffer), (Bytes{static_cast<unsigned char>(10 + n), 2, 3, 4}));
         EXPECT_NO_KS_ERROR();
     }
+    // The pair's hold on the slot is the thread tests'; here what it saves.
+    _pContext->BindPixelPackBuffer(buffer->GetKSBuffer());
+    _pContext->UnbindPixelPackBuffer();
+    EXPECT_EQ(AllBindings(), Others());
     KSBufferMapping pixelPack(buffer, KSBufferMapping::kAccess_ReadOnly);
     EXPECT_EQ(BoundBuffer(KS_PIXEL_PACK_BUFFER_BINDING), buffer->GetKSBuffer()) << "by default";
 }

@@ -45,7 +45,6 @@ TEST_F(WrapperFixture, RenderFrameRegionClearAndViewportPassTheirNumbersOn)
         EXPECT_EQ(_pContext->RenderFrame(), IKestrelContext::kRFS_Stopped);
         EXPECT_FALSE(
             _pContext->RenderRegion(Rect2<Vector2i, int>{{0, 0}, {4, 4}}, false, Color3f{}));
-        EXPECT_EQ(_console.Calls(), std::vector<ConsoleCall>{});
         EXPECT_NO_KS_ERROR();
     }
 
@@ -79,7 +78,6 @@ TEST_F(WrapperFixture, RayDepthLimitIsBoundedByTheMaximum)
     EXPECT_FALSE(_pContext->SetRayDepthLimit(maximum + 1));
     EXPECT_TRUE(log.CallsOf("ksFrameParameter1i").empty()) << "Kestrel must not be told";
     EXPECT_EQ(_pContext->GetRayDepthLimit(), 1);
-    EXPECT_NO_KS_ERROR();
 }
 
 // Each query asks Kestrel for its own constant and hands the answer on.

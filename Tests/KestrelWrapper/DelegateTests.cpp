@@ -26,7 +26,7 @@ struct Listener
     bool bAnswer = true;
     std::function<void()> onCall; // runs inside the call, before answering
 
-    bool First() { return _Note(".First"); }
+    bool First() { return _Note(""); } // the name alone: the walks' journals read easier
     bool Second() { return _Note(".Second"); }
     bool Take(int value) { return _Note("(" + std::to_string(value) + ")"); }
     bool Peek() const
@@ -138,10 +138,7 @@ TEST(ListenerListTest, ListenersMayChangeTheListTheyAreCalledFrom)
         { c.adds ? list.Add(other) : list.Remove(other); };
 
         EXPECT_TRUE(list.Walk());
-        Journal names;
-        for (const std::string& entry : trio.journal)
-            names.push_back(entry.substr(0, 2));
-        EXPECT_EQ(names, c.expected);
+        EXPECT_EQ(trio.journal, c.expected);
         EXPECT_EQ(list.Size(), c.sizeAfter);
     }
 }

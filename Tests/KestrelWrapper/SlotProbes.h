@@ -68,16 +68,6 @@ inline Bytes ReadBytes(_KSbuffer* buffer, std::size_t size)
     return bytes;
 }
 
-inline void WriteBytes(_KSbuffer* buffer, const Bytes& bytes)
-{
-    _KSbuffer* saved = BoundBuffer(KS_PIXEL_UNPACK_BUFFER_BINDING);
-    ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, buffer);
-    if (void* map = ksMapBuffer(KS_PIXEL_UNPACK_BUFFER, KS_WRITE_ONLY))
-        std::copy(bytes.begin(), bytes.end(), static_cast<unsigned char*>(map));
-    ksUnmapBuffer(KS_PIXEL_UNPACK_BUFFER);
-    ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, saved);
-}
-
 // Buffers made through the context, given back after the test.
 class BufferFixture : public WrapperFixture
 {
@@ -99,7 +89,12 @@ protected:
     {
         Vireo::IKSBuffer* buffer = Create();
         EXPECT_TRUE(buffer->Init(Vireo::IKSBuffer::kUsage_DynamicDraw, contents.size()));
-        WriteBytes(buffer->GetKSBuffer(), contents);
+        _KSbuffer* saved = BoundBuffer(KS_PIXEL_UNPACK_BUFFER_BINDING);
+        ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, buffer->GetKSBuffer());
+        if (void* map = ksMapBuffer(KS_PIXEL_UNPACK_BUFFER, KS_WRITE_ONLY))
+            std::copy(contents.begin(), contents.end(), static_cast<unsigned char*>(map));
+        ksUnmapBuffer(KS_PIXEL_UNPACK_BUFFER);
+        ksBindBuffer(KS_PIXEL_UNPACK_BUFFER, saved);
         return buffer;
     }
 
