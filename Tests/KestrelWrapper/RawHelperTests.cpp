@@ -61,9 +61,9 @@ TEST_F(RawFixture, ShadersJoinTheirSourcesAndProgramsLeaveTheirShadersToTheCalle
     }
     _KSprogram* single = Raw()->CreateProgram(shape);
     EXPECT_NE(single, nullptr) << "the shaders are still usable";
-    Raw()->DestroyProgram(single);
-    Raw()->DestroyProgram(both);
-    Raw()->DestroyShader(shape);
-    Raw()->DestroyShader(material);
+    EXPECT_TRUE(Raw()->DestroyProgram(single));
+    EXPECT_TRUE(Raw()->DestroyProgram(both));
+    EXPECT_TRUE(Raw()->DestroyShader(shape));
+    EXPECT_TRUE(Raw()->DestroyShader(material));
     EXPECT_NO_KS_ERROR();
 }
