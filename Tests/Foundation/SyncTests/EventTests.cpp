@@ -44,10 +44,8 @@ public:
     void Join()
     {
         for (std::thread& thread : _threads)
-        {
             if (thread.joinable())
                 thread.join();
-        }
     }
 
     std::atomic<int> _nAboutToWait{0};
