@@ -261,7 +261,6 @@ TEST_F(Import, MaterialValuesCameraAndFraming)
     EXPECT_EQ(scene.meshes[2].TriangleCount(), 2u);      // the quad, split
 }
 
-// On the files of Import.
 class ImportRender : public Import
 {
 protected:

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 using namespace SyncTest;
 using Vireo::kInfinite;
@@ -95,12 +96,7 @@ TEST(NamedObjectTest, DifferentNamesStayApartAndEndWithTheirLastUser)
 {
     const std::wstring stem = UniqueName(L"");
     const std::wstring longText(300, L'n');
-    struct Case
-    {
-        std::wstring first;
-        std::wstring second;
-    };
-    const Case cases[] = {
+    const std::pair<std::wstring, std::wstring> cases[] = {
         {L"a/b", L"a%2Fb"},
         {L"x", L"X"},
         {L".", L" "},
@@ -109,7 +105,7 @@ TEST(NamedObjectTest, DifferentNamesStayApartAndEndWithTheirLastUser)
         {longText + L"1", longText + L"2"},
         {longText, longText.substr(0, 200)},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
     {
         const std::wstring first = stem + c.first;
         const std::wstring second = stem + c.second;
