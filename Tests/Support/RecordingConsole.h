@@ -7,7 +7,6 @@
 
 #include "CoreInterfaces/VireoCore.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -91,16 +90,11 @@ inline std::ostream& operator<<(std::ostream& stream, const ConsoleCall& call)
 class RecordingConsole : public IMgrConsole
 {
 public:
-    void SetVerbosity(IConsole::VerbosityLevel level) override
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        _eVerbosity = level;
-    }
-    IConsole::VerbosityLevel GetVerbosity() const override
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _eVerbosity;
-    }
+    // Every call is recorded whatever its level, and nothing under test asks
+    // for the level or the depth: the recorded calls show both.
+    void SetVerbosity(IConsole::VerbosityLevel) override {}
+    IConsole::VerbosityLevel GetVerbosity() const override { return IConsole::kVL_Trace; }
+    int GetBlockDepth() const override { return 0; }
 
     VIREO_RECORDING_CONSOLE_KIND(Print, kCCK_Print)
     VIREO_RECORDING_CONSOLE_KIND(PrintDetail, kCCK_PrintDetail)
@@ -116,12 +110,6 @@ public:
     void EndBlock(IConsole::VerbosityLevel level, const char* text) override
     {
         _Block(kCCK_EndBlock, level, text);
-    }
-    // Opened and not yet closed; surplus closes do not go below zero.
-    int GetBlockDepth() const override
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _nDepth;
     }
 
     // A snapshot: the console may still be written to.
@@ -148,7 +136,6 @@ public:
     {
         std::lock_guard<std::mutex> lock(_mutex);
         _calls.clear();
-        _nDepth = 0;
     }
 
 private:
@@ -156,7 +143,6 @@ private:
     {
         std::lock_guard<std::mutex> lock(_mutex);
         _calls.push_back({eKind, text != nullptr ? text : "", level});
-        _nDepth = eKind == kCCK_BeginBlock ? _nDepth + 1 : std::max(_nDepth - 1, 0);
     }
 
     void _Record(ConsoleCallKind eKind, const char* format, va_list arguments)
@@ -178,8 +164,6 @@ private:
 
     mutable std::mutex _mutex;
     std::vector<ConsoleCall> _calls;
-    IConsole::VerbosityLevel _eVerbosity = IConsole::kVL_Trace;
-    int _nDepth = 0;
 };
 
 struct AssertCall
@@ -221,11 +205,6 @@ public:
     {
         std::lock_guard<std::mutex> lock(_mutex);
         return _calls;
-    }
-    std::size_t CallCount() const
-    {
-        std::lock_guard<std::mutex> lock(_mutex);
-        return _calls.size();
     }
 
 private:

@@ -44,10 +44,8 @@ public:
     void Join()
     {
         for (std::thread& thread : _threads)
-        {
             if (thread.joinable())
                 thread.join();
-        }
     }
 
     std::atomic<int> _nAboutToWait{0};
@@ -64,12 +62,10 @@ class EventTest : public ::testing::TestWithParam<bool>
 protected:
     std::unique_ptr<Vireo::Event> Make(bool bManualReset, bool bInitialState)
     {
-        _sName = UniqueName(L"event");
+        const std::wstring name = UniqueName(L"event");
         return std::make_unique<Vireo::Event>(bManualReset, bInitialState,
-                                              GetParam() ? _sName.c_str() : nullptr);
+                                              GetParam() ? name.c_str() : nullptr);
     }
-
-    std::wstring _sName;
 };
 
 INSTANTIATE_TEST_SUITE_P(Kinds, EventTest, ::testing::Values(false, true),

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 using namespace SyncTest;
 using Vireo::kInfinite;
@@ -52,7 +53,8 @@ struct Channel
 };
 
 // Runs `body` in a forked child, which ends with its answer as exit code
-// without running any destructor or test machinery of the parent.
+// (0 when all went well) without running any destructor or test machinery of
+// the parent.
 pid_t RunInChild(const std::function<int()>& body)
 {
     const pid_t pid = fork();
@@ -67,13 +69,6 @@ int ExitCodeOf(pid_t pid)
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Child exit codes that tell which step failed.
-enum eChildResult
-{
-    kCR_Ok = 0,
-    kCR_NoSignal = 11,
-};
-
 } // namespace
 
 // A holder in another process that ends holding the lock: we are told once
@@ -86,10 +81,10 @@ TEST(NamedObjectTest, MutexAbandonedByDeadProcess)
         [&]
         {
             Vireo::MutexWaitable own(name.c_str());
-            return static_cast<int>(own.Acquire(0) ? kCR_Ok : kCR_NoSignal);
+            return own.Acquire(0) ? 0 : 1;
         });
     ASSERT_GT(child, 0);
-    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
+    EXPECT_EQ(ExitCodeOf(child), 0);
     EXPECT_FALSE(mutex.Acquire(0)) << "the abandonment was not reported";
     EXPECT_TRUE(mutex.Acquire(0));
     mutex.Release();
@@ -101,12 +96,7 @@ TEST(NamedObjectTest, DifferentNamesStayApartAndEndWithTheirLastUser)
 {
     const std::wstring stem = UniqueName(L"");
     const std::wstring longText(300, L'n');
-    struct Case
-    {
-        std::wstring first;
-        std::wstring second;
-    };
-    const Case cases[] = {
+    const std::pair<std::wstring, std::wstring> cases[] = {
         {L"a/b", L"a%2Fb"},
         {L"x", L"X"},
         {L".", L" "},
@@ -115,7 +105,7 @@ TEST(NamedObjectTest, DifferentNamesStayApartAndEndWithTheirLastUser)
         {longText + L"1", longText + L"2"},
         {longText, longText.substr(0, 200)},
     };
-    for (const Case& c : cases)
+    for (const auto& c : cases)
     {
         const std::wstring first = stem + c.first;
         const std::wstring second = stem + c.second;
@@ -163,9 +153,7 @@ TEST(NamedObjectTest, ObjectOfAnotherLayoutUnderTheName)
                 EXPECT_EQ(event.Wait(kInfinite), !bInUse);
             }
 
-            struct stat status
-            {
-            };
+            struct stat status = {};
             ASSERT_EQ(fstat(fd, &status), 0);
             EXPECT_EQ(status.st_nlink, bInUse ? 1u : 0u);
             EXPECT_EQ(status.st_size, 1) << "the stranger's object was changed";
@@ -190,9 +178,9 @@ TEST(NamedObjectTest, EventMadeAndSetInOtherProcess)
             Vireo::Event own(true, false, name.c_str());
             created.Send();
             if (!go.Receive())
-                return static_cast<int>(kCR_NoSignal);
+                return 1;
             own.Set();
-            return static_cast<int>(kCR_Ok);
+            return 0;
         });
     ASSERT_GT(child, 0);
     ASSERT_TRUE(created.Receive());
@@ -223,5 +211,5 @@ TEST(NamedObjectTest, EventMadeAndSetInOtherProcess)
     EXPECT_TRUE(event.Wait(kPatienceMs)) << "the opener gave up, or the Set did not arrive";
     EXPECT_LE(MillisecondsSince(start), 2000);
     EXPECT_TRUE(event.Wait(0)) << "not the manual-reset event the child made";
-    EXPECT_EQ(ExitCodeOf(child), kCR_Ok);
+    EXPECT_EQ(ExitCodeOf(child), 0);
 }
