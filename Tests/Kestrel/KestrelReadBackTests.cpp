@@ -34,6 +34,7 @@ protected:
     // A record as "type count: f.. i.. h..", each value tagged by its kind.
     static std::string Stored(KSprimitive primitive, int location)
     {
+        EXPECT_FALSE(ReadUniform(primitive, location, nullptr)) << "a null record is refused";
         UniformRecord value;
         if (!ReadUniform(primitive, location, &value))
             return "nothing";

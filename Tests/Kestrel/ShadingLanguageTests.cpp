@@ -140,6 +140,7 @@ const CompileCase kCompileCases[] = {
     // Numbers and characters.
     {kOnce, "uniform int n = 2147483648;", "1:17: error: integer '2147483648' is out of range\n"},
     {kOnce, "uniform float f = -1e39;", "1:19: error: number '-1e39' is out of range\n"},
+    {kOnce, "uniform float f = -3.4028234663852886e38;", ""}, // the largest float itself
     {kOnce, "uniform float f = 1.2.3;", "1:19: error: malformed number '1.2.3'\n"},
     {kOnce, "uniform float f = -x;", "1:20: error: expected a number, found 'x'\n"},
     {kOnce, "uniform vec3 c@;", "1:15: error: unexpected character '@'\n"},
