@@ -75,9 +75,10 @@ TEST_F(KestrelBadInput, SweepRaisesTheDocumentedErrorAndChangesNothing)
         {"ksGetFloatv", kEnum, [] { return WroteZero(ksGetFloatv, kBogus); }},
         {"ksGetDoublev", kEnum, [] { return WroteZero(ksGetDoublev, kBogus); }},
         {"ksGetFrameParameteriv", kEnum, [] { return WroteZero(ksGetFrameParameteriv, kBogus); }},
+        // A target where its binding's name belongs, another kind's name, or a
+        // context state asked as a frame parameter.
         {"ksGetFrameParameteriv", kEnum,
          [] { return WroteZero(ksGetFrameParameteriv, KS_MAX_RAY_DEPTH); }},
-        // A target where its binding's name belongs, or another kind's name.
         {"ksGetBuffer", kEnum, [] { return WroteZero(ksGetBuffer, KS_ARRAY_BUFFER); }},
         {"ksGetBuffer", kEnum, [] { return WroteZero(ksGetBuffer, KS_TEXTURE_BINDING_2D); }},
         {"ksGetTexture", kEnum, [] { return WroteZero(ksGetTexture, KS_TEXTURE_2D); }},
